@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs everything quillmoord needs to build, test and benchmark on a fresh Debian 12 machine.
+# Safe to run again: packages already present are left alone.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  build-essential cmake ninja-build pkg-config clang
+  libboost1.81-dev libjsoncpp-dev libsodium-dev libssl-dev libcurl4-openssl-dev libzstd-dev
+  librust-blake3-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
+  curl wrk nginx-light b3sum
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
+done
+
+# Node.js may come from Debian or from another vendor's package that bundles npm; only ask for it
+# when the commands are missing.
+command -v node >/dev/null 2>&1 || missing+=(nodejs)
+command -v npm >/dev/null 2>&1 || missing+=(npm)
+
+if [ "${#missing[@]}" -gt 0 ]; then
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# Test peers and validators from npm, pinned by the lock file.
+if [ -f tests/node/package.json ]; then
+  (cd tests/node && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
+fi

@@ -1,0 +1,47 @@
+// quillmoord: the build-distribution server and its own administration tool.
+
+#include <sodium.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "app/command_line.h"
+#include "app/commands.h"
+#include "app/context.h"
+#include "app/routes.h"
+#include "app/serve.h"
+#include "app/version.h"
+#include "store/data_dir.h"
+
+int main(int argc, char** argv) {
+  using namespace quill;
+  if (sodium_init() < 0) {
+    std::fputs("libsodium init failed\n", stderr);
+    return 1;
+  }
+  Settings settings;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  ParseOutcome outcome = parseCommandLine(args, settings);
+  if (settings.dataDir.empty()) settings.dataDir = store::defaultDataDir();
+  switch (outcome) {
+    case ParseOutcome::ShowVersion:
+      std::printf("%s\n", kVersion);
+      return 0;
+    case ParseOutcome::DumpRoutes: {
+      Context ctx(settings);
+      for (const auto& route : routeTable(ctx)) {
+        std::printf("%s %s\n", route.method.c_str(), route.pattern.c_str());
+      }
+      return 0;
+    }
+    case ParseOutcome::Usage:
+      std::fputs(usageText().c_str(), stderr);
+      return 1;
+    case ParseOutcome::Proceed:
+      break;
+  }
+  Context ctx(std::move(settings));
+  if (!ctx.settings.words.empty()) return runCommand(ctx);
+  return runServer(ctx);
+}

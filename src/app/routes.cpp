@@ -1,0 +1,106 @@
+#include "app/routes.h"
+
+#include "app/service_endpoints.h"
+#include "http/json.h"
+
+namespace quill {
+
+namespace {
+
+using http::Request;
+using http::Response;
+
+// Routes whose subsystem is not built yet answer 501, so clients can tell "not here yet" from
+// "no such route".
+Response notImplemented(const Request&) {
+  return http::errorResponse(501, "not implemented in this version");
+}
+
+http::Route route(const char* method, const char* path, http::Handler handler = notImplemented) {
+  http::Route r;
+  r.method = method;
+  r.pattern = path;
+  r.handler = std::move(handler);
+  return r;
+}
+
+}  // namespace
+
+std::vector<http::Route> routeTable(Context& ctx) {
+  (void)ctx;
+  return {
+      route("GET", "/api/channels"),
+      route("POST", "/api/channels/{channel}"),
+      route("GET", "/api/channels/{channel}"),
+      route("DELETE", "/api/channels/{channel}"),
+      route("POST", "/api/channels/{channel}/promote"),
+      route("POST", "/api/channels/{channel}/public"),
+      route("POST", "/api/channels/{channel}/launch"),
+      route("GET", "/api/builds"),
+      route("GET", "/api/builds/{id}"),
+      route("DELETE", "/api/builds/{id}"),
+      route("PUT", "/api/builds/{id}/files"),
+      route("GET", "/api/builds/{id}/files"),
+      route("POST", "/api/builds/{id}/finalize"),
+      route("POST", "/api/builds/{id}/disabled"),
+      route("GET", "/api/me"),
+      route("POST", "/api/invites"),
+      route("GET", "/api/invites"),
+      route("DELETE", "/api/invites/{id}"),
+      route("POST", "/api/invites/redeem"),
+      route("POST", "/api/access-requests"),
+      route("GET", "/api/access-requests"),
+      route("POST", "/api/access-requests/{id}/approve"),
+      route("DELETE", "/api/access-requests/{id}"),
+      route("GET", "/api/claim"),
+      route("POST", "/api/claim"),
+      route("GET", "/api/users"),
+      route("POST", "/api/users/{name}"),
+      route("DELETE", "/api/users/{name}"),
+      route("POST", "/api/users/{name}/groups"),
+      route("DELETE", "/api/users/{name}/groups"),
+      route("POST", "/api/users/{name}/channels"),
+      route("DELETE", "/api/users/{name}/channels"),
+      route("POST", "/api/users/{name}/disabled"),
+      route("POST", "/api/users/{name}/role"),
+      route("POST", "/api/users/{name}/profile"),
+      route("POST", "/api/users/{name}/tokens"),
+      route("GET", "/api/groups"),
+      route("POST", "/api/groups/{name}"),
+      route("DELETE", "/api/groups/{name}"),
+      route("POST", "/api/groups/{name}/channels"),
+      route("DELETE", "/api/groups/{name}/channels"),
+      route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
+      route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
+      route("GET", "/api/rill/sync/{channel}"),
+      route("POST", "/api/backup"),
+      route("GET", "/api/backups"),
+      route("PUT", "/api/backup/config"),
+      route("POST", "/api/backup/init"),
+      route("DELETE", "/api/backup/config"),
+      route("GET", "/api/storage"),
+      route("PUT", "/api/storage"),
+      route("DELETE", "/api/storage"),
+      route("POST", "/api/storage/test"),
+      route("GET", "/api/sso/config"),
+      route("PUT", "/api/sso/config"),
+      route("DELETE", "/api/sso/config"),
+      route("POST", "/api/sso/config/test"),
+      route("GET", "/api/sso/mapping"),
+      route("PUT", "/api/sso/mapping"),
+      route("GET", "/api/sso/status"),
+      route("GET", "/api/sso/start"),
+      route("GET", "/api/sso/callback"),
+      route("POST", "/api/sso/handoff"),
+      route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
+      route("GET", "/", [](const Request&) { return landingPage(); }),
+  };
+}
+
+http::Router makeRouter(Context& ctx) {
+  http::Router router;
+  for (auto& r : routeTable(ctx)) router.add(std::move(r));
+  return router;
+}
+
+}  // namespace quill

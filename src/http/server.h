@@ -1,0 +1,60 @@
+#pragma once
+// The HTTP/1.1 server: keep-alive connections served by a few I/O threads, with every route
+// handler (and every check that reads files) run on a pool of worker threads.
+//
+// A request is read head first. The router's head stage (routing, the pre-handling hook, the
+// route's own head check) runs before any body byte is read; a refusal is answered at once, and
+// the connection is closed when a body was announced but not read. `Expect: 100-continue` is
+// honoured: the interim answer goes out only after the head stage let the request through.
+// Bodies up to `bodyLimit` are read into memory, or streamed into the route's body file.
+//
+// Thread safety: listen() and every() before run(); stop() from any thread.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "http/router.h"
+
+namespace quill::http {
+
+struct ServerCore;
+
+struct ServerOptions {
+  std::string address = "0.0.0.0";
+  std::uint16_t port = 8080;  // 0 picks a free port; see Server::port()
+  unsigned ioThreads = 1;
+  unsigned workerThreads = 8;
+  std::uint64_t bodyLimit = 2147483648ULL;
+  std::size_t headerLimit = 64 * 1024;
+  // The whole head must arrive within this time (also the keep-alive idle limit), so a client
+  // that trickles its headers cannot hold a connection open for long.
+  std::chrono::seconds headerTimeout{30};
+  // A body read that makes no progress for this long is abandoned.
+  std::chrono::seconds bodyIdleTimeout{60};
+};
+
+class Server {
+ public:
+  Server(Router router, ServerOptions options);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Opens the listener. On failure returns false and sets `error` to a one-line reason.
+  bool listen(std::string& error);
+  // The bound port (useful after listening on port 0).
+  std::uint16_t port() const;
+  // Runs `task` on a worker thread every `period`, from the time run() starts.
+  void every(std::chrono::milliseconds period, std::function<void()> task);
+  // Serves until stop(); returns after every I/O thread has finished.
+  void run();
+  void stop();
+
+ private:
+  std::unique_ptr<ServerCore> core_;
+};
+
+}  // namespace quill::http

@@ -1,0 +1,112 @@
+#include "store/documents.h"
+
+#include <json/reader.h>
+
+#include <fstream>
+#include <memory>
+#include <system_error>
+
+namespace quill::store {
+
+namespace {
+
+// One shared, configured builder; building a reader from it is cheap and thread-safe.
+const Json::CharReaderBuilder& readerBuilder() {
+  static const Json::CharReaderBuilder builder = [] {
+    Json::CharReaderBuilder b;
+    // The whole file must be the document: a half-written or appended-to file is not a record.
+    b["failIfExtra"] = true;
+    return b;
+  }();
+  return builder;
+}
+
+bool parseJson(const std::string& text, Json::Value& out) {
+  const std::unique_ptr<Json::CharReader> reader(readerBuilder().newCharReader());
+  const char* begin = text.data();
+  return reader->parse(begin, begin + text.size(), &out, nullptr);
+}
+
+// A listed entry counts when it is a regular file (after following links) named "*.json".
+// An entry that vanished since the directory was read is skipped: concurrent deletes are normal.
+bool isJsonRecordFile(const fs::directory_entry& entry) {
+  if (entry.path().extension() != ".json") return false;
+  std::error_code ec;
+  const bool regular = entry.is_regular_file(ec);
+  if (!ec) return regular;
+  if (ec == std::errc::no_such_file_or_directory) return false;
+  throw fs::filesystem_error("directory_entry::status", entry.path(), ec);
+}
+
+}  // namespace
+
+bool readJsonFile(const fs::path& path, Json::Value& out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  // istream::read turns a read error (such as EISDIR for a directory named "*.json") into badbit
+  // instead of letting the buffer's exception escape.
+  std::string text;
+  char buffer[8192];
+  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) text.append(buffer, in.gcount());
+  if (in.bad()) return false;
+
+  // Parse aside so a failed read leaves the caller's value untouched.
+  Json::Value parsed;
+  if (!parseJson(text, parsed)) return false;
+  out = std::move(parsed);
+  return true;
+}
+
+bool writeFileAtomic(const fs::path& path, std::string_view bytes) {
+  std::error_code ignored;
+  // Record directories come into being with their first record; if this fails, the open fails.
+  fs::create_directories(path.parent_path(), ignored);
+
+  fs::path tmp = path;
+  tmp += ".tmp";
+  std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+  if (!out) return false;
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  if (!out) return false;
+  // Closing flushes the stream's buffer, so a full disk may only show here; never rename a
+  // truncated document over a good one.
+  out.close();
+  if (!out) return false;
+
+  std::error_code ec;
+  fs::rename(tmp, path, ec);
+  return !ec;
+}
+
+std::string toStyledJson(const Json::Value& value) { return value.toStyledString(); }
+
+bool writeJsonFile(const fs::path& path, const Json::Value& value) {
+  return writeFileAtomic(path, toStyledJson(value));
+}
+
+std::vector<std::pair<fs::path, Json::Value>> listJsonDir(const fs::path& dir) {
+  std::vector<std::pair<fs::path, Json::Value>> records;
+  std::error_code ec;
+  fs::directory_iterator it(dir, ec);
+  // A record directory that no write has created yet simply holds no records.
+  if (ec == std::errc::no_such_file_or_directory) return records;
+  if (ec) throw fs::filesystem_error("directory_iterator::directory_iterator", dir, ec);
+
+  for (const fs::directory_iterator end; it != end;) {
+    if (isJsonRecordFile(*it)) {
+      Json::Value value;
+      if (readJsonFile(it->path(), value)) records.emplace_back(it->path(), std::move(value));
+    }
+    it.increment(ec);
+    if (ec) throw fs::filesystem_error("directory_iterator::operator++", dir, ec);
+  }
+  return records;
+}
+
+bool removeFile(const fs::path& path) {
+  std::error_code ec;
+  const bool removed = fs::remove(path, ec);
+  return removed && !ec;
+}
+
+}  // namespace quill::store

@@ -1,0 +1,43 @@
+#pragma once
+// JSON documents in the data directory: one object per file, read whole, written whole through a
+// temporary file and a rename, so a reader sees either the old document or the new one.
+//
+// Thread safety: no locks. Concurrent read-modify-write of one document is last-writer-wins;
+// only the replacement of the whole file is atomic.
+
+#include <json/value.h>
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace quill::store {
+
+namespace fs = std::filesystem;
+
+// Parses the whole file into `out`. Returns false when the file is missing, unreadable or not
+// valid JSON; callers treat that as "absent".
+bool readJsonFile(const fs::path& path, Json::Value& out);
+
+// Writes `bytes` to `path` + ".tmp" (creating missing parent directories), then renames it onto
+// `path`. Returns true only if the rename succeeded. A failed write may leave the ".tmp" file,
+// which the next write of the same document truncates and reuses.
+bool writeFileAtomic(const fs::path& path, std::string_view bytes);
+
+// The styled (multi-line, indented, keys in ascending order) form of `value`, newline-terminated.
+std::string toStyledJson(const Json::Value& value);
+
+// writeFileAtomic of toStyledJson(value).
+bool writeJsonFile(const fs::path& path, const Json::Value& value);
+
+// Every regular "*.json" file directly in `dir` that parses, in directory order (unsorted).
+// A missing directory lists as empty. Files that fail to parse, ".tmp" leftovers and
+// subdirectories are skipped. Throws fs::filesystem_error only if iterating itself fails.
+std::vector<std::pair<fs::path, Json::Value>> listJsonDir(const fs::path& dir);
+
+// Deletes one file. Returns true if it existed and was removed.
+bool removeFile(const fs::path& path);
+
+}  // namespace quill::store

@@ -1,0 +1,34 @@
+#include "store/random.h"
+
+#include <sodium.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+
+namespace quill::store {
+
+namespace {
+
+constexpr std::string_view kAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+
+// main initialises libsodium first; this guards callers (tests, tools) that did not. A second
+// sodium_init() is a harmless no-op.
+void ensureSodium() {
+  static const bool ready = sodium_init() >= 0;
+  if (!ready) throw std::runtime_error("libsodium could not be initialised");
+}
+
+}  // namespace
+
+std::string randomString(std::size_t length) {
+  ensureSodium();
+  std::string text(length, '\0');
+  // randombytes_uniform avoids the modulo bias a plain "% 62" would introduce.
+  const auto alphabetSize = static_cast<std::uint32_t>(kAlphabet.size());
+  for (char& c : text) c = kAlphabet[randombytes_uniform(alphabetSize)];
+  return text;
+}
+
+}  // namespace quill::store

@@ -1,0 +1,22 @@
+#pragma once
+// Time stamps inside documents: UTC text "%Y-%m-%dT%H:%M:%SZ", e.g. "2026-05-01T09:30:00Z".
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quill::store {
+
+// The current time; "invalid" if the conversion fails.
+std::string nowUtcText();
+
+// `epochSeconds` as UTC text; "invalid" if the conversion fails.
+std::string formatUtc(std::int64_t epochSeconds);
+
+// Reads six integers with the pattern "%d-%d-%dT%d:%d:%d" (the trailing Z is not checked) and
+// converts them as UTC. Returns nullopt when fewer than six numbers are read or the time does not
+// convert.
+std::optional<std::int64_t> parseUtc(std::string_view text);
+
+}  // namespace quill::store
