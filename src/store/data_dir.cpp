@@ -15,8 +15,8 @@ fs::path defaultDataDir() {
 DataDir::DataDir(const fs::path& root) : root_(fs::absolute(root)) {}
 
 bool DataDir::prepare(std::string& error) const {
-  const std::array<fs::path, 8> directories = {
-      root_, users(), tokens(), channels(), groups(), invites(), accessRequests(), builds()};
+  const std::array<fs::path, 8> directories = {root_,    users(),   tokens(),         channels(),
+                                               groups(), invites(), accessRequests(), builds()};
   for (const fs::path& directory : directories) {
     std::error_code ec;
     // create_directories also makes missing ancestors of the root, and is quiet when the

@@ -33,8 +33,8 @@ std::string formatUtc(std::int64_t epochSeconds) {
 std::optional<std::int64_t> parseUtc(std::string_view text) {
   const std::string terminated(text);  // sscanf needs a NUL-terminated string
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-  const int read = std::sscanf(terminated.c_str(), "%d-%d-%dT%d:%d:%d", &year, &month, &day,
-                               &hour, &minute, &second);
+  const int read = std::sscanf(terminated.c_str(), "%d-%d-%dT%d:%d:%d", &year, &month, &day, &hour,
+                               &minute, &second);
   if (read != 6) return std::nullopt;
   // The tm offsets below must not overflow an int.
   if (year < INT_MIN + 1900 || month == INT_MIN) return std::nullopt;

@@ -1,0 +1,168 @@
+#include "http/router.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "http/json.h"
+#include "http/url.h"
+
+namespace quill::http {
+namespace {
+
+Route echo(const char* method, const char* pattern) {
+  Route r;
+  r.method = method;
+  r.pattern = pattern;
+  r.handler = [method](const Request& req) {
+    std::string text = std::string(method) + " " + req.path;
+    for (const auto& s : req.segments) text += " [" + s + "]";
+    return Response::text(text);
+  };
+  return r;
+}
+
+Response call(const Router& router, std::string method, std::string path) {
+  Request req;
+  req.method = std::move(method);
+  req.path = std::move(path);
+  return router.dispatch(req);
+}
+
+class RouterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    router.add(echo("GET", "/"));
+    router.add(echo("GET", "/api/channels"));
+    router.add(echo("POST", "/api/channels/{channel}"));
+    router.add(echo("GET", "/api/channels/{channel}"));
+    router.add(echo("POST", "/api/channels/{channel}/promote"));
+    router.add(echo("DELETE", "/api/invites/{id}"));
+    router.add(echo("POST", "/api/invites/redeem"));
+  }
+  Router router;
+};
+
+TEST_F(RouterTest, MatchesLiteralsAndCapturesOneSegment) {
+  EXPECT_EQ(call(router, "GET", "/").body, "GET /");
+  EXPECT_EQ(call(router, "GET", "/api/channels").body, "GET /api/channels");
+  EXPECT_EQ(call(router, "GET", "/api/channels/beta").body, "GET /api/channels/beta [beta]");
+  EXPECT_EQ(call(router, "POST", "/api/channels/beta/promote").body,
+            "POST /api/channels/beta/promote [beta]");
+}
+
+TEST_F(RouterTest, UnknownPathIs404WithOneMemberError) {
+  for (const char* path : {"/nope", "/api/channels/a/b", "/api/channels/", "//", "",
+                           "/api/channels/beta/promote/x", "/api"}) {
+    Response r = call(router, "GET", path);
+    EXPECT_EQ(r.status, 404u) << path;
+    EXPECT_EQ(r.body, R"({"error":"not found"})") << path;
+  }
+}
+
+TEST_F(RouterTest, KnownPathOtherMethodIs405WithAllow) {
+  Response r = call(router, "PUT", "/api/channels/beta");
+  EXPECT_EQ(r.status, 405u);
+  EXPECT_EQ(r.body, R"({"error":"method not allowed"})");
+  ASSERT_EQ(r.headers.size(), 1u);
+  EXPECT_EQ(r.headers[0].first, "Allow");
+  EXPECT_EQ(r.headers[0].second, "POST, GET, HEAD, OPTIONS");
+}
+
+TEST_F(RouterTest, OptionsAnswersAllowForKnownPaths) {
+  Response r = call(router, "OPTIONS", "/api/channels");
+  EXPECT_EQ(r.status, 200u);
+  ASSERT_EQ(r.headers.size(), 1u);
+  EXPECT_EQ(r.headers[0].second, "GET, HEAD, OPTIONS");
+  EXPECT_EQ(call(router, "OPTIONS", "/unknown").status, 404u);
+}
+
+TEST_F(RouterTest, LiteralSegmentBeatsCapture) {
+  EXPECT_EQ(call(router, "POST", "/api/invites/redeem").body, "POST /api/invites/redeem");
+  EXPECT_EQ(call(router, "DELETE", "/api/invites/redeem").body,
+            "DELETE /api/invites/redeem [redeem]");
+  EXPECT_EQ(call(router, "GET", "/api/invites/redeem").status, 405u);
+}
+
+TEST_F(RouterTest, HeadIsServedByGet) {
+  Request req;
+  req.method = "HEAD";
+  req.path = "/api/channels";
+  Response r = router.dispatch(req);
+  EXPECT_EQ(r.body, "GET /api/channels");
+  EXPECT_TRUE(req.headOnly);
+}
+
+TEST_F(RouterTest, PreHandlingHookSeesRoutedRequestsOnly) {
+  int calls = 0;
+  router.setPreHandling([&](const Request& req) -> std::optional<Response> {
+    ++calls;
+    if (req.method == "POST") return errorResponse(401, "missing or invalid token");
+    return std::nullopt;
+  });
+  EXPECT_EQ(call(router, "POST", "/api/channels/x").status, 401u);
+  EXPECT_EQ(call(router, "GET", "/api/channels/x").status, 200u);
+  EXPECT_EQ(call(router, "GET", "/unknown").status, 404u);
+  EXPECT_EQ(call(router, "PATCH", "/api/channels/x").status, 405u);
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(RouterTest, ExceptionsAnswer500) {
+  Router r;
+  Route failing = echo("GET", "/boom");
+  failing.handler = [](const Request&) -> Response { throw std::runtime_error("bug"); };
+  r.add(failing);
+  Route failingCheck = echo("GET", "/check");
+  failingCheck.headCheck = [](const Request&) -> std::optional<Response> { throw 42; };
+  r.add(failingCheck);
+  r.setPreHandling([](const Request& req) -> std::optional<Response> {
+    if (req.path == "/hook") throw std::logic_error("bug");
+    return std::nullopt;
+  });
+  r.add(echo("GET", "/hook"));
+  for (const char* path : {"/boom", "/check", "/hook"}) {
+    Response res = call(r, "GET", path);
+    EXPECT_EQ(res.status, 500u) << path;
+    EXPECT_EQ(res.body, R"({"error":"internal server error"})");
+  }
+}
+
+TEST(Url, PercentDecoding) {
+  EXPECT_EQ(percentDecode("a%20b%2Fc", false), "a b/c");
+  EXPECT_EQ(percentDecode("a+b", false), "a+b");
+  EXPECT_EQ(percentDecode("a+b", true), "a b");
+  EXPECT_EQ(percentDecode("%C3%A9t%c3%a9", false), "\xC3\xA9t\xC3\xA9");
+  EXPECT_FALSE(percentDecode("%", false));
+  EXPECT_FALSE(percentDecode("%4", false));
+  EXPECT_FALSE(percentDecode("ab%zz", false));
+}
+
+TEST(Url, QueryParsing) {
+  auto q = parseQuery("path=Game%20Data%2F%C3%A9t%C3%A9.pak&flag&x=1&x=2&&empty=");
+  ASSERT_TRUE(q);
+  EXPECT_EQ(q->at("path"), "Game Data/\xC3\xA9t\xC3\xA9.pak");
+  EXPECT_EQ(q->at("flag"), "");
+  EXPECT_EQ(q->at("x"), "1");
+  EXPECT_EQ(q->at("empty"), "");
+  EXPECT_EQ(q->size(), 4u);
+  EXPECT_FALSE(parseQuery("a=%G1"));
+  EXPECT_TRUE(parseQuery("")->empty());
+}
+
+TEST(Json, ErrorDocumentHasExactlyOneMember) {
+  Response r = errorResponse(409, "user already exists");
+  EXPECT_EQ(r.status, 409u);
+  EXPECT_EQ(r.contentType, kJsonType);
+  EXPECT_EQ(r.body, R"({"error":"user already exists"})");
+}
+
+TEST(Json, CompactSortedUtf8) {
+  Json::Value v(Json::objectValue);
+  v["zeta"] = 1;
+  v["alpha"] = "\xC3\xA9";
+  v["mid"] = Json::Value(Json::arrayValue);
+  EXPECT_EQ(toCompactJson(v), "{\"alpha\":\"\xC3\xA9\",\"mid\":[],\"zeta\":1}");
+}
+
+}  // namespace
+}  // namespace quill::http

@@ -1,0 +1,238 @@
+#include "http/server.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "http/json.h"
+#include "support/http_client.h"
+#include "support/temp_dir.h"
+
+namespace quill::http {
+namespace {
+
+using namespace std::chrono_literals;
+using test::RawConnection;
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A server on 127.0.0.1 with a port of its own, run on a background thread.
+class RunningServer {
+ public:
+  RunningServer(Router router, ServerOptions options) : server_(std::move(router), prepare(options)) {
+    std::string error;
+    if (!server_.listen(error)) throw std::runtime_error(error);
+    thread_ = std::thread([this] { server_.run(); });
+  }
+  ~RunningServer() {
+    server_.stop();
+    thread_.join();
+  }
+  Server& server() { return server_; }
+  std::uint16_t port() { return server_.port(); }
+  std::string url(const std::string& path) {
+    return "http://127.0.0.1:" + std::to_string(port()) + path;
+  }
+
+ private:
+  static ServerOptions prepare(ServerOptions o) {
+    o.address = "127.0.0.1";
+    o.port = 0;
+    return o;
+  }
+  Server server_;
+  std::thread thread_;
+};
+
+Route route(std::string method, std::string pattern, Handler handler) {
+  Route r;
+  r.method = std::move(method);
+  r.pattern = std::move(pattern);
+  r.handler = std::move(handler);
+  return r;
+}
+
+class ServerTest : public ::testing::Test {
+ protected:
+  Router makeRouter() {
+    Router router;
+    router.add(route("GET", "/ping", [](const Request&) { return Response::text("pong"); }));
+    router.add(route("GET", "/boom", [](const Request&) -> Response { throw std::bad_alloc(); }));
+    router.add(route("POST", "/echo", [](const Request& req) {
+      return Response::text(req.method + " " + std::to_string(req.body.size()) + " " +
+                            std::string(req.param("q").value_or("-")));
+    }));
+    Route refused = route("POST", "/refused", [](const Request&) { return Response::text("?"); });
+    refused.headCheck = [](const Request&) -> std::optional<Response> {
+      return errorResponse(409, "build is finalized");
+    };
+    router.add(refused);
+    Route upload = route("PUT", "/upload/{name}", [this](const Request& req) {
+      std::filesystem::rename(req.bodyFile, dir.path() / req.segment());
+      return Response::text("stored");
+    });
+    upload.bodyFile = [this](const Request& req) {
+      return dir.path() / "incoming" / (req.segment() + ".part");
+    };
+    router.add(upload);
+    router.add(route("GET", "/file/{name}", [this](const Request& req) {
+      return Response::fromFile(dir.path() / req.segment(), "application/octet-stream");
+    }));
+    return router;
+  }
+
+  test::TempDir dir;
+  test::Client client;
+};
+
+TEST_F(ServerTest, KeepAliveReusesOneConnection) {
+  RunningServer s(makeRouter(), {});
+  for (int i = 0; i < 3; ++i) {
+    auto r = client.fetch("GET", s.url("/ping"));
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.body, "pong");
+    EXPECT_EQ(r.headers["content-type"], kTextType);
+    EXPECT_EQ(r.newConnections, i == 0 ? 1 : 0);
+  }
+}
+
+TEST_F(ServerTest, QueryAndBodyReachTheHandler) {
+  RunningServer s(makeRouter(), {});
+  auto r = client.fetch("POST", s.url("/echo?q=a%20b%2Bc"), std::string(100000, 'x'));
+  EXPECT_EQ(r.body, "POST 100000 a b+c");
+  EXPECT_EQ(client.fetch("POST", s.url("/echo?q=%zz")).status, 400);
+}
+
+TEST_F(ServerTest, HandlerExceptionAnswers500AndServingGoesOn) {
+  RunningServer s(makeRouter(), {});
+  auto r = client.fetch("GET", s.url("/boom"));
+  EXPECT_EQ(r.status, 500);
+  EXPECT_EQ(r.body, R"({"error":"internal server error"})");
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+}
+
+TEST_F(ServerTest, HeadAnswersLengthWithoutBody) {
+  RunningServer s(makeRouter(), {});
+  RawConnection c(s.port());
+  c.send("HEAD /ping HTTP/1.1\r\nHost: x\r\n\r\nGET /ping HTTP/1.1\r\nHost: x\r\n\r\n");
+  std::string got = c.readUntil("pong", 5s);
+  EXPECT_NE(got.find("Content-Length: 4\r\n"), std::string::npos);
+  // The first answer has no body: the second status line follows its head directly.
+  EXPECT_NE(got.find("\r\n\r\nHTTP/1.1 200 OK"), std::string::npos) << got;
+}
+
+TEST_F(ServerTest, OthersAreServedWhileOneClientTricklesItsHead) {
+  RunningServer s(makeRouter(), {});
+  RawConnection slow(s.port());
+  const std::string head = "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n";
+  for (std::size_t i = 0; i < head.size(); ++i) {
+    ASSERT_TRUE(slow.send(head.substr(i, 1)));
+    if (i % 8 == 0) {
+      auto r = client.fetch("GET", s.url("/ping"));
+      EXPECT_EQ(r.body, "pong");
+      std::this_thread::sleep_for(20ms);
+    }
+  }
+  EXPECT_NE(slow.readUntil("pong", 5s).find("pong"), std::string::npos);
+}
+
+TEST_F(ServerTest, IncompleteHeadTimesOut) {
+  ServerOptions o;
+  o.headerTimeout = 1s;
+  RunningServer s(makeRouter(), o);
+  RawConnection slow(s.port());
+  slow.send("GET /ping HTTP/1.1\r\nHo");
+  EXPECT_TRUE(slow.closedByPeer(5s));
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+}
+
+TEST_F(ServerTest, HeadRefusalIsAnsweredBeforeTheBodyAndCloses) {
+  RunningServer s(makeRouter(), {});
+  RawConnection c(s.port());
+  c.send("POST /refused HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n");
+  std::string got = c.readUntil("}", 5s);
+  EXPECT_EQ(got.rfind("HTTP/1.1 409", 0), 0u) << got;
+  EXPECT_NE(got.find(R"({"error":"build is finalized"})"), std::string::npos);
+  EXPECT_TRUE(c.closedByPeer(5s));
+}
+
+TEST_F(ServerTest, ExpectContinueOnlyAfterTheHeadPasses) {
+  RunningServer s(makeRouter(), {});
+  {
+    RawConnection c(s.port());
+    c.send("POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\n");
+    EXPECT_EQ(c.readUntil("\r\n\r\n", 5s), "HTTP/1.1 100 Continue\r\n\r\n");
+    c.send("abc");
+    EXPECT_NE(c.readUntil("POST 3 -", 5s).find("POST 3 -"), std::string::npos);
+  }
+  RawConnection c(s.port());
+  c.send("POST /refused HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\n");
+  EXPECT_EQ(c.readUntil("\r\n", 5s).rfind("HTTP/1.1 409", 0), 0u);
+}
+
+TEST_F(ServerTest, BodyOverTheLimitIsRefused) {
+  ServerOptions o;
+  o.bodyLimit = 1000;
+  RunningServer s(makeRouter(), o);
+  RawConnection c(s.port());
+  c.send("POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 1001\r\n\r\n");
+  std::string got = c.readUntil("}", 5s);
+  EXPECT_EQ(got.rfind("HTTP/1.1 413", 0), 0u) << got;
+  EXPECT_EQ(client.fetch("POST", s.url("/echo"), std::string(1000, 'x')).body, "POST 1000 -");
+}
+
+TEST_F(ServerTest, StreamedBodyLandsWholeAndIsServedFromDisk) {
+  RunningServer s(makeRouter(), {});
+  std::string payload;
+  for (int i = 0; i < 300000; ++i) payload += static_cast<char>('a' + i % 26);
+  auto r = client.fetch("PUT", s.url("/upload/big.bin"), payload);
+  EXPECT_EQ(r.body, "stored");
+  EXPECT_EQ(readFile(dir.path() / "big.bin"), payload);
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path() / "incoming"));
+  auto back = client.fetch("GET", s.url("/file/big.bin"));
+  EXPECT_EQ(back.body, payload);
+  EXPECT_EQ(back.headers["content-length"], std::to_string(payload.size()));
+  EXPECT_EQ(client.fetch("GET", s.url("/file/missing")).status, 404);
+}
+
+TEST_F(ServerTest, DisconnectMidUploadLeavesNothing) {
+  RunningServer s(makeRouter(), {});
+  {
+    RawConnection c(s.port());
+    c.send("PUT /upload/cut.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n");
+    c.send(std::string(5000, 'z'));
+    std::this_thread::sleep_for(200ms);
+  }
+  auto part = dir.path() / "incoming" / "cut.bin.part";
+  for (int i = 0; i < 100 && std::filesystem::exists(part); ++i) std::this_thread::sleep_for(20ms);
+  EXPECT_FALSE(std::filesystem::exists(part));
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "cut.bin"));
+}
+
+TEST_F(ServerTest, MalformedRequestIs400) {
+  RunningServer s(makeRouter(), {});
+  RawConnection c(s.port());
+  c.send("NOT HTTP\r\n\r\n");
+  EXPECT_EQ(c.readUntil("}", 5s).rfind("HTTP/1.1 400", 0), 0u);
+}
+
+TEST_F(ServerTest, TimerRunsRepeatedly) {
+  RunningServer s(makeRouter(), {});
+  std::atomic<int> ticks{0};
+  // Timers registered before run() only; this server is already running, so use a fresh one.
+  Server timed(makeRouter(), {});
+  timed.every(20ms, [&] { ++ticks; });
+  std::thread t([&] { timed.run(); });
+  for (int i = 0; i < 250 && ticks < 3; ++i) std::this_thread::sleep_for(20ms);
+  timed.stop();
+  t.join();
+  EXPECT_GE(ticks.load(), 3);
+}
+
+}  // namespace
+}  // namespace quill::http

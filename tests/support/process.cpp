@@ -1,0 +1,98 @@
+#include "support/process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "support/http_client.h"
+
+extern char** environ;
+
+namespace quill::test {
+
+namespace {
+
+std::string slurp(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::filesystem::path scratchFile(const char* tag) {
+  static int counter = 0;
+  return std::filesystem::temp_directory_path() /
+         ("quill-proc-" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + tag);
+}
+
+pid_t spawn(const std::string& program, const std::vector<std::string>& args,
+            const std::filesystem::path& out, const std::filesystem::path& err) {
+  std::vector<std::string> all{program};
+  all.insert(all.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& a : all) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args) {
+  ProcessResult result;
+  auto out = scratchFile(".out");
+  auto err = scratchFile(".err");
+  pid_t pid = spawn(program, args, out, err);
+  int status = 0;
+  if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    result.exitCode = WEXITSTATUS(status);
+  }
+  result.out = slurp(out);
+  result.err = slurp(err);
+  std::filesystem::remove(out);
+  std::filesystem::remove(err);
+  return result;
+}
+
+ServerProcess::ServerProcess(const std::string& program, std::vector<std::string> args)
+    : port_(freePort()), outFile_(scratchFile(".server")) {
+  args.insert(args.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port_)});
+  pid_ = spawn(program, args, outFile_, outFile_.string() + ".err");
+}
+
+ServerProcess::~ServerProcess() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  std::error_code ec;
+  std::filesystem::remove(outFile_, ec);
+  std::filesystem::remove(outFile_.string() + ".err", ec);
+}
+
+bool ServerProcess::waitUntilListening(std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pid_ <= 0 || ::waitpid(pid_, nullptr, WNOHANG) == pid_) return false;
+    if (RawConnection(port_).connected()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+std::string ServerProcess::url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string ServerProcess::output() const { return slurp(outFile_); }
+
+}  // namespace quill::test

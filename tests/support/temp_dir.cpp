@@ -1,0 +1,20 @@
+#include "support/temp_dir.h"
+
+#include <stdlib.h>
+
+#include <string>
+#include <system_error>
+
+namespace quill::test {
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "quill-test-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+}
+
+}  // namespace quill::test

@@ -1,0 +1,21 @@
+#pragma once
+// A fresh directory under the system temporary directory, removed with everything in it.
+
+#include <filesystem>
+
+namespace quill::test {
+
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace quill::test
