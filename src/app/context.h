@@ -1,9 +1,10 @@
 #pragma once
-// Everything a handler or a command needs beyond its request: the settings and the data
-// directory. Built once in main (or per test case) and passed down; there are no other globals.
+// Everything a handler or a command needs beyond its request: the settings, the data directory
+// and the process-wide caches. Built once in main (or per test case) and passed down.
 
 #include "app/settings.h"
 #include "store/data_dir.h"
+#include "store/token_index.h"
 
 namespace quill {
 
@@ -12,6 +13,7 @@ struct Context {
 
   Settings settings;
   store::DataDir data;
+  store::TokenIndex tokens;
 };
 
 }  // namespace quill

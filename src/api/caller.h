@@ -1,0 +1,16 @@
+#pragma once
+// Who is calling: the user record behind the request's bearer token.
+
+#include <json/value.h>
+
+#include <optional>
+
+#include "app/context.h"
+#include "http/request.h"
+
+namespace quill::api {
+
+// The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
+std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
+
+}  // namespace quill::api

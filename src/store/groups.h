@@ -1,0 +1,21 @@
+#pragma once
+// Group records, `groups/<name>.json`. Membership is stored on the user side only.
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "store/data_dir.h"
+
+namespace quill::store {
+
+// The group record named `name` (already checked with isValidName), or nullopt.
+std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name);
+// A new record: schema_version 1, name, empty channels, created_at now.
+Json::Value newGroupRecord(const std::string& name);
+bool saveGroup(const DataDir& data, const Json::Value& record);
+std::vector<Json::Value> listGroups(const DataDir& data);
+
+}  // namespace quill::store

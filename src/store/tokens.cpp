@@ -1,0 +1,112 @@
+#include "store/tokens.h"
+
+#include <blake3.h>
+
+#include <ctime>
+
+#include "store/documents.h"
+#include "store/names.h"
+#include "store/random.h"
+#include "store/token_index.h"
+#include "store/users.h"
+#include "store/utc_time.h"
+
+namespace quill::store {
+
+namespace {
+
+// The first token file whose `token_hash` equals `hash`, in directory order.
+std::optional<TokenFile> scanForHash(const DataDir& data, const std::string& hash) {
+  for (auto& [path, record] : listJsonDir(data.tokens())) {
+    const Json::Value& stored = record["token_hash"];
+    if (stored.isString() && stored.asString() == hash) return TokenFile{path, std::move(record)};
+  }
+  return std::nullopt;
+}
+
+// A token without `user` predates per-user tokens: it belongs to an admin named like the token.
+// Returns the user name, or "" when the token's name cannot be a user name.
+std::string upgradeLegacyToken(const DataDir& data, TokenFile& file) {
+  std::string name = textOf(file.record, "name");
+  if (!isValidName(name)) return "";
+  NewUser admin;
+  admin.name = name;
+  admin.role = "admin";
+  createUser(data, admin);
+  file.record["user"] = name;
+  writeJsonFile(file.path, file.record);
+  return name;
+}
+
+// A single-sign-on token is good for a day after its last sign-on. A stale one is removed; one
+// whose time cannot be read is refused but kept.
+bool ssoTokenFresh(TokenFile& file) {
+  auto validatedAt = parseUtc(textOf(file.record, "sso_validated_at"));
+  if (!validatedAt) return false;
+  if (std::time(nullptr) - *validatedAt <= kSsoTokenMaxAge) return true;
+  removeFile(file.path);
+  return false;
+}
+
+}  // namespace
+
+std::string hashToken(std::string_view text) {
+  blake3_hasher hasher;
+  blake3_hasher_init(&hasher);
+  blake3_hasher_update(&hasher, text.data(), text.size());
+  std::uint8_t digest[BLAKE3_OUT_LEN];
+  blake3_hasher_finalize(&hasher, digest, BLAKE3_OUT_LEN);
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(2 * BLAKE3_OUT_LEN);
+  for (std::uint8_t byte : digest) {
+    hex.push_back(kDigits[byte >> 4]);
+    hex.push_back(kDigits[byte & 0x0F]);
+  }
+  return hex;
+}
+
+std::string_view bearerToken(std::string_view authorization) {
+  constexpr std::string_view kScheme = "Bearer ";
+  if (authorization.substr(0, kScheme.size()) != kScheme) return {};
+  return authorization.substr(kScheme.size());
+}
+
+std::string mintToken(const DataDir& data, const std::string& tokenName,
+                      const std::string& userName) {
+  std::string text = randomString(kTokenLength);
+  Json::Value record(Json::objectValue);
+  record["schema_version"] = 1;
+  record["name"] = tokenName;
+  record["user"] = userName;
+  record["token_hash"] = hashToken(text);
+  record["created_at"] = nowUtcText();
+  if (!writeJsonFile(DataDir::recordPath(data.tokens(), tokenName), record)) return "";
+  return text;
+}
+
+std::optional<Json::Value> findToken(const DataDir& data, const std::string& name) {
+  Json::Value record;
+  if (!readJsonFile(DataDir::recordPath(data.tokens(), name), record) || !record.isObject()) {
+    return std::nullopt;
+  }
+  return record;
+}
+
+std::optional<Json::Value> resolveToken(const DataDir& data, std::string_view text,
+                                        TokenIndex* index) {
+  if (text.empty()) return std::nullopt;
+  const std::string hash = hashToken(text);
+  auto file = index ? index->find(data.tokens(), hash) : scanForHash(data, hash);
+  if (!file) return std::nullopt;
+
+  std::string userName = textOf(file->record, "user");
+  if (userName.empty()) userName = upgradeLegacyToken(data, *file);
+  if (!isValidName(userName)) return std::nullopt;
+  auto user = findUser(data, userName);
+  if (!user || flagOf(*user, "disabled")) return std::nullopt;
+  if (flagOf(file->record, "sso") && !ssoTokenFresh(*file)) return std::nullopt;
+  return user;
+}
+
+}  // namespace quill::store
