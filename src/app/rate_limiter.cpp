@@ -70,7 +70,8 @@ ChargeResult RateLimiter::charge(const std::string& key, Budget budget) {
     tokens -= 1.0;
   } else {
     result.allowed = false;
-    auto wait = static_cast<std::int64_t>(std::ceil((1.0 - tokens) * kRefillWindowSeconds / capacity));
+    auto wait =
+        static_cast<std::int64_t>(std::ceil((1.0 - tokens) * kRefillWindowSeconds / capacity));
     result.retryAfterSeconds = std::max<std::int64_t>(1, wait);
   }
   if (wasFull != isFull(entry)) wasFull ? --fullEntries_ : ++fullEntries_;

@@ -1,5 +1,9 @@
 #include "app/routes.h"
 
+#include "api/groups.h"
+#include "api/service_tokens.h"
+#include "api/users.h"
+#include "app/gate.h"
 #include "app/service_endpoints.h"
 #include "http/json.h"
 
@@ -24,10 +28,15 @@ http::Route route(const char* method, const char* path, http::Handler handler = 
   return r;
 }
 
+using ContextHandler = Response (*)(const Request&, Context&);
+
+http::Route route(const char* method, const char* path, Context& ctx, ContextHandler handler) {
+  return route(method, path, [&ctx, handler](const Request& req) { return handler(req, ctx); });
+}
+
 }  // namespace
 
 std::vector<http::Route> routeTable(Context& ctx) {
-  (void)ctx;
   return {
       route("GET", "/api/channels"),
       route("POST", "/api/channels/{channel}"),
@@ -43,7 +52,7 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("GET", "/api/builds/{id}/files"),
       route("POST", "/api/builds/{id}/finalize"),
       route("POST", "/api/builds/{id}/disabled"),
-      route("GET", "/api/me"),
+      route("GET", "/api/me", ctx, api::me),
       route("POST", "/api/invites"),
       route("GET", "/api/invites"),
       route("DELETE", "/api/invites/{id}"),
@@ -54,22 +63,22 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/access-requests/{id}"),
       route("GET", "/api/claim"),
       route("POST", "/api/claim"),
-      route("GET", "/api/users"),
-      route("POST", "/api/users/{name}"),
-      route("DELETE", "/api/users/{name}"),
-      route("POST", "/api/users/{name}/groups"),
-      route("DELETE", "/api/users/{name}/groups"),
-      route("POST", "/api/users/{name}/channels"),
-      route("DELETE", "/api/users/{name}/channels"),
-      route("POST", "/api/users/{name}/disabled"),
-      route("POST", "/api/users/{name}/role"),
-      route("POST", "/api/users/{name}/profile"),
-      route("POST", "/api/users/{name}/tokens"),
-      route("GET", "/api/groups"),
-      route("POST", "/api/groups/{name}"),
-      route("DELETE", "/api/groups/{name}"),
-      route("POST", "/api/groups/{name}/channels"),
-      route("DELETE", "/api/groups/{name}/channels"),
+      route("GET", "/api/users", ctx, api::listUsers),
+      route("POST", "/api/users/{name}", ctx, api::createUser),
+      route("DELETE", "/api/users/{name}", ctx, api::deleteUser),
+      route("POST", "/api/users/{name}/groups", ctx, api::addUserToGroup),
+      route("DELETE", "/api/users/{name}/groups", ctx, api::removeUserFromGroup),
+      route("POST", "/api/users/{name}/channels", ctx, api::followChannel),
+      route("DELETE", "/api/users/{name}/channels", ctx, api::unfollowChannel),
+      route("POST", "/api/users/{name}/disabled", ctx, api::setUserDisabled),
+      route("POST", "/api/users/{name}/role", ctx, api::setUserRole),
+      route("POST", "/api/users/{name}/profile", ctx, api::setUserProfile),
+      route("POST", "/api/users/{name}/tokens", ctx, api::mintServiceToken),
+      route("GET", "/api/groups", ctx, api::listGroups),
+      route("POST", "/api/groups/{name}", ctx, api::createGroup),
+      route("DELETE", "/api/groups/{name}", ctx, api::deleteGroup),
+      route("POST", "/api/groups/{name}/channels", ctx, api::assignGroupChannel),
+      route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
       route("GET", "/api/rill/sync/{channel}"),
@@ -99,6 +108,8 @@ std::vector<http::Route> routeTable(Context& ctx) {
 
 http::Router makeRouter(Context& ctx) {
   http::Router router;
+  auto gate = std::make_shared<Gate>(ctx);
+  router.setPreHandling([gate](const Request& req) { return gate->judge(req); });
   for (auto& r : routeTable(ctx)) router.add(std::move(r));
   return router;
 }

@@ -25,9 +25,9 @@ struct FileStamp {
 std::optional<FileStamp> stampOf(const fs::path& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-  return FileStamp{static_cast<std::uint64_t>(st.st_ino),
-                   static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 +
-                       st.st_mtim.tv_nsec};
+  return FileStamp{
+      static_cast<std::uint64_t>(st.st_ino),
+      static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec};
 }
 
 std::int64_t wallClockNs() {

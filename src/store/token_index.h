@@ -42,7 +42,7 @@ class TokenIndex {
 
   std::mutex mutex_;
   std::filesystem::path dir_;
-  std::map<std::string, Entry> byName_;       // file name -> what it held when read
+  std::map<std::string, Entry> byName_;        // file name -> what it held when read
   std::map<std::string, std::string> byHash_;  // hash -> file name (first in directory order)
   std::optional<std::int64_t> dirModifiedNs_;
   bool dirModifiedSettled_ = false;

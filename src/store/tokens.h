@@ -27,7 +27,8 @@ std::string_view bearerToken(std::string_view authorization);
 
 // Writes a fresh token record for `userName` under `tokenName` and returns the token text, or ""
 // if the record could not be written. Does not check whether the name is taken.
-std::string mintToken(const DataDir& data, const std::string& tokenName, const std::string& userName);
+std::string mintToken(const DataDir& data, const std::string& tokenName,
+                      const std::string& userName);
 
 // The token record `tokens/<name>.json`, or nullopt.
 std::optional<Json::Value> findToken(const DataDir& data, const std::string& name);

@@ -55,7 +55,7 @@ std::string profileText(std::string_view text);
 Json::Value effectiveChannels(const DataDir& data, const Json::Value& user);
 
 // Small accessors that tolerate any JSON shape.
-bool flagOf(const Json::Value& record, const char* member);       // true only for boolean true
+bool flagOf(const Json::Value& record, const char* member);         // true only for boolean true
 std::string textOf(const Json::Value& record, const char* member);  // "" unless a string
 std::vector<std::string> stringsOf(const Json::Value& record, const char* member);
 

@@ -1,0 +1,10 @@
+#pragma once
+// Tokens for service accounts, minted by an admin. People get theirs by invite or sign-on.
+
+#include "api/common.h"
+
+namespace quill::api {
+
+Response mintServiceToken(const Request& req, Context& ctx);  // POST /api/users/{name}/tokens
+
+}  // namespace quill::api
