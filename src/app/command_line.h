@@ -16,8 +16,8 @@ enum class ParseOutcome {
 };
 
 // Parses `args` (without the program name) into `settings`, one argument at a time from the first.
-// --version, version and --dump-routes act as soon as they are met, even if later arguments are bad.
-// A numeric option with a non-numeric or out-of-range value is a usage error.
+// --version, version and --dump-routes act as soon as they are met, even if later arguments are
+// bad. A numeric option with a non-numeric or out-of-range value is a usage error.
 ParseOutcome parseCommandLine(const std::vector<std::string>& args, Settings& settings);
 
 // The usage text, newline-terminated.

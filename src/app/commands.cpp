@@ -1,26 +1,38 @@
 #include "app/commands.h"
 
-#include <cstdio>
-#include <functional>
+#include "app/admin_commands.h"
 
 namespace quill {
 
 namespace {
 
+using Command = int (*)(Context&, std::ostream&, std::ostream&);
+
+int notYetAvailable(Context&, std::ostream&, std::ostream& err) {
+  err << "this command is not available in this version\n";
+  return 1;
+}
+
 struct CommandShape {
   std::vector<std::string> words;  // fixed words; "*" takes any one word
-  const char* name;
+  Command run;
 };
 
 // Every subcommand, by the exact shape of its words.
 const std::vector<CommandShape>& commandShapes() {
   static const std::vector<CommandShape> shapes = {
-      {{"user", "create", "*"}, "user create"},  {{"user", "list"}, "user list"},
-      {{"token", "create", "*"}, "token create"}, {{"token", "delete", "*"}, "token delete"},
-      {{"token", "list"}, "token list"},         {{"invite", "create", "*"}, "invite create"},
-      {{"backup"}, "backup"},                    {{"backup", "init"}, "backup init"},
-      {{"backup", "list"}, "backup list"},       {{"backup", "prune"}, "backup prune"},
-      {{"backup", "schedule", "*"}, "backup schedule"}, {{"restore", "*"}, "restore"},
+      {{"user", "create", "*"}, userCreateCommand},
+      {{"user", "list"}, userListCommand},
+      {{"token", "create", "*"}, tokenCreateCommand},
+      {{"token", "delete", "*"}, tokenDeleteCommand},
+      {{"token", "list"}, tokenListCommand},
+      {{"invite", "create", "*"}, inviteCreateCommand},
+      {{"backup"}, notYetAvailable},
+      {{"backup", "init"}, notYetAvailable},
+      {{"backup", "list"}, notYetAvailable},
+      {{"backup", "prune"}, notYetAvailable},
+      {{"backup", "schedule", "*"}, notYetAvailable},
+      {{"restore", "*"}, notYetAvailable},
   };
   return shapes;
 }
@@ -35,13 +47,11 @@ bool fits(const CommandShape& shape, const std::vector<std::string>& words) {
 
 }  // namespace
 
-int runCommand(Context& ctx) {
+int runCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   for (const auto& shape : commandShapes()) {
-    if (!fits(shape, ctx.settings.words)) continue;
-    std::fprintf(stderr, "%s: not implemented in this version\n", shape.name);
-    return 1;
+    if (fits(shape, ctx.settings.words)) return shape.run(ctx, out, err);
   }
-  std::fputs("unknown command\n", stderr);
+  err << "unknown command\n";
   return 1;
 }
 

@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include <cstdio>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,6 @@ int main(int argc, char** argv) {
       break;
   }
   Context ctx(std::move(settings));
-  if (!ctx.settings.words.empty()) return runCommand(ctx);
+  if (!ctx.settings.words.empty()) return runCommand(ctx, std::cout, std::cerr);
   return runServer(ctx);
 }

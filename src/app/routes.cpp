@@ -1,6 +1,9 @@
 #include "app/routes.h"
 
+#include "api/access_requests.h"
+#include "api/claim.h"
 #include "api/groups.h"
+#include "api/invites.h"
 #include "api/service_tokens.h"
 #include "api/users.h"
 #include "app/gate.h"
@@ -53,16 +56,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("POST", "/api/builds/{id}/finalize"),
       route("POST", "/api/builds/{id}/disabled"),
       route("GET", "/api/me", ctx, api::me),
-      route("POST", "/api/invites"),
-      route("GET", "/api/invites"),
-      route("DELETE", "/api/invites/{id}"),
-      route("POST", "/api/invites/redeem"),
-      route("POST", "/api/access-requests"),
-      route("GET", "/api/access-requests"),
-      route("POST", "/api/access-requests/{id}/approve"),
-      route("DELETE", "/api/access-requests/{id}"),
-      route("GET", "/api/claim"),
-      route("POST", "/api/claim"),
+      route("POST", "/api/invites", ctx, api::mintInvite),
+      route("GET", "/api/invites", ctx, api::listInvites),
+      route("DELETE", "/api/invites/{id}", ctx, api::revokeInvite),
+      route("POST", "/api/invites/redeem", ctx, api::redeemInvite),
+      route("POST", "/api/access-requests", ctx, api::submitAccessRequest),
+      route("GET", "/api/access-requests", ctx, api::listAccessRequests),
+      route("POST", "/api/access-requests/{id}/approve", ctx, api::approveAccessRequest),
+      route("DELETE", "/api/access-requests/{id}", ctx, api::declineAccessRequest),
+      route("GET", "/api/claim", ctx, api::claimState),
+      route("POST", "/api/claim", ctx, api::claim),
       route("GET", "/api/users", ctx, api::listUsers),
       route("POST", "/api/users/{name}", ctx, api::createUser),
       route("DELETE", "/api/users/{name}", ctx, api::deleteUser),

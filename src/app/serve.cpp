@@ -42,11 +42,16 @@ std::string startupBanner(const Context& ctx, bool anyTokenExists) {
           (s.rillOnly ? "  (Rill-only)" : "") + "\n";
   text += "  data dir: " + dir + "\n";
   if (anyTokenExists) return text;
-  text += "\n  No tokens exist yet - every request will be rejected with 401.\n"
-          "  Mint your first (admin) token with:\n\n"
-          "    quillmoord user create <name> --role admin --data-dir " + dir + "\n"
-          "    quillmoord token create <token-name> --user <name> --data-dir " + dir + "\n\n"
-          "  Configure clients with:  quillmoor config set token <token>\n\n";
+  text +=
+      "\n  No tokens exist yet - every request will be rejected with 401.\n"
+      "  Mint your first (admin) token with:\n\n"
+      "    quillmoord user create <name> --role admin --data-dir " +
+      dir +
+      "\n"
+      "    quillmoord token create <token-name> --user <name> --data-dir " +
+      dir +
+      "\n\n"
+      "  Configure clients with:  quillmoor config set token <token>\n\n";
   return text;
 }
 

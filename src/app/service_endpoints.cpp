@@ -8,7 +8,9 @@
 
 namespace quill {
 
-http::Response landingPage() { return http::Response::html(std::string(resources::landing_html())); }
+http::Response landingPage() {
+  return http::Response::html(std::string(resources::landing_html()));
+}
 
 http::Response docsPage() { return http::Response::html(std::string(resources::docs_html())); }
 

@@ -5,9 +5,9 @@
 
 namespace quill {
 
-http::Response landingPage();       // GET /
-http::Response docsPage();          // GET /api/docs
-http::Response openapiDocument();   // GET /api/openapi.yaml
-http::Response versionDocument();   // GET /api/version
+http::Response landingPage();      // GET /
+http::Response docsPage();         // GET /api/docs
+http::Response openapiDocument();  // GET /api/openapi.yaml
+http::Response versionDocument();  // GET /api/version
 
 }  // namespace quill

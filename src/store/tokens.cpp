@@ -2,6 +2,7 @@
 
 #include <blake3.h>
 
+#include <cctype>
 #include <ctime>
 
 #include "store/documents.h"
@@ -83,6 +84,21 @@ std::string mintToken(const DataDir& data, const std::string& tokenName,
   record["created_at"] = nowUtcText();
   if (!writeJsonFile(DataDir::recordPath(data.tokens(), tokenName), record)) return "";
   return text;
+}
+
+std::string machineTokenName(const DataDir& data, std::string_view owner,
+                             std::string_view machine) {
+  std::string word;
+  for (char c : machine) {
+    if (std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_') {
+      word.push_back(c);
+    }
+  }
+  if (word.empty()) word = "device";
+  std::string name = std::string(owner) + "-" + word;
+  std::error_code ec;
+  if (fs::exists(DataDir::recordPath(data.tokens(), name), ec)) name += "-" + randomString(4);
+  return name;
 }
 
 std::optional<Json::Value> findToken(const DataDir& data, const std::string& name) {

@@ -1,0 +1,181 @@
+#include "app/admin_commands.h"
+
+#include <filesystem>
+
+#include "api/common.h"
+#include "store/documents.h"
+#include "store/invites.h"
+#include "store/names.h"
+#include "store/tokens.h"
+#include "store/users.h"
+
+namespace quill {
+
+namespace {
+
+constexpr int kOk = 0;
+constexpr int kFailed = 1;
+
+int fail(std::ostream& err, const std::string& message) {
+  err << message << "\n";
+  return kFailed;
+}
+
+// The word after the command words: `user create <name>` and the like.
+const std::string& argument(const Context& ctx) { return ctx.settings.words.back(); }
+
+std::string joined(const std::vector<std::string>& items) {
+  std::string text;
+  for (const auto& item : items) text += (text.empty() ? "" : ",") + item;
+  return text;
+}
+
+bool tokenExists(const Context& ctx, const std::string& name) {
+  std::error_code ec;
+  return std::filesystem::exists(store::DataDir::recordPath(ctx.data.tokens(), name), ec);
+}
+
+// --channels for `user create`: every piece (an empty one included) a valid, declared channel.
+std::optional<std::string> channelListProblem(const Context& ctx, const std::string& value,
+                                              std::vector<std::string>& channels) {
+  channels = api::splitList(value);
+  if (value.ends_with(',')) channels.emplace_back();
+  for (const auto& piece : channels) {
+    if (!store::isValidName(piece)) return "invalid channel name in --channels";
+  }
+  for (const auto& piece : channels) {
+    if (!api::channelExists(ctx, piece)) {
+      return "channel '" + piece + "' is not declared on this server";
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+  const Settings& s = ctx.settings;
+  const std::string& name = argument(ctx);
+  if (!store::isValidName(name)) return fail(err, "invalid user name");
+  std::string role = s.role;
+  if (role != "admin" && role != "member" && role != "publisher") {
+    return fail(err, "--role must be admin, member or publisher");
+  }
+  std::vector<std::string> channels;
+  if (!s.channels.empty()) {
+    if (role != "publisher") return fail(err, "--channels only applies to --role publisher");
+    if (auto problem = channelListProblem(ctx, s.channels, channels)) return fail(err, *problem);
+  }
+  if (store::findUser(ctx.data, name)) return fail(err, "user '" + name + "' already exists");
+  if (s.service) {
+    if (role == "member") role = "publisher";
+    if (role != "publisher") return fail(err, "--service accounts always have role publisher");
+  }
+
+  store::NewUser user;
+  user.name = name;
+  user.role = role;
+  user.channels = channels;
+  user.service = s.service;
+  store::createUser(ctx.data, user);
+
+  const std::string access = "  quillmoord token create <token-name> --user " + name + "\n";
+  if (s.service) {
+    out << "Service account '" << name
+        << "' created (role: publisher; tokens only, cannot be invited or promoted).\n"
+           "Give your CI access with:\n"
+        << access;
+  } else if (role == "publisher") {
+    out << "User '" << name << "' created (role: publisher; may promote to: "
+        << (s.channels.empty() ? "(no channels)" : s.channels) << ").\nGive them access with:\n"
+        << access;
+  } else {
+    out << "User '" << name << "' created (role: " << role << "). Give them access with:\n"
+        << access;
+  }
+  return kOk;
+}
+
+int userListCommand(Context& ctx, std::ostream& out, std::ostream&) {
+  for (const auto& user : store::listUsers(ctx.data)) {
+    const std::string name = store::textOf(user, "name");
+    const std::string role = store::textOf(user, "role");
+    if (role != "publisher") {
+      out << name << " (" << role << ")\n";
+      continue;
+    }
+    auto channels = store::stringsOf(user, "channels");
+    out << name << " (publisher: " << (channels.empty() ? "(no channels)" : joined(channels))
+        << ")\n";
+  }
+  return kOk;
+}
+
+int tokenCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+  const std::string& name = argument(ctx);
+  if (!store::isValidName(name)) return fail(err, "invalid token name");
+  if (tokenExists(ctx, name)) return fail(err, "token '" + name + "' already exists");
+  // Without --user the token belongs to a user named like the token.
+  const std::string owner = ctx.settings.user.empty() ? name : ctx.settings.user;
+  if (!store::isValidName(owner)) return fail(err, "invalid user name");
+  store::NewUser user;
+  user.name = owner;
+  store::createUser(ctx.data, user);  // an existing owner is left as it is
+  const std::string token = store::mintToken(ctx.data, name, owner);
+  if (token.empty()) return fail(err, "could not store token");
+  out << "Token '" << name << "' created for user '" << owner
+      << "'. Save it now - it is shown only once:\n\n  " << token << "\n";
+  return kOk;
+}
+
+int tokenDeleteCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+  const std::string& name = argument(ctx);
+  if (!store::isValidName(name)) return fail(err, "invalid token name");
+  if (!store::removeFile(store::DataDir::recordPath(ctx.data.tokens(), name))) {
+    return fail(err, "no token named '" + name + "'");
+  }
+  out << "Token '" << name << "' deleted - access revoked immediately.\n";
+  return kOk;
+}
+
+int tokenListCommand(Context& ctx, std::ostream& out, std::ostream&) {
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(ctx.data.tokens(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (it->path().extension() == ".json") out << it->path().stem().string() << "\n";
+  }
+  return kOk;
+}
+
+int inviteCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+  const Settings& s = ctx.settings;
+  const std::string& user = argument(ctx);
+  if (!store::isValidName(user)) return fail(err, "invalid user name");
+  if (!store::findUser(ctx.data, user)) return fail(err, "user '" + user + "' does not exist");
+  // A negative value counts as not given.
+  const bool days = s.days >= 0;
+  const bool hours = s.hours >= 0;
+  if (days && hours) return fail(err, "use --days or --hours, not both");
+  store::InviteRequest invite;
+  invite.user = user;
+  if (hours) {
+    if (s.hours < 1 || s.hours > 87600) return fail(err, "--hours must be 1..87600");
+    invite.lifetimeSeconds = std::int64_t{s.hours} * 3600;
+  } else if (days) {
+    if (s.days < 1 || s.days > 3650) return fail(err, "--days must be 1..3650");
+    invite.lifetimeSeconds = std::int64_t{s.days} * 86400;
+  }
+  if (s.replace) {
+    for (const auto& [path, record] : store::listJsonDir(ctx.data.invites())) {
+      if (store::textOf(record, "user") == user) store::removeFile(path);
+    }
+  }
+  auto created = store::createInvite(ctx.data, invite);
+  if (!created) return fail(err, "could not store invite");
+  out << "Invite for user '" << user << "' created, valid until "
+      << (*created)["expires_at"].asString() << ". Single use, shown only once:\n\n  "
+      << (*created)["code"].asString() << "\n";
+  return kOk;
+}
+
+}  // namespace quill
