@@ -8,6 +8,8 @@
 #include "api/users.h"
 #include "app/gate.h"
 #include "app/service_endpoints.h"
+#include "builds/build_api.h"
+#include "builds/channel_api.h"
 #include "http/json.h"
 
 namespace quill {
@@ -37,24 +39,34 @@ http::Route route(const char* method, const char* path, Context& ctx, ContextHan
   return route(method, path, [&ctx, handler](const Request& req) { return handler(req, ctx); });
 }
 
+// A route whose body is streamed to disk after a check on the head alone.
+http::Route streamed(http::Route r, Context& ctx,
+                     std::optional<Response> (*check)(const Request&, Context&),
+                     std::filesystem::path (*bodyFile)(const Request&, Context&)) {
+  r.headCheck = [&ctx, check](const Request& req) { return check(req, ctx); };
+  r.bodyFile = [&ctx, bodyFile](const Request& req) { return bodyFile(req, ctx); };
+  return r;
+}
+
 }  // namespace
 
 std::vector<http::Route> routeTable(Context& ctx) {
   return {
-      route("GET", "/api/channels"),
-      route("POST", "/api/channels/{channel}"),
-      route("GET", "/api/channels/{channel}"),
-      route("DELETE", "/api/channels/{channel}"),
-      route("POST", "/api/channels/{channel}/promote"),
-      route("POST", "/api/channels/{channel}/public"),
-      route("POST", "/api/channels/{channel}/launch"),
-      route("GET", "/api/builds"),
-      route("GET", "/api/builds/{id}"),
-      route("DELETE", "/api/builds/{id}"),
-      route("PUT", "/api/builds/{id}/files"),
-      route("GET", "/api/builds/{id}/files"),
-      route("POST", "/api/builds/{id}/finalize"),
-      route("POST", "/api/builds/{id}/disabled"),
+      route("GET", "/api/channels", ctx, builds::listChannels),
+      route("POST", "/api/channels/{channel}", ctx, builds::createChannel),
+      route("GET", "/api/channels/{channel}", ctx, builds::readChannel),
+      route("DELETE", "/api/channels/{channel}", ctx, builds::deleteChannel),
+      route("POST", "/api/channels/{channel}/promote", ctx, builds::promoteChannel),
+      route("POST", "/api/channels/{channel}/public", ctx, builds::setChannelPublic),
+      route("POST", "/api/channels/{channel}/launch", ctx, builds::setLaunchTargets),
+      route("GET", "/api/builds", ctx, builds::listBuilds),
+      route("GET", "/api/builds/{id}", ctx, builds::readBuild),
+      route("DELETE", "/api/builds/{id}", ctx, builds::deleteBuild),
+      streamed(route("PUT", "/api/builds/{id}/files", ctx, builds::uploadFile), ctx,
+               builds::uploadCheck, builds::uploadBodyFile),
+      route("GET", "/api/builds/{id}/files", ctx, builds::downloadFile),
+      route("POST", "/api/builds/{id}/finalize", ctx, builds::finalizeBuild),
+      route("POST", "/api/builds/{id}/disabled", ctx, builds::setBuildDisabled),
       route("GET", "/api/me", ctx, api::me),
       route("POST", "/api/invites", ctx, api::mintInvite),
       route("GET", "/api/invites", ctx, api::listInvites),

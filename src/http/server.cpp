@@ -1,9 +1,14 @@
 #include "http/server.h"
 
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-
+#include <cerrno>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -24,7 +29,9 @@ using tcp = asio::ip::tcp;
 // I/O context that those connections' sockets belong to.
 struct ServerCore {
   ServerCore(Router r, ServerOptions o)
-      : router(std::move(r)), options(std::move(o)), workers(options.workerThreads),
+      : router(std::move(r)),
+        options(std::move(o)),
+        workers(options.workerThreads),
         acceptor(ioc) {}
 
   Router router;
@@ -67,9 +74,12 @@ void fillHead(bhttp::response<Body>& to, const Response& from, unsigned version,
 class Session : public std::enable_shared_from_this<Session> {
  public:
   Session(tcp::socket socket, ServerCore& core)
-      : stream_(std::move(socket)), core_(core) {}
+      : stream_(std::move(socket)), core_(core), idleTimer_(stream_.get_executor()) {}
 
-  ~Session() { discardBodyFile(); }
+  ~Session() {
+    discardBodyFile();
+    closeFile();
+  }
 
   void start() {
     beast::error_code ec;
@@ -91,10 +101,9 @@ class Session : public std::enable_shared_from_this<Session> {
     fileParser_.reset();
     route_ = nullptr;
     stream_.expires_after(core_.options.headerTimeout);
-    bhttp::async_read_header(stream_, buffer_, *head_,
-                             [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                               self->onHead(ec);
-                             });
+    bhttp::async_read_header(
+        stream_, buffer_, *head_,
+        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->onHead(ec); });
   }
 
   void onHead(beast::error_code ec) {
@@ -134,8 +143,8 @@ class Session : public std::enable_shared_from_this<Session> {
 
   void readBody() {
     if (equalsIgnoreCase(req_.header("expect"), "100-continue")) {
-      auto interim = std::make_shared<bhttp::response<bhttp::empty_body>>(bhttp::status::continue_,
-                                                                          version_);
+      auto interim =
+          std::make_shared<bhttp::response<bhttp::empty_body>>(bhttp::status::continue_, version_);
       bhttp::async_write(stream_, *interim,
                          [self = shared_from_this(), interim](beast::error_code ec, std::size_t) {
                            if (ec) return self->closeNow();
@@ -183,10 +192,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void write(Response r, bool close) {
     bool keepAlive = keepAlive_ && !close && !r.close;
     if (!r.file.empty()) {
-      beast::error_code ec;
-      bhttp::file_body::value_type file;
-      file.open(r.file.c_str(), beast::file_mode::scan, ec);
-      if (!ec) return writeFile(r, std::move(file), keepAlive);
+      if (openFile(r.file)) return writeFileHead(r, keepAlive);
       r = errorResponse(404, "not found");
     }
     if (req_.headOnly) {
@@ -202,28 +208,87 @@ class Session : public std::enable_shared_from_this<Session> {
     send(res, keepAlive);
   }
 
-  void writeFile(const Response& r, bhttp::file_body::value_type file, bool keepAlive) {
+  // --- file responses: the head through Beast, the bytes with sendfile(2) ---------------------
+
+  bool openFile(const std::filesystem::path& path) {
+    closeFile();
+    fileFd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    if (fileFd_ < 0 || ::fstat(fileFd_, &st) != 0 || !S_ISREG(st.st_mode)) {
+      closeFile();
+      return false;
+    }
+    fileOffset_ = 0;
+    fileSize_ = static_cast<std::uint64_t>(st.st_size);
+    return true;
+  }
+
+  void closeFile() {
+    if (fileFd_ >= 0) ::close(fileFd_);
+    fileFd_ = -1;
+  }
+
+  void writeFileHead(const Response& r, bool keepAlive) {
+    auto res = std::make_shared<bhttp::response<bhttp::empty_body>>();
+    fillHead(*res, r, version_, keepAlive);
+    res->content_length(fileSize_);
     if (req_.headOnly) {
-      auto res = std::make_shared<bhttp::response<bhttp::empty_body>>();
-      fillHead(*res, r, version_, keepAlive);
-      res->content_length(file.size());
+      closeFile();
       return send(res, keepAlive);
     }
-    auto res = std::make_shared<bhttp::response<bhttp::file_body>>();
-    fillHead(*res, r, version_, keepAlive);
-    res->body() = std::move(file);
-    res->prepare_payload();
-    send(res, keepAlive);
+    bhttp::async_write(
+        stream_, *res,
+        [self = shared_from_this(), res, keepAlive](beast::error_code ec, std::size_t) {
+          if (ec) return self->closeFileAndConnection();
+          self->sendFileBody(keepAlive);
+        });
+  }
+
+  // Sends the rest of the open file straight from the page cache; waits for the socket to drain
+  // when it is full, giving up on a client that reads nothing for a while.
+  void sendFileBody(bool keepAlive) {
+    auto& socket = stream_.socket();
+    beast::error_code ec;
+    socket.native_non_blocking(true, ec);
+    while (!ec && static_cast<std::uint64_t>(fileOffset_) < fileSize_) {
+      const std::uint64_t left = fileSize_ - static_cast<std::uint64_t>(fileOffset_);
+      const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(left, 1 << 30));
+      ssize_t sent = ::sendfile(socket.native_handle(), fileFd_, &fileOffset_, chunk);
+      if (sent > 0) continue;
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        idleTimer_.expires_after(core_.options.bodyIdleTimeout);
+        idleTimer_.async_wait([self = shared_from_this()](beast::error_code timerError) {
+          if (!timerError) self->closeFileAndConnection();
+        });
+        socket.async_wait(tcp::socket::wait_write,
+                          [self = shared_from_this(), keepAlive](beast::error_code waitError) {
+                            self->idleTimer_.cancel();
+                            if (waitError) return self->closeFileAndConnection();
+                            self->sendFileBody(keepAlive);
+                          });
+        return;
+      }
+      return closeFileAndConnection();  // an error, or the file shrank under us
+    }
+    closeFile();
+    if (ec || !keepAlive) return closeGracefully();
+    readHead();
+  }
+
+  void closeFileAndConnection() {
+    closeFile();
+    closeNow();
   }
 
   template <typename Message>
   void send(std::shared_ptr<Message> res, bool keepAlive) {
-    bhttp::async_write(stream_, *res,
-                       [self = shared_from_this(), res, keepAlive](beast::error_code ec,
-                                                                   std::size_t) {
-                         if (ec || !keepAlive) return self->closeGracefully();
-                         self->readHead();
-                       });
+    bhttp::async_write(
+        stream_, *res,
+        [self = shared_from_this(), res, keepAlive](beast::error_code ec, std::size_t) {
+          if (ec || !keepAlive) return self->closeGracefully();
+          self->readHead();
+        });
   }
 
   // Answers a request that cannot be read further, then closes.
@@ -300,10 +365,8 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void respond(Response response, bool close) {
-    asio::post(stream_.get_executor(),
-               [self = shared_from_this(), r = std::move(response), close]() mutable {
-                 self->write(std::move(r), close);
-               });
+    asio::post(stream_.get_executor(), [self = shared_from_this(), r = std::move(response),
+                                        close]() mutable { self->write(std::move(r), close); });
   }
 
   // Removes a streamed body the handler did not move into place (or that never completed).
@@ -329,15 +392,19 @@ class Session : public std::enable_shared_from_this<Session> {
   const Route* route_ = nullptr;
   std::vector<char> drainBuffer_;
   std::size_t drained_ = 0;
+  asio::steady_timer idleTimer_;
+  int fileFd_ = -1;
+  off_t fileOffset_ = 0;
+  std::uint64_t fileSize_ = 0;
 };
 
 void acceptLoop(ServerCore& core) {
   core.acceptor.async_accept(asio::make_strand(core.ioc),
                              [&core](beast::error_code ec, tcp::socket socket) {
-                                if (ec == asio::error::operation_aborted) return;
-                                if (!ec) std::make_shared<Session>(std::move(socket), core)->start();
-                                acceptLoop(core);
-                              });
+                               if (ec == asio::error::operation_aborted) return;
+                               if (!ec) std::make_shared<Session>(std::move(socket), core)->start();
+                               acceptLoop(core);
+                             });
 }
 
 void scheduleTimer(ServerCore& core, asio::steady_timer& timer, std::chrono::milliseconds period,

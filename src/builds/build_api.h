@@ -1,0 +1,28 @@
+#pragma once
+// The build endpoints. Roles are the gate's business; these handlers check ids, paths and state.
+
+#include <filesystem>
+
+#include "api/common.h"
+
+namespace quill::builds {
+
+using api::Request;
+using api::Response;
+
+// PUT /api/builds/{id}/files?path=. Every check needs only the head (Rill-only, id, path, not
+// finalized), so uploadCheck runs before the body is read; the body is streamed into the file
+// named by uploadBodyFile (outside files/, so a broken upload never reaches a manifest) and
+// uploadFile renames it into place.
+std::optional<Response> uploadCheck(const Request& req, Context& ctx);
+std::filesystem::path uploadBodyFile(const Request& req, Context& ctx);
+Response uploadFile(const Request& req, Context& ctx);
+
+Response finalizeBuild(const Request& req, Context& ctx);     // POST /api/builds/{id}/finalize
+Response readBuild(const Request& req, Context& ctx);         // GET /api/builds/{id}
+Response downloadFile(const Request& req, Context& ctx);      // GET /api/builds/{id}/files?path=
+Response setBuildDisabled(const Request& req, Context& ctx);  // POST /api/builds/{id}/disabled
+Response deleteBuild(const Request& req, Context& ctx);       // DELETE /api/builds/{id}
+Response listBuilds(const Request& req, Context& ctx);        // GET /api/builds
+
+}  // namespace quill::builds

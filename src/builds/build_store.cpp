@@ -1,0 +1,93 @@
+#include "builds/build_store.h"
+
+#include <algorithm>
+
+#include "store/documents.h"
+#include "store/utc_time.h"
+
+namespace quill::builds {
+
+namespace {
+
+// Every parsable channel document, as (channel name, document), in directory order.
+std::vector<std::pair<std::string, Json::Value>> channelDocuments(const store::DataDir& data) {
+  std::vector<std::pair<std::string, Json::Value>> channels;
+  for (auto& [path, doc] : store::listJsonDir(data.channels())) {
+    channels.emplace_back(path.stem().string(), std::move(doc));
+  }
+  return channels;
+}
+
+std::string pointedBuild(const Json::Value& channel) {
+  const Json::Value& build = channel["build"];
+  return build.isString() ? build.asString() : std::string();
+}
+
+}  // namespace
+
+BuildPaths buildPaths(const store::DataDir& data, const std::string& id) {
+  fs::path dir = data.builds() / id;
+  return {dir, dir / "files", dir / "manifest.json", dir / "state.json", dir / "incoming"};
+}
+
+bool isFinalized(const BuildPaths& build) {
+  std::error_code ec;
+  return fs::exists(build.manifest, ec);
+}
+
+bool isDisabled(const BuildPaths& build) {
+  Json::Value state;
+  if (!store::readJsonFile(build.state, state)) return false;
+  return state["disabled"].isBool() && state["disabled"].asBool();
+}
+
+std::optional<Json::Value> readManifest(const BuildPaths& build) {
+  Json::Value manifest;
+  if (!store::readJsonFile(build.manifest, manifest) || !manifest.isObject()) return std::nullopt;
+  return manifest;
+}
+
+Json::Value makeManifest(const BuildPaths& build, const std::string& id) {
+  std::vector<std::pair<std::string, std::uint64_t>> entries;
+  for (const auto& entry : fs::recursive_directory_iterator(build.files)) {
+    if (!entry.is_regular_file()) continue;
+    entries.emplace_back(entry.path().lexically_relative(build.files).generic_string(),
+                         entry.file_size());
+  }
+  std::sort(entries.begin(), entries.end());
+  Json::Value files(Json::arrayValue);
+  std::uint64_t total = 0;
+  for (const auto& [path, size] : entries) {
+    Json::Value file(Json::objectValue);
+    file["path"] = path;
+    file["size"] = Json::UInt64(size);
+    files.append(std::move(file));
+    total += size;
+  }
+  Json::Value manifest(Json::objectValue);
+  manifest["schema_version"] = 1;
+  manifest["build"] = id;
+  manifest["created_at"] = store::nowUtcText();
+  manifest["file_count"] = Json::UInt(entries.size());
+  manifest["total_size"] = Json::UInt64(total);
+  manifest["files"] = std::move(files);
+  return manifest;
+}
+
+std::map<std::string, std::vector<std::string>> channelsByBuild(const store::DataDir& data) {
+  std::map<std::string, std::vector<std::string>> byBuild;
+  for (const auto& [name, doc] : channelDocuments(data)) {
+    std::string build = pointedBuild(doc);
+    if (!build.empty()) byBuild[build].push_back(name);
+  }
+  for (auto& [build, names] : byBuild) std::sort(names.begin(), names.end());
+  return byBuild;
+}
+
+std::vector<std::string> channelsPointingAt(const store::DataDir& data, const std::string& id) {
+  auto byBuild = channelsByBuild(data);
+  auto found = byBuild.find(id);
+  return found == byBuild.end() ? std::vector<std::string>() : found->second;
+}
+
+}  // namespace quill::builds
