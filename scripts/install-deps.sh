@@ -32,3 +32,6 @@ fi
 if [ -f tests/node/package.json ]; then
   (cd tests/node && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
 fi
+if [ -f tests/rill-peers/package.json ]; then
+  (cd tests/rill-peers && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
+fi

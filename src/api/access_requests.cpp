@@ -1,9 +1,5 @@
 #include "api/access_requests.h"
 
-#include <json/reader.h>
-
-#include <sstream>
-
 #include "api/caller.h"
 #include "api/invites.h"
 #include "store/documents.h"
@@ -31,15 +27,6 @@ constexpr const char* kInviteFailed = "could not store invite";
 constexpr std::size_t kMaxPending = 50;
 constexpr std::size_t kRequestIdLength = 8;
 
-std::optional<Json::Value> parseObject(const std::string& body) {
-  Json::Value value;
-  std::istringstream in(body);
-  std::string errors;
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) return std::nullopt;
-  if (!value.isObject()) return std::nullopt;
-  return value;
-}
-
 // A request id from the path is a name; anything else cannot be a request file.
 std::optional<std::filesystem::path> requestPath(const Request& req, Context& ctx) {
   if (!store::isValidName(req.segment())) return std::nullopt;
@@ -56,10 +43,13 @@ bool plausibleEmail(std::string_view email) {
 }
 
 Response submitAccessRequest(const Request& req, Context& ctx) {
-  auto body = parseObject(req.body);
+  auto body = store::parseJsonObject(req.body);
   if (!body) return http::errorResponse(400, text::kJsonRequired);
   const std::string name = store::textOf(*body, "name");
-  if (!store::isValidName(name)) return http::errorResponse(400, text::kBadName);
+  // The name becomes a user name on approval; two dots in a row are refused outright.
+  if (!store::isValidName(name) || name.find("..") != std::string::npos) {
+    return http::errorResponse(400, text::kBadName);
+  }
   const std::string email = store::textOf(*body, "email");
   if (!plausibleEmail(email)) return http::errorResponse(400, text::kBadEmail);
   if (store::listJsonDir(ctx.data.accessRequests()).size() >= kMaxPending) {
@@ -86,7 +76,6 @@ Response listAccessRequests(const Request& req, Context& ctx) {
   }
   Json::Value items(Json::arrayValue);
   for (const auto& [path, record] : store::listJsonDir(ctx.data.accessRequests())) {
-    if (!record.isObject()) continue;
     Json::Value item(Json::objectValue);
     for (const char* member : {"id", "name", "email", "message", "created_at"}) {
       item[member] = record[member];
@@ -106,7 +95,7 @@ Response approveAccessRequest(const Request& req, Context& ctx) {
   if (auto* refusal = std::get_if<Response>(&terms)) return std::move(*refusal);
   auto path = requestPath(req, ctx);
   Json::Value request;
-  if (!path || !store::readJsonFile(*path, request) || !request.isObject() ||
+  if (!path || !store::readJsonFile(*path, request) ||
       !store::isValidName(store::textOf(request, "name"))) {
     return http::errorResponse(404, text::kNoRequest);
   }

@@ -104,7 +104,6 @@ Response mintInvite(const Request& req, Context& ctx) {
 Response listInvites(const Request&, Context& ctx) {
   Json::Value items(Json::arrayValue);
   for (const auto& [path, record] : store::listJsonDir(ctx.data.invites())) {
-    if (!record.isObject()) continue;
     const std::int64_t expires =
         record["expires_epoch"].isIntegral() ? record["expires_epoch"].asInt64() : 0;
     Json::Value item(Json::objectValue);
@@ -140,7 +139,7 @@ Response redeemInvite(const Request& req, Context& ctx) {
   if (code.empty() || code.size() > kMaxCodeLength) return http::errorResponse(400, text::kBadCode);
   const auto path = store::invitePath(ctx.data, code);
   Json::Value invite;
-  if (!store::readJsonFile(path, invite) || !invite.isObject()) {
+  if (!store::readJsonFile(path, invite)) {
     return http::errorResponse(404, text::kUnknownCode);
   }
   if (!invite["expires_epoch"].isIntegral() || invite["expires_epoch"].asInt64() < now()) {

@@ -1,5 +1,7 @@
 #include "api/users.h"
 
+#include <filesystem>
+
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/users.h"
@@ -67,6 +69,7 @@ Response changeMembership(const Request& req, Context& ctx, const char* member, 
   auto user = store::findUser(ctx.data, req.segment());
   if (!user) return http::errorResponse(404, text::kUserNotFound);
   if (change == ListChange::Remove) {
+    if (!(*user)[member].isArray()) (*user)[member] = Json::Value(Json::arrayValue);
     removeAll((*user)[member], *item);
     return saved(ctx, *user);
   }
@@ -113,7 +116,10 @@ Response createUser(const Request& req, Context& ctx) {
     if (auto* refusal = std::get_if<Response>(&list)) return std::move(*refusal);
     user.channels = std::get<std::vector<std::string>>(std::move(list));
   }
-  if (store::findUser(ctx.data, name)) return http::errorResponse(409, text::kUserExists);
+  std::error_code ec;
+  if (std::filesystem::exists(store::DataDir::recordPath(ctx.data.users(), name), ec)) {
+    return http::errorResponse(409, text::kUserExists);
+  }
   std::string_view service = req.param("service").value_or("");
   user.service = service == "1" || service == "true";
   if (user.service && role != "publisher") {
@@ -221,13 +227,8 @@ Response setUserProfile(const Request& req, Context& ctx) {
   for (const char* field : {"display_name", "email"}) {
     auto value = req.param(field);
     if (!value) continue;
-    std::string cleaned = store::profileText(*value);
-    // Optional text fields are omitted rather than stored empty.
-    if (cleaned.empty()) {
-      user.removeMember(field);
-    } else {
-      user[field] = cleaned;
-    }
+    // A present but empty value is stored as the empty string: that clears the field.
+    user[field] = store::profileText(*value);
   }
   return saved(ctx, user);
 }

@@ -51,6 +51,17 @@ std::optional<std::string> channelListProblem(const Context& ctx, const std::str
   return std::nullopt;
 }
 
+// Deletes the pending invites of `user`. Records that cannot be read are left alone, and so is an
+// invites folder that cannot be listed (storing the new invite then fails and says so).
+void replaceInvitesOf(const Context& ctx, const std::string& user) {
+  try {
+    for (const auto& [path, record] : store::listJsonDir(ctx.data.invites())) {
+      if (store::textOf(record, "user") == user) store::removeFile(path);
+    }
+  } catch (const std::filesystem::filesystem_error&) {
+  }
+}
+
 }  // namespace
 
 int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
@@ -165,11 +176,7 @@ int inviteCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
     if (s.days < 1 || s.days > 3650) return fail(err, "--days must be 1..3650");
     invite.lifetimeSeconds = std::int64_t{s.days} * 86400;
   }
-  if (s.replace) {
-    for (const auto& [path, record] : store::listJsonDir(ctx.data.invites())) {
-      if (store::textOf(record, "user") == user) store::removeFile(path);
-    }
-  }
+  if (s.replace) replaceInvitesOf(ctx, user);
   auto created = store::createInvite(ctx.data, invite);
   if (!created) return fail(err, "could not store invite");
   out << "Invite for user '" << user << "' created, valid until "

@@ -1,5 +1,7 @@
 #include "app/commands.h"
 
+#include <exception>
+
 #include "app/admin_commands.h"
 
 namespace quill {
@@ -49,7 +51,14 @@ bool fits(const CommandShape& shape, const std::vector<std::string>& words) {
 
 int runCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   for (const auto& shape : commandShapes()) {
-    if (fits(shape, ctx.settings.words)) return shape.run(ctx, out, err);
+    if (!fits(shape, ctx.settings.words)) continue;
+    try {
+      return shape.run(ctx, out, err);
+    } catch (const std::exception& e) {
+      // A data directory that cannot be listed (a record folder that is a file, say).
+      err << e.what() << "\n";
+      return 1;
+    }
   }
   err << "unknown command\n";
   return 1;

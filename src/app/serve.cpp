@@ -28,7 +28,7 @@ http::ServerOptions serverOptions(const Settings& settings) {
   options.port = settings.port;
   unsigned cores = std::max(1U, std::thread::hardware_concurrency());
   options.ioThreads = cores;
-  options.workerThreads = std::max(8U, 2 * cores);
+  options.workerThreads = cores;
   return options;
 }
 

@@ -69,8 +69,8 @@ std::optional<Response> uploadCheck(const Request& req, Context& ctx) {
   return std::nullopt;
 }
 
-std::filesystem::path uploadBodyFile(const Request& req, Context& ctx) {
-  return buildPaths(ctx.data, req.segment()).incoming / store::randomString(kUploadNameLength);
+std::filesystem::path uploadBodyFile(const Request&, Context& ctx) {
+  return incomingUploads(ctx.data) / store::randomString(kUploadNameLength);
 }
 
 Response uploadFile(const Request& req, Context& ctx) {
@@ -80,13 +80,14 @@ Response uploadFile(const Request& req, Context& ctx) {
   const std::string& id = req.segment();
   const std::string path = *safePath(req);
   const fs::path target = buildPaths(ctx.data, id).files / fs::path(path);
-  if (!placeUpload(req, target)) return http::errorResponse(500, text::kStoreFailed);
   std::error_code ec;
-  auto size = fs::file_size(target, ec);
+  const std::uint64_t size =
+      req.bodyFile.empty() ? req.body.size() : fs::file_size(req.bodyFile, ec);
+  if (ec || !placeUpload(req, target)) return http::errorResponse(500, text::kStoreFailed);
   Json::Value receipt(Json::objectValue);
   receipt["build"] = id;
   receipt["path"] = path;
-  receipt["size"] = Json::UInt64(ec ? 0 : size);
+  receipt["size"] = Json::UInt64(size);
   return http::jsonResponse(receipt);
 }
 

@@ -27,8 +27,10 @@ std::string pointedBuild(const Json::Value& channel) {
 
 BuildPaths buildPaths(const store::DataDir& data, const std::string& id) {
   fs::path dir = data.builds() / id;
-  return {dir, dir / "files", dir / "manifest.json", dir / "state.json", dir / "incoming"};
+  return {dir, dir / "files", dir / "manifest.json", dir / "state.json"};
 }
+
+fs::path incomingUploads(const store::DataDir& data) { return data.root() / "incoming"; }
 
 bool isFinalized(const BuildPaths& build) {
   std::error_code ec;
@@ -43,7 +45,7 @@ bool isDisabled(const BuildPaths& build) {
 
 std::optional<Json::Value> readManifest(const BuildPaths& build) {
   Json::Value manifest;
-  if (!store::readJsonFile(build.manifest, manifest) || !manifest.isObject()) return std::nullopt;
+  if (!store::readJsonFile(build.manifest, manifest)) return std::nullopt;
   return manifest;
 }
 

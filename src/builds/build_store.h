@@ -21,11 +21,14 @@ struct BuildPaths {
   fs::path files;     // builds/<id>/files
   fs::path manifest;  // builds/<id>/manifest.json
   fs::path state;     // builds/<id>/state.json
-  fs::path incoming;  // builds/<id>/incoming: uploads in flight, outside files/
 };
 
 // `id` must have passed the name rule.
 BuildPaths buildPaths(const store::DataDir& data, const std::string& id);
+
+// Where upload bodies are streamed while they arrive: on the same file system as the builds, but
+// outside every build, so an upload cut short neither creates a build nor reaches a manifest.
+fs::path incomingUploads(const store::DataDir& data);
 
 bool isFinalized(const BuildPaths& build);
 // A missing or unreadable state document means "not disabled".

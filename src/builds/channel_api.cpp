@@ -1,9 +1,6 @@
 #include "builds/channel_api.h"
 
-#include <json/reader.h>
-
 #include <algorithm>
-#include <sstream>
 
 #include "builds/build_store.h"
 #include "store/documents.h"
@@ -50,7 +47,7 @@ fs::path channelPath(const Context& ctx, const std::string& name) {
 
 std::optional<Json::Value> loadChannel(const Context& ctx, const std::string& name) {
   Json::Value doc;
-  if (!store::readJsonFile(channelPath(ctx, name), doc) || !doc.isObject()) return std::nullopt;
+  if (!store::readJsonFile(channelPath(ctx, name), doc)) return std::nullopt;
   return doc;
 }
 
@@ -94,14 +91,6 @@ int unassign(std::vector<Json::Value> records, const char* member, const std::st
   return changed;
 }
 
-std::optional<Json::Value> parseJson(const std::string& body) {
-  Json::Value value;
-  std::istringstream in(body);
-  std::string errors;
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) return std::nullopt;
-  return value;
-}
-
 }  // namespace
 
 Response listChannels(const Request&, Context& ctx) {
@@ -110,7 +99,7 @@ Response listChannels(const Request&, Context& ctx) {
             [](const auto& a, const auto& b) { return a.first.filename() < b.first.filename(); });
   Json::Value channels(Json::arrayValue);
   for (const auto& [path, doc] : documents) {
-    if (doc.isObject()) channels.append(channelSummary(ctx, path.stem().string(), doc));
+    channels.append(channelSummary(ctx, path.stem().string(), doc));
   }
   Json::Value result(Json::objectValue);
   result["schema_version"] = 1;
@@ -201,8 +190,8 @@ Response setChannelPublic(const Request& req, Context& ctx) {
 }
 
 api::OrError<Json::Value> checkedLaunchTargets(const std::string& body) {
-  auto parsed = parseJson(body);
-  if (!parsed || !parsed->isObject() || !(*parsed)["launch_targets"].isArray()) {
+  auto parsed = store::parseJsonObject(body);
+  if (!parsed || !(*parsed)["launch_targets"].isArray()) {
     return http::errorResponse(400, text::kBadLaunchBody);
   }
   const Json::Value& targets = (*parsed)["launch_targets"];

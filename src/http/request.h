@@ -34,9 +34,9 @@ struct Request {
   std::string path;    // percent-decoded path, without the query
   std::map<std::string, std::string, std::less<>> query;  // percent-decoded; first occurrence wins
   Headers headers;
-  std::string peer;                   // the peer's IP address as text
+  std::string peer;                            // the peer's IP address as text
   std::optional<std::uint64_t> contentLength;  // nullopt when absent (or chunked)
-  bool hasBody = false;               // a body was announced (length > 0 or chunked)
+  bool hasBody = false;                        // a body was announced (length > 0 or chunked)
   std::vector<std::string> segments;  // the `{segment}` captures of the matched route, in order
   bool headOnly = false;              // a HEAD request, served by its GET route without body
 

@@ -79,22 +79,22 @@ std::optional<Response> Router::judgeHead(Request& req, const Route*& route) con
     req.headOnly = true;
   }
   auto parts = splitPath(req.path);
-  std::vector<std::string> methods;
+  bool pathKnown = false;
   std::size_t best = routes_.size();
   for (std::size_t i = 0; i < routes_.size(); ++i) {
     if (!matches(compiled_[i], parts, nullptr)) continue;
-    methods.push_back(routes_[i].method);
+    pathKnown = true;
     if (routes_[i].method != req.method) continue;
     // A literal segment beats a capture: POST /api/invites/redeem is not an invite id.
     if (best == routes_.size() || compiled_[i].captures < compiled_[best].captures) best = i;
   }
-  if (methods.empty()) return errorResponse(404, "not found");
-  if (req.method == "OPTIONS") {
-    Response r;
-    r.withHeader("Allow", allowHeader(methods));
-    return r;
-  }
-  if (best == routes_.size()) {
+  if (!pathKnown) return errorResponse(404, "not found");
+  if (req.method == "OPTIONS" || best == routes_.size()) {
+    std::vector<std::string> methods;
+    for (std::size_t i = 0; i < routes_.size(); ++i) {
+      if (matches(compiled_[i], parts, nullptr)) methods.push_back(routes_[i].method);
+    }
+    if (req.method == "OPTIONS") return Response().withHeader("Allow", allowHeader(methods));
     return errorResponse(405, "method not allowed").withHeader("Allow", allowHeader(methods));
   }
   req.segments.clear();

@@ -31,8 +31,9 @@ struct Route {
   std::string method;
   std::string pattern;
   Handler handler;
-  HeadCheck headCheck;   // optional: the route's checks that need no body
-  BodyFileFor bodyFile;  // optional: stream the body to disk instead of memory
+  HeadCheck headCheck;    // optional: the route's checks that need no body
+  BodyFileFor bodyFile;   // optional: stream the body to disk instead of memory
+  bool blocking = false;  // the handler waits on remote services: run it on the blocking pool
 };
 
 class Router {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -37,7 +38,8 @@ struct ServerCore {
   Router router;
   ServerOptions options;
   asio::io_context ioc;
-  asio::thread_pool workers;
+  asio::thread_pool workers;          // checks and quick handlers
+  asio::thread_pool blockingWorkers;  // handlers that wait on remote services, timer tasks
   tcp::acceptor acceptor;
   std::vector<std::unique_ptr<asio::steady_timer>> timers;
 };
@@ -58,15 +60,29 @@ bool equalsIgnoreCase(std::string_view a, std::string_view b) {
   return true;
 }
 
-// Copies status, content type and header fields of `from` onto a Beast response.
-template <typename Body>
-void fillHead(bhttp::response<Body>& to, const Response& from, unsigned version, bool keepAlive) {
-  to.version(version);
-  to.result(from.status);
-  to.set(bhttp::field::server, "quillmoord");
-  if (!from.contentType.empty()) to.set(bhttp::field::content_type, from.contentType);
-  for (const auto& [name, value] : from.headers) to.insert(name, value);
-  to.keep_alive(keepAlive);
+// The status line and header fields of an answer, ready to send. Header values that carry a CR
+// or LF are dropped rather than sent, so no handler can split a response.
+std::string formatHead(const Response& r, unsigned version, std::uint64_t contentLength,
+                       bool keepAlive) {
+  auto safe = [](std::string_view text) {
+    return text.find_first_of("\r\n") == std::string_view::npos;
+  };
+  std::string head = version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ";
+  head += std::to_string(r.status);
+  head += ' ';
+  head += bhttp::obsolete_reason(static_cast<bhttp::status>(r.status));
+  head += "\r\nServer: quillmoord\r\n";
+  if (!r.contentType.empty() && safe(r.contentType)) {
+    head += "Content-Type: " + r.contentType + "\r\n";
+  }
+  for (const auto& [name, value] : r.headers) {
+    if (safe(name) && safe(value)) head += name + ": " + value + "\r\n";
+  }
+  head += "Content-Length: " + std::to_string(contentLength) + "\r\n";
+  if (version == 10 && keepAlive) head += "Connection: keep-alive\r\n";
+  if (version != 10 && !keepAlive) head += "Connection: close\r\n";
+  head += "\r\n";
+  return head;
 }
 
 // One client connection. It lives as long as an asynchronous operation or a worker task holds
@@ -195,20 +211,19 @@ class Session : public std::enable_shared_from_this<Session> {
       if (openFile(r.file)) return writeFileHead(r, keepAlive);
       r = errorResponse(404, "not found");
     }
-    if (req_.headOnly) {
-      auto res = std::make_shared<bhttp::response<bhttp::empty_body>>();
-      fillHead(*res, r, version_, keepAlive);
-      res->content_length(r.body.size());
-      return send(res, keepAlive);
-    }
-    auto res = std::make_shared<bhttp::response<bhttp::string_body>>();
-    fillHead(*res, r, version_, keepAlive);
-    res->body() = std::move(r.body);
-    res->prepare_payload();
-    send(res, keepAlive);
+    auto out = std::make_shared<std::pair<std::string, std::string>>(
+        formatHead(r, version_, r.body.size(), keepAlive), std::move(r.body));
+    if (req_.headOnly) out->second.clear();
+    std::array<asio::const_buffer, 2> buffers{asio::buffer(out->first), asio::buffer(out->second)};
+    asio::async_write(
+        stream_, buffers,
+        [self = shared_from_this(), out, keepAlive](beast::error_code ec, std::size_t) {
+          if (ec || !keepAlive) return self->closeGracefully();
+          self->readHead();
+        });
   }
 
-  // --- file responses: the head through Beast, the bytes with sendfile(2) ---------------------
+  // --- file responses: the head, then the bytes with sendfile(2) --------------------------------
 
   bool openFile(const std::filesystem::path& path) {
     closeFile();
@@ -229,17 +244,16 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void writeFileHead(const Response& r, bool keepAlive) {
-    auto res = std::make_shared<bhttp::response<bhttp::empty_body>>();
-    fillHead(*res, r, version_, keepAlive);
-    res->content_length(fileSize_);
-    if (req_.headOnly) {
-      closeFile();
-      return send(res, keepAlive);
-    }
-    bhttp::async_write(
-        stream_, *res,
-        [self = shared_from_this(), res, keepAlive](beast::error_code ec, std::size_t) {
+    auto head = std::make_shared<std::string>(formatHead(r, version_, fileSize_, keepAlive));
+    if (req_.headOnly) closeFile();
+    asio::async_write(
+        stream_, asio::buffer(*head),
+        [self = shared_from_this(), head, keepAlive](beast::error_code ec, std::size_t) {
           if (ec) return self->closeFileAndConnection();
+          if (self->fileFd_ < 0) {
+            if (!keepAlive) return self->closeGracefully();
+            return self->readHead();
+          }
           self->sendFileBody(keepAlive);
         });
   }
@@ -279,16 +293,6 @@ class Session : public std::enable_shared_from_this<Session> {
   void closeFileAndConnection() {
     closeFile();
     closeNow();
-  }
-
-  template <typename Message>
-  void send(std::shared_ptr<Message> res, bool keepAlive) {
-    bhttp::async_write(
-        stream_, *res,
-        [self = shared_from_this(), res, keepAlive](beast::error_code ec, std::size_t) {
-          if (ec || !keepAlive) return self->closeGracefully();
-          self->readHead();
-        });
   }
 
   // Answers a request that cannot be read further, then closes.
@@ -359,6 +363,12 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void handle() {
+    if (route_->blocking && !onBlockingPool_) {
+      onBlockingPool_ = true;
+      asio::post(core_.blockingWorkers, [self = shared_from_this()] { self->handle(); });
+      return;
+    }
+    onBlockingPool_ = false;
     Response response = core_.router.invoke(*route_, req_);
     discardBodyFile();
     respond(std::move(response), false);
@@ -393,6 +403,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::vector<char> drainBuffer_;
   std::size_t drained_ = 0;
   asio::steady_timer idleTimer_;
+  bool onBlockingPool_ = false;
   int fileFd_ = -1;
   off_t fileOffset_ = 0;
   std::uint64_t fileSize_ = 0;
@@ -412,7 +423,7 @@ void scheduleTimer(ServerCore& core, asio::steady_timer& timer, std::chrono::mil
   timer.expires_after(period);
   timer.async_wait([&core, &timer, period, task = std::move(task)](beast::error_code ec) mutable {
     if (ec) return;
-    asio::post(core.workers, task);
+    asio::post(core.blockingWorkers, task);
     scheduleTimer(core, timer, period, std::move(task));
   });
 }
@@ -425,6 +436,7 @@ Server::Server(Router router, ServerOptions options)
 Server::~Server() {
   stop();
   core_->workers.join();
+  core_->blockingWorkers.join();
 }
 
 bool Server::listen(std::string& error) {

@@ -26,7 +26,12 @@ struct ServerOptions {
   std::string address = "0.0.0.0";
   std::uint16_t port = 8080;  // 0 picks a free port; see Server::port()
   unsigned ioThreads = 1;
-  unsigned workerThreads = 8;
+  // Checks and ordinary handlers: about one per core, since they only touch local files; more
+  // threads would only add wake-ups.
+  unsigned workerThreads = 2;
+  // Handlers marked `blocking` (they wait on remote services) and timer tasks, so that those never
+  // hold up ordinary requests.
+  unsigned blockingThreads = 8;
   std::uint64_t bodyLimit = 2147483648ULL;
   std::size_t headerLimit = 64 * 1024;
   // The whole head must arrive within this time (also the keep-alive idle limit), so a client
@@ -47,7 +52,7 @@ class Server {
   bool listen(std::string& error);
   // The bound port (useful after listening on port 0).
   std::uint16_t port() const;
-  // Runs `task` on a worker thread every `period`, from the time run() starts.
+  // Runs `task` on a blocking-pool thread every `period`, from the time run() starts.
   void every(std::chrono::milliseconds period, std::function<void()> task);
   // Serves until stop(); returns after every I/O thread has finished.
   void run();

@@ -21,12 +21,6 @@ const Json::CharReaderBuilder& readerBuilder() {
   return builder;
 }
 
-bool parseJson(const std::string& text, Json::Value& out) {
-  const std::unique_ptr<Json::CharReader> reader(readerBuilder().newCharReader());
-  const char* begin = text.data();
-  return reader->parse(begin, begin + text.size(), &out, nullptr);
-}
-
 // A listed entry counts when it is a regular file (after following links) named "*.json".
 // An entry that vanished since the directory was read is skipped: concurrent deletes are normal.
 bool isJsonRecordFile(const fs::directory_entry& entry) {
@@ -40,6 +34,14 @@ bool isJsonRecordFile(const fs::directory_entry& entry) {
 
 }  // namespace
 
+std::optional<Json::Value> parseJsonObject(std::string_view text) {
+  const std::unique_ptr<Json::CharReader> reader(readerBuilder().newCharReader());
+  Json::Value value;
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return std::nullopt;
+  if (!value.isObject()) return std::nullopt;
+  return value;
+}
+
 bool readJsonFile(const fs::path& path, Json::Value& out) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
@@ -51,9 +53,9 @@ bool readJsonFile(const fs::path& path, Json::Value& out) {
   if (in.bad()) return false;
 
   // Parse aside so a failed read leaves the caller's value untouched.
-  Json::Value parsed;
-  if (!parseJson(text, parsed)) return false;
-  out = std::move(parsed);
+  auto parsed = parseJsonObject(text);
+  if (!parsed) return false;
+  out = std::move(*parsed);
   return true;
 }
 

@@ -8,6 +8,7 @@
 #include <json/value.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,9 +18,13 @@ namespace quill::store {
 
 namespace fs = std::filesystem;
 
-// Parses the whole file into `out`. Returns false when the file is missing, unreadable or not
-// valid JSON; callers treat that as "absent".
+// Parses the whole file into `out`. Returns false when the file is missing, unreadable, not valid
+// JSON or not a JSON object (every document is one object); callers treat that as "absent".
 bool readJsonFile(const fs::path& path, Json::Value& out);
+
+// `text` parsed as one JSON object with nothing after it, or nullopt. Used for documents and for
+// request bodies alike.
+std::optional<Json::Value> parseJsonObject(std::string_view text);
 
 // Writes `bytes` to `path` + ".tmp" (creating missing parent directories), then renames it onto
 // `path`. Returns true only if the rename succeeded. A failed write may leave the ".tmp" file,
@@ -32,7 +37,8 @@ std::string toStyledJson(const Json::Value& value);
 // writeFileAtomic of toStyledJson(value).
 bool writeJsonFile(const fs::path& path, const Json::Value& value);
 
-// Every regular "*.json" file directly in `dir` that parses, in directory order (unsorted).
+// Every regular "*.json" file directly in `dir` that reads as a document, in directory order
+// (unsorted).
 // A missing directory lists as empty. Files that fail to parse, ".tmp" leftovers and
 // subdirectories are skipped. Throws fs::filesystem_error only if iterating itself fails.
 std::vector<std::pair<fs::path, Json::Value>> listJsonDir(const fs::path& dir);

@@ -7,7 +7,7 @@ namespace quill::store {
 
 std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name) {
   Json::Value record;
-  if (!readJsonFile(DataDir::recordPath(data.groups(), name), record) || !record.isObject()) {
+  if (!readJsonFile(DataDir::recordPath(data.groups(), name), record)) {
     return std::nullopt;
   }
   return record;
@@ -29,7 +29,7 @@ bool saveGroup(const DataDir& data, const Json::Value& record) {
 std::vector<Json::Value> listGroups(const DataDir& data) {
   std::vector<Json::Value> groups;
   for (auto& [path, record] : listJsonDir(data.groups())) {
-    if (record.isObject()) groups.push_back(std::move(record));
+    groups.push_back(std::move(record));
   }
   return groups;
 }

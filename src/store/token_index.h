@@ -1,16 +1,18 @@
 #pragma once
-// A cache from token hash to token file, so resolving a token does not read every token file.
+// A cache from token hash to token file, so resolving a known token reads one file instead of
+// every token file.
 //
-// It never answers from memory alone: a hit is confirmed by reading the one file it names, and a
-// miss is trusted only while the token directory is unchanged since it was last read (same
-// modification time, and that time old enough that a same-tick change cannot hide behind it).
-// Anything else re-reads the directory, re-parsing only entries that are new or replaced. So a
-// token minted or deleted by another process is honoured at the very next lookup.
+// It never answers from memory alone. A hit is confirmed by reading the one file it names. A miss
+// re-lists the token directory and re-reads only the files that are new or changed (by inode and
+// modification time) since they were last read; unchanged files are known without reading them.
+// So a token minted, deleted or edited by another process is honoured at the very next lookup,
+// exactly as a full scan would.
 //
 // Thread safety: all members may be called from any thread.
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -26,8 +28,8 @@ struct TokenFile {
 
 class TokenIndex {
  public:
-  // A token file under `tokensDir` whose `token_hash` equals `hash`, as just read, or nullopt
-  // when there is none.
+  // The first token file (in directory order) under `tokensDir` whose `token_hash` equals `hash`,
+  // as just read, or nullopt when there is none.
   std::optional<TokenFile> find(const std::filesystem::path& tokensDir, const std::string& hash);
 
  private:
@@ -35,17 +37,15 @@ class TokenIndex {
     std::string hash;
     std::uint64_t inode = 0;
     std::int64_t modifiedNs = 0;
+    std::int64_t size = 0;
   };
-  // Re-reads the directory listing; parses only new or replaced files.
+  // Re-lists the directory; reads only new or changed files.
   void refresh(const std::filesystem::path& tokensDir);
-  bool directoryUnchanged(const std::filesystem::path& tokensDir) const;
 
   std::mutex mutex_;
   std::filesystem::path dir_;
   std::map<std::string, Entry> byName_;        // file name -> what it held when read
   std::map<std::string, std::string> byHash_;  // hash -> file name (first in directory order)
-  std::optional<std::int64_t> dirModifiedNs_;
-  bool dirModifiedSettled_ = false;
 };
 
 }  // namespace quill::store

@@ -42,9 +42,11 @@ std::string upgradeLegacyToken(const DataDir& data, TokenFile& file) {
 // A single-sign-on token is good for a day after its last sign-on. A stale one is removed; one
 // whose time cannot be read is refused but kept.
 bool ssoTokenFresh(TokenFile& file) {
-  auto validatedAt = parseUtc(textOf(file.record, "sso_validated_at"));
-  if (!validatedAt) return false;
-  if (std::time(nullptr) - *validatedAt <= kSsoTokenMaxAge) return true;
+  auto validatedAt = readUtc(textOf(file.record, "sso_validated_at"));
+  if (!validatedAt.sixNumbers) return false;
+  if (validatedAt.seconds && std::time(nullptr) - *validatedAt.seconds <= kSsoTokenMaxAge) {
+    return true;
+  }
   removeFile(file.path);
   return false;
 }
@@ -97,13 +99,16 @@ std::string machineTokenName(const DataDir& data, std::string_view owner,
   if (word.empty()) word = "device";
   std::string name = std::string(owner) + "-" + word;
   std::error_code ec;
-  if (fs::exists(DataDir::recordPath(data.tokens(), name), ec)) name += "-" + randomString(4);
+  if (fs::exists(DataDir::recordPath(data.tokens(), name), ec)) {
+    name += '-';
+    name += randomString(4);
+  }
   return name;
 }
 
 std::optional<Json::Value> findToken(const DataDir& data, const std::string& name) {
   Json::Value record;
-  if (!readJsonFile(DataDir::recordPath(data.tokens(), name), record) || !record.isObject()) {
+  if (!readJsonFile(DataDir::recordPath(data.tokens(), name), record)) {
     return std::nullopt;
   }
   return record;

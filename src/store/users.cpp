@@ -31,7 +31,7 @@ void appendUnique(Json::Value& list, const Json::Value& item) {
 
 std::optional<Json::Value> findUser(const DataDir& data, const std::string& name) {
   Json::Value record;
-  if (!readJsonFile(DataDir::recordPath(data.users(), name), record) || !record.isObject()) {
+  if (!readJsonFile(DataDir::recordPath(data.users(), name), record)) {
     return std::nullopt;
   }
   return record;
@@ -62,7 +62,7 @@ bool saveUser(const DataDir& data, const Json::Value& record) {
 std::vector<Json::Value> listUsers(const DataDir& data) {
   std::vector<Json::Value> users;
   for (auto& [path, record] : listJsonDir(data.users())) {
-    if (record.isObject()) users.push_back(std::move(record));
+    users.push_back(std::move(record));
   }
   return users;
 }

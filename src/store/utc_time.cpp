@@ -30,14 +30,18 @@ std::string formatUtc(std::int64_t epochSeconds) {
   return std::string(text, length);
 }
 
-std::optional<std::int64_t> parseUtc(std::string_view text) {
+std::optional<std::int64_t> parseUtc(std::string_view text) { return readUtc(text).seconds; }
+
+ParsedUtc readUtc(std::string_view text) {
+  ParsedUtc parsed;
   const std::string terminated(text);  // sscanf needs a NUL-terminated string
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   const int read = std::sscanf(terminated.c_str(), "%d-%d-%dT%d:%d:%d", &year, &month, &day, &hour,
                                &minute, &second);
-  if (read != 6) return std::nullopt;
+  if (read != 6) return parsed;
+  parsed.sixNumbers = true;
   // The tm offsets below must not overflow an int.
-  if (year < INT_MIN + 1900 || month == INT_MIN) return std::nullopt;
+  if (year < INT_MIN + 1900 || month == INT_MIN) return parsed;
 
   std::tm parts{};
   parts.tm_year = year - 1900;
@@ -50,8 +54,9 @@ std::optional<std::int64_t> parseUtc(std::string_view text) {
   // -1 is also the valid answer for 1969-12-31T23:59:59, so errno tells the two apart.
   errno = 0;
   const std::time_t seconds = timegm(&parts);
-  if (seconds == -1 && errno != 0) return std::nullopt;
-  return static_cast<std::int64_t>(seconds);
+  if (seconds == -1 && errno != 0) return parsed;
+  parsed.seconds = static_cast<std::int64_t>(seconds);
+  return parsed;
 }
 
 }  // namespace quill::store

@@ -15,8 +15,15 @@ std::string nowUtcText();
 std::string formatUtc(std::int64_t epochSeconds);
 
 // Reads six integers with the pattern "%d-%d-%dT%d:%d:%d" (the trailing Z is not checked) and
-// converts them as UTC. Returns nullopt when fewer than six numbers are read or the time does not
-// convert.
+// converts them as UTC. `sixNumbers` tells an unreadable text from one whose numbers do not make a
+// time; `seconds` is set only when both steps succeed.
+struct ParsedUtc {
+  bool sixNumbers = false;
+  std::optional<std::int64_t> seconds;
+};
+ParsedUtc readUtc(std::string_view text);
+
+// readUtc(text).seconds.
 std::optional<std::int64_t> parseUtc(std::string_view text);
 
 }  // namespace quill::store

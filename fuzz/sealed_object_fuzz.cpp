@@ -1,0 +1,40 @@
+// Objects read through the encrypted store are foreign bytes: opening them must fail with one of
+// the two messages, never crash, and sealing any plaintext must open back to it.
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "rill/encrypted_provider.h"
+#include "rill/memory_provider.h"
+#include "rill/process_init.h"
+
+namespace {
+
+const quill::rill::EncryptionKey kKey{1, 2, 3, 4, 5, 6, 7, 8};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace quill::rill;
+  static const bool ready = initialize();
+  if (!ready) std::abort();
+  const std::string input(reinterpret_cast<const char*>(data), size);
+
+  auto* raw = new MemoryProvider;
+  EncryptedProvider store(kKey, StorageProviderPtr(raw));
+  raw->put("k", input);
+  std::string body;
+  std::string error;
+  if (store.get("k", body, &error)) {
+    if (body.size() + kSealedOverhead != input.size()) std::abort();
+  } else if (error != "k: not an encrypted object (wrong store, or written without a key)" &&
+             error != "k: decryption failed (wrong key, or the object is corrupt)") {
+    std::abort();
+  }
+
+  const OpenedObject opened = openObject(sealObject(input, kKey), kKey);
+  if (!opened.ok || opened.plain != input) std::abort();
+  return 0;
+}

@@ -1,0 +1,99 @@
+#include "rill/http_transport.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "rill/process_init.h"
+
+namespace quill::rill {
+
+namespace {
+
+constexpr const char* kUserAgent = "quillmoor-rill/0.1";
+
+struct Upload {
+  std::string_view body;
+  std::size_t sent = 0;
+};
+
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* target) {
+  static_cast<std::string*>(target)->append(data, size * count);
+  return size * count;
+}
+
+std::size_t supply(char* buffer, std::size_t size, std::size_t count, void* source) {
+  auto* upload = static_cast<Upload*>(source);
+  const std::size_t n = std::min(size * count, upload->body.size() - upload->sent);
+  std::memcpy(buffer, upload->body.data() + upload->sent, n);
+  upload->sent += n;
+  return n;
+}
+
+struct EasyDeleter {
+  void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct ListDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+}  // namespace
+
+HttpResponse performHttp(const HttpRequest& request) {
+  HttpResponse response;
+  initialize();
+  std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
+  if (!curl) {
+    response.error = "curl init failed";
+    return response;
+  }
+  std::unique_ptr<curl_slist, ListDeleter> headers;
+  for (const std::string& header : request.headers) {
+    curl_slist* grown = curl_slist_append(headers.get(), header.c_str());
+    if (!grown) {
+      response.error = "curl: out of memory";
+      return response;
+    }
+    headers.release();
+    headers.reset(grown);
+  }
+
+  CURL* h = curl.get();
+  char errorText[CURL_ERROR_SIZE] = {};
+  Upload upload{request.body};
+  curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(h, CURLOPT_USERAGENT, kUserAgent);
+  curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L);
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
+  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body);
+  if (request.method == "PUT") {
+    curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(h, CURLOPT_READFUNCTION, supply);
+    curl_easy_setopt(h, CURLOPT_READDATA, &upload);
+    curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  } else if (request.method == "HEAD") {
+    curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
+  } else if (request.method != "GET") {
+    curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  }
+
+  const CURLcode code = curl_easy_perform(h);
+  if (code != CURLE_OK) {
+    response.error = std::string("curl: ") + (errorText[0] ? errorText : curl_easy_strerror(code));
+    return response;
+  }
+  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status);
+  curl_off_t length = -1;
+  if (curl_easy_getinfo(h, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK) {
+    response.contentLength = length;
+  }
+  return response;
+}
+
+}  // namespace quill::rill

@@ -1,0 +1,33 @@
+#pragma once
+// Blocking HTTP(S) transfers with libcurl: one easy handle per request, created and cleaned up
+// around it, so any number of threads may call at once.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quill::rill {
+
+struct HttpRequest {
+  std::string method;  // "GET", "PUT", "HEAD" or "DELETE"
+  std::string url;
+  std::vector<std::string> headers;  // "Name: value"
+  std::string_view body;             // sent by PUT only
+};
+
+struct HttpResponse {
+  long status = 0;  // 0 when no answer was obtained
+  std::string body;
+  std::int64_t contentLength = -1;  // from the answer's headers; -1 when unknown
+  std::string error;                // transport failure: "curl init failed" or "curl: " + reason
+
+  bool isSuccess() const { return status >= 200 && status < 300; }
+};
+
+// Performs `request` and collects the answer in memory. Statuses are not interpreted. There are no
+// time-outs, on purpose: a large transfer over a slow link must not be cut off. Only http and https
+// URLs are followed, and redirects are not.
+HttpResponse performHttp(const HttpRequest& request);
+
+}  // namespace quill::rill

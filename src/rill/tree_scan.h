@@ -1,0 +1,52 @@
+#pragma once
+// Scans a directory tree into per-file chunk lists and statistics: the content of a manifest.
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "rill/chunker.h"
+#include "rill/result.h"
+
+namespace quill::rill {
+
+// One chunk of a file as a manifest lists it.
+struct ChunkRef {
+  std::string h;      // chunk id
+  std::uint64_t n{};  // length in bytes
+
+  bool operator==(const ChunkRef&) const = default;
+};
+
+struct ScannedFile {
+  std::string path;  // relative to the root, forward slashes
+  std::uint64_t size = 0;
+  std::vector<ChunkRef> chunks;  // in file order; empty for an empty file
+
+  bool operator==(const ScannedFile&) const = default;
+};
+
+struct ScanStats {
+  std::uint64_t files = 0;
+  std::uint64_t unique_chunks = 0;  // distinct chunk ids
+  std::uint64_t total_bytes = 0;    // sum of file sizes
+  std::uint64_t unique_bytes = 0;   // sum of the lengths of distinct chunks
+
+  bool operator==(const ScanStats&) const = default;
+};
+
+struct TreeScan {
+  std::vector<ScannedFile> files;  // ascending byte order of `path`
+  ScanStats stats;
+};
+
+// Chunks every regular file under `root` (recursively; symbolic links are not followed or taken)
+// in ascending byte order of relative path, so the same tree always gives the same result.
+// Fails with "path not found: <root>", "walk error under <root>: <reason>",
+// "cannot stat <path>", the file chunker's messages, or the consistency guards
+// "chunk gap in <path>" and "chunk coverage mismatch in <path>" (a file that changed under us).
+// Requires valid `params`.
+Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params);
+
+}  // namespace quill::rill

@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "api/api_fixture.h"
+
+namespace quill {
+namespace {
+
+using test::isError;
+using test::memberOrder;
+using test::parseBody;
+using test::Req;
+
+constexpr const char* kNotService =
+    "tokens can only be minted for service accounts - people redeem an invite";
+constexpr const char* kBadTokenName = "missing or invalid ?name= (token name)";
+
+class ServiceTokensApiTest : public test::ApiTest {
+ protected:
+  void SetUp() override {
+    ApiTest::SetUp();
+    seedUser("ci", "publisher", {"beta"}, true);
+  }
+  http::Response mint(const std::string& user, const char* tokenName) {
+    Req req("POST", "/api/users/" + user + "/tokens");
+    if (tokenName) req.q("name", tokenName);
+    return send(req.bearer(admin()));
+  }
+  std::string meName(const std::string& token) {
+    http::Response res = send(Req("GET", "/api/me").bearer(token));
+    return res.status == 200 ? parseBody(res)["name"].asString() : "";
+  }
+};
+
+TEST_F(ServiceTokensApiTest, ChecksInOrder) {
+  seedUser("bob", "member");
+  EXPECT_TRUE(isError(mint("con", "t"), 400, "invalid user name"));
+  EXPECT_TRUE(isError(mint("ghost", nullptr), 404, "user not found"));
+  // People never get tokens here, administrators included; that is said before the name is read.
+  EXPECT_TRUE(isError(mint("bob", nullptr), 400, kNotService));
+  EXPECT_TRUE(isError(mint("admin", "t"), 400, kNotService));
+  for (const char* name : {static_cast<const char*>(nullptr), "", "con", "a b", ".."}) {
+    EXPECT_TRUE(isError(mint("ci", name), 400, kBadTokenName)) << (name ? name : "(absent)");
+  }
+  // Token names are unique server-wide, whoever owns the existing one.
+  EXPECT_TRUE(isError(mint("ci", "bob-token"), 409, "token name already exists"));
+  EXPECT_TRUE(isError(mint("ci", "ci-token"), 409, "token name already exists"));
+  EXPECT_FALSE(std::filesystem::exists(tokenPath("t")));
+}
+
+TEST_F(ServiceTokensApiTest, TheTokenIsShownOnceAndAuthenticatesAsTheAccount) {
+  http::Response res = mint("ci", "deploy");
+  ASSERT_EQ(res.status, 200u) << res.body;
+  EXPECT_EQ(memberOrder(res),
+            (std::vector<std::string>{"name", "schema_version", "token", "user"}));
+  Json::Value doc = parseBody(res);
+  EXPECT_EQ(doc["schema_version"], 1);
+  EXPECT_EQ(doc["user"], "ci");
+  EXPECT_EQ(doc["name"], "deploy");
+  const std::string token = doc["token"].asString();
+  ASSERT_EQ(token.size(), 48u);
+  for (char c : token) EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << token;
+
+  std::ifstream in(tokenPath("deploy"), std::ios::binary);
+  const std::string raw{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  EXPECT_EQ(raw.find(token), std::string::npos);
+  Json::Value record = readDoc(tokenPath("deploy"));
+  EXPECT_EQ(record["token_hash"], store::hashToken(token));
+  EXPECT_EQ(record["user"], "ci");
+  EXPECT_FALSE(record.isMember("token"));
+
+  const std::string second = parseBody(mint("ci", "deploy-2"))["token"].asString();
+  EXPECT_NE(second, token);
+  EXPECT_EQ(meName(token), "ci");
+  EXPECT_EQ(meName(second), "ci");
+  EXPECT_TRUE(isError(mint("ci", "deploy"), 409, "token name already exists"));
+
+  // Disabling suspends every token; deleting the account removes them.
+  ASSERT_EQ(send(Req("POST", "/api/users/ci/disabled").bearer(admin())).status, 200u);
+  EXPECT_EQ(meName(token), "");
+  ASSERT_EQ(send(Req("POST", "/api/users/ci/disabled").q("value", "false").bearer(admin())).status,
+            200u);
+  EXPECT_EQ(meName(second), "ci");
+  EXPECT_EQ(send(Req("DELETE", "/api/users/ci").bearer(admin())).body,
+            R"({"deleted":"ci","tokens_removed":3})");
+  EXPECT_EQ(meName(token), "");
+  EXPECT_EQ(meName(second), "");
+}
+
+TEST_F(ServiceTokensApiTest, AnUnstorableTokenIsNotHandedOut) {
+  blockWrites(tokenPath("deploy"));
+  EXPECT_TRUE(isError(mint("ci", "deploy"), 500, "could not store token"));
+  EXPECT_FALSE(std::filesystem::exists(tokenPath("deploy")));
+}
+
+}  // namespace
+}  // namespace quill

@@ -1,0 +1,451 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+#include "api/api_fixture.h"
+#include "store/groups.h"
+
+namespace quill {
+namespace {
+
+using test::isError;
+using test::memberOrder;
+using test::parseBody;
+using test::Req;
+using test::strings;
+
+constexpr const char* kInvalidUser = "invalid user name";
+constexpr const char* kNotFound = "user not found";
+constexpr const char* kExists = "user already exists";
+constexpr const char* kBadRole = "role must be admin, member or publisher";
+constexpr const char* kBadValue = "?value= must be admin, member or publisher";
+constexpr const char* kChannelsForPublisher = "?channels= only applies to role publisher";
+constexpr const char* kBadChannelList = "invalid channel name in ?channels=";
+constexpr const char* kServicePublisher = "service accounts always have role publisher";
+
+std::string recoveryMessage(const char* verb) {
+  return std::string("'admin' is the recovery account and cannot be ") + verb +
+         " - it is how you get back in if every other sign-in is lost";
+}
+
+struct Refusal {
+  std::string method;
+  std::string path;
+  std::vector<std::pair<const char*, const char*>> query;
+  unsigned status;
+  std::string error;
+};
+
+class UsersApiTest : public test::ApiTest {
+ protected:
+  http::Response as(const std::string& token, Req req) { return send(req.bearer(token)); }
+  http::Response asAdmin(Req req) { return as(admin(), std::move(req)); }
+
+  void expectRefusals(const std::vector<Refusal>& cases) {
+    for (const auto& c : cases) {
+      Req req(c.method, c.path);
+      for (const auto& [key, value] : c.query) req.q(key, value);
+      EXPECT_TRUE(isError(asAdmin(req), c.status, c.error)) << c.method << " " << c.path;
+    }
+  }
+
+  Json::Value stored(const std::string& name) { return readDoc(userPath(name)); }
+
+  void setStored(const std::string& name, const char* member, const Json::Value& value) {
+    Json::Value record = stored(name);
+    record[member] = value;
+    ASSERT_TRUE(store::saveUser(data(), record));
+  }
+
+  // The answer is 200 with the record now on disk; returns it.
+  Json::Value answersStored(const http::Response& res, const std::string& name) {
+    EXPECT_EQ(res.status, 200u) << res.body;
+    Json::Value body = parseBody(res);
+    EXPECT_EQ(body, stored(name));
+    return body;
+  }
+};
+
+TEST_F(UsersApiTest, ListShowsEveryUserWithDefaultsFilledIn) {
+  admin();
+  const std::string member = seedUser("mia", "member");
+  Json::Value odd = stored("mia");
+  odd["name"] = "sven";
+  odd["sso"] = true;
+  odd["service"] = "yes";    // not a boolean: false
+  odd["channels"] = "beta";  // not an array: empty
+  odd["follows"] = strings({"stable"});
+  odd["display_name"] = "Sven";
+  odd["disabled"] = true;
+  ASSERT_TRUE(store::saveUser(data(), odd));
+  ASSERT_TRUE(store::writeFileAtomic(userPath("junk"), "[1]"));
+
+  http::Response res = as(member, Req("GET", "/api/users"));  // any role may list
+  ASSERT_EQ(res.status, 200u) << res.body;
+  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"schema_version", "users"}));
+  Json::Value doc = parseBody(res);
+  EXPECT_EQ(doc["schema_version"], 1);
+  std::map<std::string, std::string> byName;
+  for (const auto& entry : doc["users"]) {
+    byName[entry["name"].asString()] = http::toCompactJson(entry);
+  }
+  ASSERT_EQ(byName.size(), 3u);
+  EXPECT_EQ(byName["admin"],
+            R"({"channels":[],"disabled":false,"display_name":"","email":"","follows":[],)"
+            R"("groups":[],"name":"admin","recovery":true,"role":"admin","service":false,)"
+            R"("sso":false})");
+  EXPECT_EQ(byName["sven"], R"({"channels":[],"disabled":true,"display_name":"Sven","email":"",)"
+                            R"("follows":["stable"],"groups":[],"name":"sven","recovery":false,)"
+                            R"("role":"member","service":false,"sso":true})");
+}
+
+TEST_F(UsersApiTest, CreateChecksNameRoleChannelsExistenceServiceInThatOrder) {
+  writeChannel("a", false);
+  seedUser("taken", "member");
+  expectRefusals({
+      {"POST", "/api/users/con", {{"role", "owner"}}, 400, kInvalidUser},
+      {"POST", "/api/users/bad name", {}, 400, kInvalidUser},
+      {"POST", "/api/users/" + std::string(129, 'n'), {}, 400, kInvalidUser},
+      {"POST", "/api/users/x", {{"role", "owner"}, {"channels", "a,,b"}}, 400, kBadRole},
+      {"POST", "/api/users/x", {{"role", "Admin"}}, 400, kBadRole},
+      {"POST", "/api/users/x", {{"channels", "missing"}}, 400, kChannelsForPublisher},
+      {"POST",
+       "/api/users/x",
+       {{"role", "member"}, {"channels", "a"}, {"service", "1"}},
+       400,
+       kChannelsForPublisher},
+      {"POST", "/api/users/x", {{"role", "publisher"}, {"channels", "a,,b"}}, 400, kBadChannelList},
+      {"POST", "/api/users/x", {{"role", "publisher"}, {"channels", ",a"}}, 400, kBadChannelList},
+      {"POST",
+       "/api/users/x",
+       {{"role", "publisher"}, {"channels", "a,missing"}},
+       404,
+       "channel 'missing' does not exist"},
+      {"POST",
+       "/api/users/taken",
+       {{"role", "publisher"}, {"channels", "gone"}},
+       404,
+       "channel 'gone' does not exist"},
+      {"POST", "/api/users/taken", {{"service", "1"}}, 409, kExists},
+      {"POST", "/api/users/x", {{"service", "1"}}, 400, kServicePublisher},
+      {"POST", "/api/users/x", {{"service", "true"}, {"role", "admin"}}, 400, kServicePublisher},
+  });
+  EXPECT_FALSE(std::filesystem::exists(userPath("x")));
+}
+
+TEST_F(UsersApiTest, CreateAnswersTheStoredRecord) {
+  writeChannel("a", false);
+  writeChannel("b", false);
+  http::Response plain = asAdmin(Req("POST", "/api/users/bob").q("role", "").q("service", "yes"));
+  EXPECT_EQ(memberOrder(plain),
+            (std::vector<std::string>{"created_at", "groups", "name", "role", "schema_version"}));
+  EXPECT_EQ(answersStored(plain, "bob")["role"], "member");
+
+  http::Response ci =
+      asAdmin(Req("POST", "/api/users/ci").q("service", "1").q("role", "publisher"));
+  EXPECT_EQ(memberOrder(ci), (std::vector<std::string>{"channels", "created_at", "groups", "name",
+                                                       "role", "schema_version", "service"}));
+  EXPECT_EQ(answersStored(ci, "ci")["channels"], Json::Value(Json::arrayValue));
+
+  // A trailing comma ends the list.
+  http::Response pub = asAdmin(Req("POST", "/api/users/pub")
+                                   .q("role", "publisher")
+                                   .q("channels", "b,a,")
+                                   .q("display_name", "Pub\tLisher\n")
+                                   .q("email", std::string(300, 'e')));
+  Json::Value record = answersStored(pub, "pub");
+  EXPECT_EQ(record["channels"], strings({"b", "a"}));
+  EXPECT_EQ(record["display_name"], "Pub Lisher ");
+  EXPECT_EQ(record["email"], std::string(256, 'e'));
+
+  Json::Value blank = answersStored(
+      asAdmin(Req("POST", "/api/users/bea").q("display_name", "").q("email", "")), "bea");
+  EXPECT_FALSE(blank.isMember("display_name"));
+  EXPECT_FALSE(blank.isMember("email"));
+}
+
+TEST_F(UsersApiTest, AnUnreadableRecordIsNotFoundButStillTakesTheName) {
+  ASSERT_TRUE(store::writeFileAtomic(userPath("broken"), "{\"name\": "));
+  expectRefusals({
+      {"DELETE", "/api/users/broken", {}, 404, kNotFound},
+      {"POST", "/api/users/broken/role", {{"value", "member"}}, 404, kNotFound},
+      // Creation refuses a name whose file exists, readable or not, and leaves it alone.
+      {"POST", "/api/users/broken", {}, 409, kExists},
+  });
+  std::ifstream in(userPath("broken"), std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+            "{\"name\": ");
+}
+
+TEST_F(UsersApiTest, DeleteRemovesTheUserAndExactlyItsTokens) {
+  admin();
+  const std::string tokens[] = {seedUser("bob", "member"), mintFor("bob", "bob-2"),
+                                mintFor("bob", "bob-3")};
+  const std::string other = seedUser("eve", "member");
+  ASSERT_TRUE(store::saveGroup(data(), store::newGroupRecord("team")));
+  setStored("bob", "groups", strings({"team"}));
+
+  EXPECT_EQ(asAdmin(Req("DELETE", "/api/users/bob")).body,
+            R"({"deleted":"bob","tokens_removed":3})");
+  EXPECT_FALSE(std::filesystem::exists(userPath("bob")));
+  for (const auto& token : tokens) {
+    EXPECT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 401u);
+  }
+  EXPECT_EQ(send(Req("GET", "/api/me").bearer(other)).status, 200u);
+  EXPECT_TRUE(std::filesystem::exists(groupPath("team")));
+  expectRefusals({{"DELETE", "/api/users/bob", {}, 404, kNotFound},
+                  {"DELETE", "/api/users/con", {}, 400, kInvalidUser}});
+}
+
+TEST_F(UsersApiTest, DeleteSurvivesAStrayTokenFile) {
+  admin();
+  seedUser("bob", "member");
+  ASSERT_TRUE(store::writeFileAtomic(tokenPath("junk"), "[\"bob\"]"));
+  EXPECT_EQ(asAdmin(Req("DELETE", "/api/users/bob")).body,
+            R"({"deleted":"bob","tokens_removed":1})");
+}
+
+TEST_F(UsersApiTest, TheRecoveryAccountIsNeverDeletedDisabledOrDemoted) {
+  // The recovery rule is checked before the last-admin rule, and holds beside other admins.
+  expectRefusals({
+      {"DELETE", "/api/users/admin", {}, 409, recoveryMessage("deleted")},
+      {"POST", "/api/users/admin/role", {{"value", "member"}}, 409, recoveryMessage("demoted")},
+      {"POST", "/api/users/admin/disabled", {}, 409, recoveryMessage("disabled")},
+      {"POST", "/api/users/admin/disabled", {{"value", "true"}}, 409, recoveryMessage("disabled")},
+  });
+  seedUser("root", "admin");
+  expectRefusals({{"DELETE", "/api/users/admin", {}, 409, recoveryMessage("deleted")},
+                  {"POST",
+                   "/api/users/admin/role",
+                   {{"value", "publisher"}},
+                   409,
+                   recoveryMessage("demoted")}});
+  // Re-enabling it, and "demoting" it to admin, change nothing and are allowed.
+  EXPECT_EQ(answersStored(asAdmin(Req("POST", "/api/users/admin/disabled").q("value", "false")),
+                          "admin")["disabled"],
+            false);
+  EXPECT_EQ(answersStored(asAdmin(Req("POST", "/api/users/admin/role").q("value", "admin")),
+                          "admin")["role"],
+            "admin");
+}
+
+TEST_F(UsersApiTest, TheLastAdminStaysUntilAnotherExistsEvenADisabledOne) {
+  const std::string root = seedUser("root", "admin");
+  writeChannel("beta", false);
+  EXPECT_TRUE(
+      isError(as(root, Req("DELETE", "/api/users/root")), 409, "cannot delete the last admin"));
+  for (const char* value : {"member", "publisher"}) {
+    EXPECT_TRUE(isError(as(root, Req("POST", "/api/users/root/role").q("value", value)), 409,
+                        "cannot demote the last admin"));
+  }
+  // Checked before the allow-list is looked at.
+  EXPECT_TRUE(isError(
+      as(root, Req("POST", "/api/users/root/role").q("value", "publisher").q("channels", "nope")),
+      409, "cannot demote the last admin"));
+
+  seedUser("spare", "admin");
+  setStored("spare", "disabled", true);
+  answersStored(as(root, Req("POST", "/api/users/root/role").q("value", "member")), "root");
+  // Back to two admins, one disabled: deletion goes through.
+  setStored("root", "role", "admin");
+  EXPECT_EQ(as(root, Req("DELETE", "/api/users/root")).body,
+            R"({"deleted":"root","tokens_removed":1})");
+  EXPECT_EQ(store::countAdmins(data()), 1);
+}
+
+TEST_F(UsersApiTest, RoleChecksInOrder) {
+  writeChannel("beta", false);
+  seedUser("bob", "member");
+  seedUser("ci", "publisher", {}, true);
+  expectRefusals({
+      {"POST", "/api/users/con/role", {{"value", "nobody"}}, 400, kInvalidUser},
+      {"POST", "/api/users/ghost/role", {}, 400, kBadValue},
+      {"POST", "/api/users/ghost/role", {{"value", "Admin"}}, 400, kBadValue},
+      {"POST",
+       "/api/users/ghost/role",
+       {{"value", "member"}, {"channels", "beta"}},
+       400,
+       kChannelsForPublisher},
+      {"POST", "/api/users/ghost/role", {{"value", "member"}}, 404, kNotFound},
+      {"POST", "/api/users/ci/role", {{"value", "admin"}}, 400, kServicePublisher},
+      {"POST",
+       "/api/users/bob/role",
+       {{"value", "publisher"}, {"channels", "beta,,x"}},
+       400,
+       kBadChannelList},
+      {"POST",
+       "/api/users/bob/role",
+       {{"value", "publisher"}, {"channels", "beta,nope"}},
+       404,
+       "channel 'nope' does not exist"},
+  });
+  EXPECT_EQ(stored("bob")["role"], "member");
+  EXPECT_FALSE(stored("bob").isMember("channels"));
+}
+
+TEST_F(UsersApiTest, RoleChangesKeepEverythingButTheAllowList) {
+  writeChannel("beta", false);
+  writeChannel("stable", false);
+  seedUser("pat", "publisher", {"beta"});
+  setStored("pat", "follows", strings({"stable"}));
+  setStored("pat", "display_name", "Pat");
+  auto setRole = [&](const char* name, const char* value, const char* channels = nullptr) {
+    Req req("POST", std::string("/api/users/") + name + "/role");
+    req.q("value", value);
+    if (channels) req.q("channels", channels);
+    return answersStored(asAdmin(req), name);
+  };
+
+  EXPECT_EQ(setRole("pat", "publisher")["channels"], strings({"beta"}));
+  EXPECT_EQ(setRole("pat", "publisher", "stable,")["channels"], strings({"stable"}));
+  EXPECT_FALSE(setRole("pat", "member").isMember("channels"));
+  Json::Value pat = setRole("pat", "publisher");
+  EXPECT_EQ(pat["channels"], Json::Value(Json::arrayValue));
+  EXPECT_EQ(pat["follows"], strings({"stable"}));
+  EXPECT_EQ(pat["display_name"], "Pat");
+
+  // A list stored on another role (given at creation) is kept on becoming publisher.
+  seedUser("mo", "member", {"beta"});
+  EXPECT_EQ(setRole("mo", "publisher")["channels"], strings({"beta"}));
+  EXPECT_FALSE(setRole("mo", "admin").isMember("channels"));
+
+  seedUser("ci", "publisher", {}, true);
+  EXPECT_EQ(setRole("ci", "publisher", "beta")["service"], true);
+}
+
+TEST_F(UsersApiTest, GroupsAndFollowsCheckInOrderAndAreIdempotent) {
+  seedUser("bob", "member");
+  ASSERT_TRUE(store::saveGroup(data(), store::newGroupRecord("team")));
+  writeChannel("beta", false);
+  const char* badGroup = "missing or invalid ?group= parameter";
+  const char* badChannel = "missing or invalid ?channel= parameter";
+  expectRefusals({
+      {"POST", "/api/users/con/groups", {}, 400, kInvalidUser},
+      {"POST", "/api/users/ghost/groups", {}, 400, badGroup},
+      {"DELETE", "/api/users/ghost/groups", {{"group", "a b"}}, 400, badGroup},
+      {"POST", "/api/users/ghost/groups", {{"group", "nope"}}, 404, kNotFound},
+      {"DELETE", "/api/users/ghost/groups", {{"group", "team"}}, 404, kNotFound},
+      {"POST",
+       "/api/users/bob/groups",
+       {{"group", "nope"}},
+       404,
+       "group does not exist - create it first"},
+      {"POST", "/api/users/con/channels", {}, 400, kInvalidUser},
+      {"POST", "/api/users/ghost/channels", {{"channel", ""}}, 400, badChannel},
+      {"DELETE", "/api/users/bob/channels", {{"channel", ".."}}, 400, badChannel},
+      {"POST", "/api/users/ghost/channels", {{"channel", "nope"}}, 404, kNotFound},
+      {"POST",
+       "/api/users/bob/channels",
+       {{"channel", "nope"}},
+       404,
+       "channel does not exist - create it first"},
+  });
+  EXPECT_EQ(stored("bob")["groups"], Json::Value(Json::arrayValue));
+  EXPECT_FALSE(stored("bob").isMember("follows"));
+
+  for (int i = 0; i < 2; ++i) {
+    answersStored(asAdmin(Req("POST", "/api/users/bob/groups").q("group", "team")), "bob");
+    answersStored(asAdmin(Req("POST", "/api/users/bob/channels").q("channel", "beta")), "bob");
+  }
+  EXPECT_EQ(stored("bob")["groups"], strings({"team"}));
+  EXPECT_EQ(stored("bob")["follows"], strings({"beta"}));
+
+  // Removal takes every occurrence and asks nothing about existence.
+  setStored("bob", "groups", strings({"team", "x", "team"}));
+  EXPECT_EQ(answersStored(asAdmin(Req("DELETE", "/api/users/bob/groups").q("group", "team")),
+                          "bob")["groups"],
+            strings({"x"}));
+  EXPECT_EQ(answersStored(asAdmin(Req("DELETE", "/api/users/bob/groups").q("group", "nope")),
+                          "bob")["groups"],
+            strings({"x"}));
+  EXPECT_EQ(answersStored(asAdmin(Req("DELETE", "/api/users/bob/channels").q("channel", "gone")),
+                          "bob")["follows"],
+            strings({"beta"}));
+  EXPECT_EQ(answersStored(asAdmin(Req("DELETE", "/api/users/bob/channels").q("channel", "beta")),
+                          "bob")["follows"],
+            Json::Value(Json::arrayValue));
+}
+
+TEST_F(UsersApiTest, UnfollowingOnAUserWithoutFollowsLeavesAnEmptyList) {
+  seedUser("bob", "member");
+  Json::Value bob =
+      answersStored(asAdmin(Req("DELETE", "/api/users/bob/channels").q("channel", "beta")), "bob");
+  EXPECT_EQ(bob["follows"], Json::Value(Json::arrayValue));
+}
+
+TEST_F(UsersApiTest, DisablingSuspendsTokensAndOnlyFalseReEnables) {
+  const std::string token = seedUser("bob", "member");
+  const Json::Value tokenBefore = readDoc(tokenPath("bob-token"));
+  expectRefusals({{"POST", "/api/users/con/disabled", {}, 400, kInvalidUser},
+                  {"POST", "/api/users/ghost/disabled", {}, 404, kNotFound}});
+  for (const char* value : {static_cast<const char*>(nullptr), "", "true", "False"}) {
+    Req disable("POST", "/api/users/bob/disabled");
+    if (value) disable.q("value", value);
+    EXPECT_EQ(answersStored(asAdmin(disable), "bob")["disabled"], true);
+    EXPECT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 401u);
+    EXPECT_EQ(answersStored(asAdmin(Req("POST", "/api/users/bob/disabled").q("value", "false")),
+                            "bob")["disabled"],
+              false);
+    EXPECT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 200u);
+  }
+  EXPECT_EQ(readDoc(tokenPath("bob-token")), tokenBefore);
+}
+
+TEST_F(UsersApiTest, ProfileAppliesOnlyThePresentParameters) {
+  seedUser("bob", "member");
+  expectRefusals({{"POST", "/api/users/con/profile", {}, 400, kInvalidUser},
+                  {"POST", "/api/users/ghost/profile", {}, 404, kNotFound}});
+  auto profile = [&](Req req) { return answersStored(asAdmin(std::move(req)), "bob"); };
+
+  Json::Value bob = profile(Req("POST", "/api/users/bob/profile")
+                                .q("display_name", "Bob\x01")
+                                .q("email", std::string(257, 'e')));
+  EXPECT_EQ(bob["display_name"], "Bob ");
+  EXPECT_EQ(bob["email"], std::string(256, 'e'));
+  bob = profile(Req("POST", "/api/users/bob/profile").q("email", "new@x"));
+  EXPECT_EQ(bob["display_name"], "Bob ");
+  EXPECT_EQ(bob["email"], "new@x");
+}
+
+TEST_F(UsersApiTest, AnEmptyProfileParameterStoresTheEmptyString) {
+  seedUser("bob", "member");
+  setStored("bob", "display_name", "Bob");
+  Json::Value bob =
+      answersStored(asAdmin(Req("POST", "/api/users/bob/profile").q("display_name", "")), "bob");
+  EXPECT_TRUE(bob["display_name"].isString());
+  EXPECT_EQ(bob["display_name"].asString(), "");
+}
+
+TEST_F(UsersApiTest, WriteFailuresAreReportedExceptOnCreation) {
+  admin();
+  writeChannel("beta", false);
+  ASSERT_TRUE(store::saveGroup(data(), store::newGroupRecord("team")));
+  seedUser("bob", "member");
+  const Json::Value before = stored("bob");
+  blockWrites(userPath("bob"));
+  const char* failed = "could not update user";
+  expectRefusals({
+      {"POST", "/api/users/bob/groups", {{"group", "team"}}, 500, failed},
+      {"DELETE", "/api/users/bob/groups", {{"group", "team"}}, 500, failed},
+      {"POST", "/api/users/bob/channels", {{"channel", "beta"}}, 500, failed},
+      {"DELETE", "/api/users/bob/channels", {{"channel", "beta"}}, 500, failed},
+      {"POST", "/api/users/bob/disabled", {}, 500, failed},
+      {"POST", "/api/users/bob/role", {{"value", "publisher"}}, 500, failed},
+      {"POST", "/api/users/bob/profile", {{"email", "b@x"}}, 500, failed},
+  });
+  EXPECT_EQ(stored("bob"), before);
+
+  // Creation answers the record even though it could not be stored.
+  blockWrites(userPath("zed"));
+  http::Response created = asAdmin(Req("POST", "/api/users/zed").q("role", "publisher"));
+  ASSERT_EQ(created.status, 200u) << created.body;
+  EXPECT_EQ(parseBody(created)["name"], "zed");
+  EXPECT_FALSE(std::filesystem::exists(userPath("zed")));
+}
+
+}  // namespace
+}  // namespace quill

@@ -1,0 +1,71 @@
+// The build store's reading rules and the download headers, below the handlers.
+
+#include "builds/build_store.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+
+#include "builds/content_type.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::builds {
+namespace {
+
+class BuildStoreTest : public test::TempDirTest {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(data_.prepare(error)) << error;
+  }
+  void write(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+  }
+  store::DataDir data_{dir() / "data"};
+};
+
+TEST_F(BuildStoreTest, OnlyAStoredTrueDisables) {
+  const BuildPaths build = buildPaths(data_, "b1");
+  EXPECT_FALSE(isDisabled(build));
+  write(build.state, R"({"schema_version":1,"disabled":true})");
+  EXPECT_TRUE(isDisabled(build));
+  write(build.state, R"({"schema_version":1,"disabled":false})");
+  EXPECT_FALSE(isDisabled(build));
+  write(build.state, R"({"schema_version":1,"disabled":tr)");
+  EXPECT_FALSE(isDisabled(build));
+  fs::remove(build.state);
+  fs::create_directories(build.state);
+  EXPECT_FALSE(isDisabled(build));
+}
+
+TEST(ContentType, FollowsTheExtensionWhateverItsCase) {
+  EXPECT_EQ(contentTypeFor("read me.TXT"), "text/plain; charset=utf-8");
+  EXPECT_EQ(contentTypeFor("page.Html"), "text/html; charset=utf-8");
+  EXPECT_EQ(contentTypeFor("data.tar.gz"), "application/gzip");
+  EXPECT_EQ(contentTypeFor("game.exe"), "application/octet-stream");
+  EXPECT_EQ(contentTypeFor("LICENSE"), "application/octet-stream");
+  EXPECT_EQ(contentTypeFor("trailing."), "application/octet-stream");
+}
+
+TEST(ContentType, DispositionCannotBreakTheHeaderWhateverTheName) {
+  EXPECT_EQ(attachmentDisposition("game.exe"),
+            "attachment; filename=\"game.exe\"; filename*=UTF-8''game.exe");
+  // Quotes, backslashes and line breaks never reach the header raw.
+  const std::string hostile = attachmentDisposition("a\"b\\c\r\nSet-Cookie: x.txt");
+  EXPECT_EQ(hostile.find('\r'), std::string::npos);
+  EXPECT_EQ(hostile.find('\n'), std::string::npos);
+  EXPECT_EQ(hostile,
+            "attachment; filename=\"a_b_c__Set-Cookie: x.txt\"; "
+            "filename*=UTF-8''a%22b%5Cc%0D%0ASet-Cookie%3A%20x.txt");
+  // A non-ASCII name keeps an ASCII-only fallback and its exact bytes in the encoded form.
+  const std::string wide = attachmentDisposition("\xC3\xA9t\xC3\xA9.pak");
+  EXPECT_NE(wide.find("filename*=UTF-8''%C3%A9t%C3%A9.pak"), std::string::npos) << wide;
+  EXPECT_TRUE(std::all_of(wide.begin(), wide.end(), [](unsigned char c) { return c < 0x80; }))
+      << wide;
+}
+
+}  // namespace
+}  // namespace quill::builds

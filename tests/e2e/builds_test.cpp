@@ -1,0 +1,373 @@
+// Publishing and downloading builds with the real binary on 127.0.0.1: a CI-style session over
+// HTTP, refusals answered before an upload's body is sent, and uploads that break off or race.
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/http_client.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+
+namespace quill::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kBinary = QUILL_BINARY;
+
+Json::Value parseJson(const std::string& text) {
+  Json::Value v;
+  std::istringstream in(text);
+  std::string errors;
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) << text;
+  return v;
+}
+
+// Every byte outside the unreserved set percent-encoded, "/" included.
+std::string percentEncode(const std::string& text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : text) {
+    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+      out.push_back(static_cast<char>(c));
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 0x0F];
+    }
+  }
+  return out;
+}
+
+std::string randomBytes(std::size_t size, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string bytes(size, '\0');
+  for (auto& b : bytes) b = static_cast<char>(gen() & 0xFF);
+  return bytes;
+}
+
+// A user with a token, made by the offline commands; returns the token.
+std::string offlineToken(const std::string& dataDir, const std::string& user,
+                         const std::string& role, const std::string& channels = "") {
+  std::vector<std::string> args = {"user", "create", user, "--role", role, "--data-dir", dataDir};
+  if (!channels.empty()) {
+    args.push_back("--channels");
+    args.push_back(channels);
+  }
+  auto created = runProcess(kBinary, args);
+  EXPECT_EQ(created.exitCode, 0) << created.err;
+  auto minted =
+      runProcess(kBinary, {"token", "create", user + "-ci", "--user", user, "--data-dir", dataDir});
+  EXPECT_EQ(minted.exitCode, 0) << minted.err;
+  std::smatch m;
+  static const std::regex kToken("\n  ([A-Za-z0-9]{48})\n");
+  if (!std::regex_search(minted.out, m, kToken)) {
+    ADD_FAILURE() << minted.out;
+    return "";
+  }
+  return m[1];
+}
+
+// Waits (bounded) until `dir` is absent or empty.
+bool becomesEmpty(const fs::path& dir) {
+  for (int i = 0; i < 400; ++i) {
+    std::error_code ec;
+    if (!fs::exists(dir, ec) || fs::is_empty(dir, ec)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+// Waits (bounded) until some file directly in `dir` holds bytes.
+bool receivingBody(const fs::path& dir) {
+  for (int i = 0; i < 400; ++i) {
+    std::error_code ec;
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+      std::error_code sizeError;
+      if (it->is_regular_file(sizeError) && it->file_size(sizeError) > 0) return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+// Every regular file below `root`, relative, sorted.
+std::vector<std::string> filesBelow(const fs::path& root) {
+  std::vector<std::string> files;
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+    if (it->is_regular_file())
+      files.push_back(it->path().lexically_relative(root).generic_string());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+class BuildsE2E : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    tmp = new TempDir;
+    dataDir = new std::string((tmp->path() / "data").string());
+    adminToken = new std::string(offlineToken(*dataDir, "ci", "admin"));
+    server = new ServerProcess(kBinary, {"--data-dir", *dataDir});
+    ASSERT_TRUE(server->waitUntilListening());
+  }
+  static void TearDownTestSuite() {
+    delete server;
+    delete adminToken;
+    delete dataDir;
+    delete tmp;
+  }
+
+  Fetched asAdmin(const std::string& method, const std::string& path,
+                  const std::string& body = "") {
+    return client.fetch(method, server->url(path), body, {"Authorization: Bearer " + *adminToken});
+  }
+  Fetched upload(const std::string& build, const std::string& path, const std::string& body) {
+    return asAdmin("PUT", "/api/builds/" + build + "/files?path=" + percentEncode(path), body);
+  }
+  fs::path buildDir(const std::string& id) const { return fs::path(*dataDir) / "builds" / id; }
+  // Where upload bodies are streamed while they arrive.
+  fs::path incoming() const { return fs::path(*dataDir) / "incoming"; }
+
+  // The head of a PUT that announces `length` body bytes.
+  static std::string uploadHead(const std::string& target, std::uint64_t length, bool expect,
+                                const std::string& token) {
+    std::string head = "PUT " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+    if (!token.empty()) head += "Authorization: Bearer " + token + "\r\n";
+    head += "Content-Length: " + std::to_string(length) + "\r\n";
+    if (expect) head += "Expect: 100-continue\r\n";
+    return head + "\r\n";
+  }
+
+  static TempDir* tmp;
+  static std::string* dataDir;
+  static std::string* adminToken;
+  static ServerProcess* server;
+  Client client;
+};
+TempDir* BuildsE2E::tmp = nullptr;
+std::string* BuildsE2E::dataDir = nullptr;
+std::string* BuildsE2E::adminToken = nullptr;
+ServerProcess* BuildsE2E::server = nullptr;
+
+TEST_F(BuildsE2E, CiSessionPublishesABuildThatAnonymousClientsDownload) {
+  const std::vector<std::pair<std::string, std::string>> files = {
+      {"bin/game.exe", randomBytes(6 * 1024 * 1024 + 123, 7)},
+      {"Game Data/level 1.pak", randomBytes(70000, 8)},
+      {"Game Data/\xC3\xA9t\xC3\xA9/\xC3\xB1"
+       "and\xC3\xBA notes.txt",
+       "caf\xC3\xA9\n"},
+      {"docs/read me.txt", "Read me first.\n"},
+      {"empty.dat", ""}};
+
+  ASSERT_EQ(asAdmin("POST", "/api/channels/stable").status, 200);
+  for (const auto& [path, content] : files) {
+    auto r = upload("ci-1042", path, content);
+    ASSERT_EQ(r.status, 200) << path << " " << r.body << r.error;
+    Json::Value receipt = parseJson(r.body);
+    EXPECT_EQ(receipt["build"], "ci-1042");
+    EXPECT_EQ(receipt["path"], path);
+    EXPECT_EQ(receipt["size"].asUInt64(), content.size());
+  }
+  auto finalized = asAdmin("POST", "/api/builds/ci-1042/finalize");
+  ASSERT_EQ(finalized.status, 200) << finalized.body;
+  Json::Value manifest = parseJson(finalized.body);
+  EXPECT_EQ(manifest["file_count"], 5);
+  std::vector<std::string> listed;
+  for (const auto& f : manifest["files"]) listed.push_back(f["path"].asString());
+  std::vector<std::string> sorted;
+  for (const auto& [path, content] : files) sorted.push_back(path);
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(listed, sorted);
+
+  const std::string fileUrl = "/api/builds/ci-1042/files?path=";
+  EXPECT_EQ(client.fetch("GET", server->url(fileUrl + "empty.dat")).status, 401);
+
+  ASSERT_EQ(asAdmin("POST", "/api/channels/stable/promote?build=ci-1042").status, 200);
+  ASSERT_EQ(asAdmin("POST", "/api/channels/stable/public?value=true").status, 200);
+
+  Client anonymous;
+  auto channel = anonymous.fetch("GET", server->url("/api/channels/stable"));
+  ASSERT_EQ(channel.status, 200);
+  EXPECT_EQ(parseJson(channel.body)["build"], "ci-1042");
+  auto read = anonymous.fetch("GET", server->url("/api/builds/ci-1042"));
+  ASSERT_EQ(read.status, 200);
+  EXPECT_EQ(parseJson(read.body)["channels"][0], "stable");
+  for (const auto& [path, content] : files) {
+    auto r = anonymous.fetch("GET", server->url(fileUrl + percentEncode(path)));
+    ASSERT_EQ(r.status, 200) << path << r.error;
+    EXPECT_TRUE(r.body == content)
+        << path << ": " << r.body.size() << " bytes, expected " << content.size();
+    EXPECT_EQ(r.headers["content-length"], std::to_string(content.size())) << path;
+    const std::string disposition = r.headers["content-disposition"];
+    EXPECT_EQ(disposition.rfind("attachment;", 0), 0u) << path << ": " << disposition;
+    const std::string name = fs::path(path).filename().string();
+    EXPECT_NE(disposition.find(percentEncode(name)), std::string::npos) << disposition;
+  }
+  EXPECT_EQ(anonymous.fetch("GET", server->url("/api/builds")).status, 401);
+}
+
+TEST_F(BuildsE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
+  ASSERT_EQ(upload("sealed", "a.bin", "a").status, 200);
+  ASSERT_EQ(asAdmin("POST", "/api/builds/sealed/finalize").status, 200);
+  struct Case {
+    std::string target;
+    std::string token;
+    std::string status;
+    std::string answer;
+  };
+  const std::vector<Case> cases = {
+      {"/api/builds/sealed/files?path=a.bin", *adminToken, "HTTP/1.1 409 Conflict\r\n",
+       R"({"error":"build is finalized and immutable"})"},
+      {"/api/builds/open-1/files?path=..%2Fx", *adminToken, "HTTP/1.1 400 Bad Request\r\n",
+       R"({"error":"missing or invalid ?path= parameter"})"},
+      {"/api/builds/bad%20id/files?path=x", *adminToken, "HTTP/1.1 400 Bad Request\r\n",
+       R"({"error":"invalid build id"})"},
+      {"/api/builds/open-1/files?path=x", "", "HTTP/1.1 401 Unauthorized\r\n",
+       R"({"error":"missing or invalid token"})"},
+  };
+  for (const auto& c : cases) {
+    for (bool expect : {true, false}) {
+      RawConnection raw(server->port());
+      ASSERT_TRUE(raw.connected());
+      ASSERT_TRUE(raw.send(uploadHead(c.target, 10 * 1024 * 1024, expect, c.token)));
+      // No body byte is sent: the answer must come on the head alone.
+      const std::string answer = raw.readUntil("\"}", std::chrono::seconds(20));
+      EXPECT_EQ(answer.rfind(c.status, 0), 0u) << c.target << ":\n" << answer;
+      EXPECT_NE(answer.find(c.answer), std::string::npos) << answer;
+      EXPECT_EQ(answer.find("100 Continue"), std::string::npos) << answer;
+    }
+  }
+  EXPECT_FALSE(fs::exists(buildDir("open-1")));
+  EXPECT_EQ(filesBelow(buildDir("sealed") / "files"), std::vector<std::string>{"a.bin"});
+}
+
+TEST_F(BuildsE2E, AnAcceptableUploadIsInvitedToSendItsBody) {
+  RawConnection raw(server->port());
+  ASSERT_TRUE(raw.connected());
+  const std::string body = randomBytes(300000, 3);
+  ASSERT_TRUE(
+      raw.send(uploadHead("/api/builds/invited/files?path=x.bin", body.size(), true, *adminToken)));
+  const std::string interim = raw.readUntil("\r\n\r\n", std::chrono::seconds(20));
+  EXPECT_EQ(interim, "HTTP/1.1 100 Continue\r\n\r\n");
+  ASSERT_TRUE(raw.send(body));
+  const std::string answer = raw.readUntil("}", std::chrono::seconds(20));
+  EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
+  EXPECT_NE(answer.find(R"({"build":"invited","path":"x.bin","size":300000})"), std::string::npos)
+      << answer;
+  EXPECT_TRUE(upload("invited", "y.bin", "y").status == 200);
+  auto fetched = asAdmin("GET", "/api/builds/invited/files?path=x.bin");
+  EXPECT_TRUE(fetched.body == body);
+}
+
+TEST_F(BuildsE2E, RillOnlyServerRefusesAnUploadOnItsHead) {
+  TempDir own;
+  const std::string dir = (own.path() / "data").string();
+  const std::string token = offlineToken(dir, "ci", "admin");
+  ServerProcess rillOnly(kBinary, {"--data-dir", dir, "--rill-only"});
+  ASSERT_TRUE(rillOnly.waitUntilListening());
+  RawConnection raw(rillOnly.port());
+  ASSERT_TRUE(raw.connected());
+  ASSERT_TRUE(raw.send(uploadHead("/api/builds/bad%20id/files", 10 * 1024 * 1024, true, token)));
+  const std::string answer = raw.readUntil("\"}", std::chrono::seconds(20));
+  EXPECT_EQ(answer.rfind("HTTP/1.1 403 Forbidden\r\n", 0), 0u) << answer;
+  EXPECT_NE(answer.find(R"({"error":"this server is Rill-only: Barge uploads are not accepted"})"),
+            std::string::npos)
+      << answer;
+}
+
+TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
+  const std::string v1 = randomBytes(5000, 11);
+  ASSERT_EQ(upload("cut", "keep/over.bin", v1).status, 200);
+
+  for (const char* path : {"keep%2Fover.bin", "new%2Fpartial.bin"}) {
+    {
+      RawConnection raw(server->port());
+      ASSERT_TRUE(raw.connected());
+      ASSERT_TRUE(raw.send(uploadHead(std::string("/api/builds/cut/files?path=") + path,
+                                      10 * 1000 * 1000, false, *adminToken)));
+      ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 12)));
+      ASSERT_TRUE(receivingBody(incoming())) << "the body is being stored";
+    }  // the connection closes here, 9 MB short
+    ASSERT_TRUE(becomesEmpty(incoming())) << "the partial body is removed";
+  }
+
+  EXPECT_FALSE(fs::exists(buildDir("cut") / "files" / "new" / "partial.bin"));
+  auto kept = asAdmin("GET", "/api/builds/cut/files?path=keep%2Fover.bin");
+  EXPECT_EQ(kept.status, 200);
+  EXPECT_TRUE(kept.body == v1) << "the earlier whole upload stays";
+  EXPECT_EQ(asAdmin("GET", "/api/builds/cut/files?path=new%2Fpartial.bin").status, 404);
+
+  ASSERT_EQ(upload("cut", "later.txt", "later").status, 200);
+  auto finalized = asAdmin("POST", "/api/builds/cut/finalize");
+  ASSERT_EQ(finalized.status, 200);
+  Json::Value manifest = parseJson(finalized.body);
+  std::vector<std::string> listed;
+  for (const auto& f : manifest["files"]) listed.push_back(f["path"].asString());
+  EXPECT_EQ(listed, (std::vector<std::string>{"keep/over.bin", "later.txt"}));
+  EXPECT_EQ(manifest["total_size"].asUInt64(), v1.size() + 5);
+}
+
+TEST_F(BuildsE2E, ABuildWhoseOnlyUploadWasCutShortStaysAbsent) {
+  {
+    RawConnection raw(server->port());
+    ASSERT_TRUE(raw.connected());
+    ASSERT_TRUE(raw.send(uploadHead("/api/builds/never-made/files?path=a.bin", 10 * 1000 * 1000,
+                                    false, *adminToken)));
+    ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 13)));
+    ASSERT_TRUE(receivingBody(incoming()));
+  }
+  ASSERT_TRUE(becomesEmpty(incoming()));
+  EXPECT_EQ(asAdmin("GET", "/api/builds/never-made/files?path=a.bin").status, 404);
+  auto finalized = asAdmin("POST", "/api/builds/never-made/finalize");
+  EXPECT_EQ(finalized.status, 404);
+  EXPECT_EQ(finalized.body, R"({"error":"build has no files"})");
+  // No upload ever completed, so there is no build to delete.
+  auto deleted = asAdmin("DELETE", "/api/builds/never-made");
+  EXPECT_EQ(deleted.status, 404) << deleted.body;
+  EXPECT_EQ(deleted.body, R"({"error":"build not found"})");
+}
+
+TEST_F(BuildsE2E, ConcurrentUploadsOfOnePathEachLandWhole) {
+  const std::string first = randomBytes(4 * 1024 * 1024, 21);
+  const std::string second = randomBytes(4 * 1024 * 1024, 22);
+  for (int round = 0; round < 3; ++round) {
+    long statuses[2] = {0, 0};
+    auto put = [&](int which, const std::string& body) {
+      Client own;
+      statuses[which] = own.fetch("PUT", server->url("/api/builds/race/files?path=data%2Fblob.bin"),
+                                  body, {"Authorization: Bearer " + *adminToken})
+                            .status;
+    };
+    std::thread a(put, 0, std::cref(first));
+    std::thread b(put, 1, std::cref(second));
+    a.join();
+    b.join();
+    EXPECT_EQ(statuses[0], 200) << round;
+    EXPECT_EQ(statuses[1], 200) << round;
+    auto landed = asAdmin("GET", "/api/builds/race/files?path=data%2Fblob.bin");
+    ASSERT_EQ(landed.status, 200);
+    EXPECT_TRUE(landed.body == first || landed.body == second)
+        << "round " << round << ": " << landed.body.size() << " bytes, neither upload whole";
+  }
+  EXPECT_TRUE(becomesEmpty(incoming()));
+  EXPECT_EQ(filesBelow(buildDir("race") / "files"), std::vector<std::string>{"data/blob.bin"});
+}
+
+}  // namespace
+}  // namespace quill::test

@@ -1,0 +1,107 @@
+#include "rill/tree_scan.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "rill/chunk_id.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::rill {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TreeScanTest : public quill::test::TempDirTest {
+ protected:
+  void write(const fs::path& root, const std::string& relative, const std::string& bytes) {
+    const fs::path path = root / relative;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+  }
+
+  static std::vector<std::string> paths(const TreeScan& scan) {
+    std::vector<std::string> out;
+    for (const auto& file : scan.files) out.push_back(file.path);
+    return out;
+  }
+
+  // Chunk sizes small enough that a few KiB of text make several chunks.
+  const ChunkerParams small_{64, 256, 1024};
+};
+
+TEST_F(TreeScanTest, ListsRegularFilesInByteOrderWithForwardSlashes) {
+  const fs::path root = dir() / "tree";
+  write(root, "b.txt", "b");
+  write(root, "a/z.txt", "z");
+  write(root, "a/Y.txt", "Y");
+  write(root, "B.txt", "B");
+  write(root, "a-b", "-");
+  fs::create_directories(root / "empty-dir");
+  fs::create_symlink(root / "b.txt", root / "link");
+
+  auto scan = scanTree(root, small_);
+  ASSERT_TRUE(scan) << scan.error();
+  EXPECT_EQ(paths(scan.value()),
+            (std::vector<std::string>{"B.txt", "a-b", "a/Y.txt", "a/z.txt", "b.txt"}));
+}
+
+TEST_F(TreeScanTest, CountsDuplicateChunksOnceAndListsEmptyFiles) {
+  const fs::path root = dir() / "tree";
+  std::string text;
+  for (int i = 0; i < 400; ++i) text += "line " + std::to_string(i * 7919) + "\n";
+  write(root, "one", text);
+  write(root, "copy/one", text);
+  write(root, "empty", "");
+
+  auto scan = scanTree(root, small_);
+  ASSERT_TRUE(scan) << scan.error();
+  const auto& files = scan.value().files;
+  ASSERT_EQ(files.size(), 3u);
+  EXPECT_EQ(files[1], (ScannedFile{"empty", 0, {}}));
+  EXPECT_EQ(files[0].chunks, files[2].chunks);
+  ASSERT_GT(files[0].chunks.size(), 3u);
+
+  std::uint64_t covered = 0;
+  for (const ChunkRef& c : files[0].chunks) covered += c.n;
+  EXPECT_EQ(covered, text.size());
+  EXPECT_EQ(files[0].chunks.front().h, chunkId(text.substr(0, files[0].chunks.front().n)));
+
+  const ScanStats& stats = scan.value().stats;
+  EXPECT_EQ(stats.files, 3u);
+  EXPECT_EQ(stats.total_bytes, 2 * text.size());
+  EXPECT_EQ(stats.unique_bytes, text.size());
+  EXPECT_EQ(stats.unique_chunks, files[0].chunks.size());
+}
+
+TEST_F(TreeScanTest, RepeatedChunksInsideOneFileCountOnce) {
+  const fs::path root = dir() / "tree";
+  write(root, "zeros", std::string(40u << 20, '\0'));
+  auto scan = scanTree(root, ChunkerParams{});
+  ASSERT_TRUE(scan) << scan.error();
+  const auto& chunks = scan.value().files[0].chunks;
+  ASSERT_EQ(chunks.size(), 3u);
+  EXPECT_EQ(chunks[0], chunks[1]);
+  EXPECT_EQ(scan.value().stats, (ScanStats{1, 2, 40u << 20, 24u << 20}));
+}
+
+TEST_F(TreeScanTest, SameContentElsewhereGivesTheSameScan) {
+  for (const char* tree : {"x", "elsewhere/y"}) {
+    write(dir() / tree, "data/file.bin", std::string(5000, 'q') + "tail");
+    write(dir() / tree, "other", "other");
+  }
+  auto first = scanTree(dir() / "x", small_);
+  auto second = scanTree(dir() / "elsewhere" / "y", small_);
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first.value().files, second.value().files);
+  EXPECT_EQ(first.value().stats, second.value().stats);
+}
+
+TEST_F(TreeScanTest, MissingRootFails) {
+  auto scan = scanTree(dir() / "nope", small_);
+  ASSERT_FALSE(scan);
+  EXPECT_EQ(scan.error(), "path not found: " + (dir() / "nope").string());
+}
+
+}  // namespace
+}  // namespace quill::rill

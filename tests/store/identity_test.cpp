@@ -1,0 +1,344 @@
+#include <gtest/gtest.h>
+#include <json/writer.h>
+
+#include <cctype>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "store/data_dir.h"
+#include "store/documents.h"
+#include "store/groups.h"
+#include "store/token_index.h"
+#include "store/tokens.h"
+#include "store/users.h"
+#include "store/utc_time.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::store {
+namespace {
+
+class IdentityTest : public test::TempDirTest {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(data.prepare(error)) << error;
+  }
+
+  Json::Value user(const std::string& name, const std::string& role,
+                   std::vector<std::string> channels = {}) {
+    NewUser u;
+    u.name = name;
+    u.role = role;
+    u.channels = std::move(channels);
+    auto record = createUser(data, u);
+    EXPECT_TRUE(record.has_value()) << name;
+    return record.value_or(Json::Value());
+  }
+
+  // A token file written by hand, as an older server or another tool would leave it.
+  void writeToken(const std::string& name, const Json::Value& record) {
+    ASSERT_TRUE(writeJsonFile(DataDir::recordPath(data.tokens(), name), record));
+  }
+
+  Json::Value tokenRecord(const std::string& name, const std::string& text,
+                          const std::string& owner) {
+    Json::Value record(Json::objectValue);
+    record["schema_version"] = 1;
+    record["name"] = name;
+    if (!owner.empty()) record["user"] = owner;
+    record["token_hash"] = hashToken(text);
+    record["created_at"] = "2026-01-01T00:00:00Z";
+    return record;
+  }
+
+  // An SSO token of "sam" last validated at `validatedAt` (raw text).
+  void ssoToken(const std::string& name, const std::string& text, const std::string& validatedAt) {
+    Json::Value record = tokenRecord(name, text, "sam");
+    record["sso"] = true;
+    record["sso_validated_at"] = validatedAt;
+    writeToken(name, record);
+  }
+
+  fs::path tokenPath(const std::string& name) const {
+    return DataDir::recordPath(data.tokens(), name);
+  }
+
+  static std::string readRaw(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  }
+
+  // Resolves with and without the index; both must agree.
+  std::optional<Json::Value> resolve(const std::string& text) {
+    auto viaIndex = resolveToken(data, text, &index);
+    auto viaScan = resolveToken(data, text);
+    EXPECT_EQ(viaIndex, viaScan) << text;
+    return viaIndex;
+  }
+
+  DataDir data{dir() / "data"};
+  TokenIndex index;
+};
+
+TEST_F(IdentityTest, HashTokenIsLowerCaseHexBlake3) {
+  EXPECT_EQ(hashToken("abc"), "6437b3ac38465133ffb63b75273a8db548c558465d79db03fd359c6cd5bd9d85");
+  EXPECT_EQ(hashToken(""), "af1349b9f5f9a1a6a0404dea36dcc9499bcb25c9adc112b7cc9a93cae41f3262");
+  EXPECT_NE(hashToken("abc"), hashToken("abd"));
+  EXPECT_EQ(hashToken(std::string("a\0b", 3)).size(), 64u);
+  EXPECT_NE(hashToken(std::string("a\0b", 3)), hashToken("a"));
+}
+
+TEST_F(IdentityTest, AMintedTokenIsShownOnceAndStoredOnlyAsItsHash) {
+  user("ci", "publisher");
+  std::set<std::string> seen;
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = "t" + std::to_string(i);
+    const std::string text = mintToken(data, name, "ci");
+    ASSERT_EQ(text.size(), kTokenLength);
+    for (char c : text) ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << text;
+    EXPECT_TRUE(seen.insert(text).second);
+
+    const std::string raw = readRaw(tokenPath(name));
+    EXPECT_EQ(raw.find(text), std::string::npos);
+    auto record = findToken(data, name);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(
+        record->getMemberNames(),
+        (std::vector<std::string>{"created_at", "name", "schema_version", "token_hash", "user"}));
+    EXPECT_EQ((*record)["token_hash"], hashToken(text));
+    EXPECT_EQ((*record)["user"], "ci");
+    EXPECT_EQ((*record)["name"], name);
+    EXPECT_EQ((*record)["schema_version"], 1);
+    ASSERT_TRUE(resolve(text));
+    EXPECT_EQ((*resolve(text))["name"], "ci");
+  }
+}
+
+TEST_F(IdentityTest, UnknownEmptyAndMalformedTokensResolveToNothing) {
+  user("alice", "member");
+  const std::string text = mintToken(data, "good", "alice");
+  ASSERT_TRUE(writeFileAtomic(tokenPath("broken"), "{\"token_hash\": "));
+  Json::Value noHash = tokenRecord("nohash", "y", "alice");
+  noHash.removeMember("token_hash");
+  writeToken("nohash", noHash);
+  Json::Value numericHash = tokenRecord("numeric", "z", "alice");
+  numericHash["token_hash"] = 12;
+  writeToken("numeric", numericHash);
+  writeToken("upper", [&] {
+    Json::Value r = tokenRecord("upper", "w", "alice");
+    std::string hash = hashToken("w");
+    for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    r["token_hash"] = hash;
+    return r;
+  }());
+
+  for (const char* bad : {"", "y", "z", "w", "good", "unknown-token"}) {
+    EXPECT_FALSE(resolve(bad)) << bad;
+  }
+  ASSERT_TRUE(resolve(text));
+  EXPECT_EQ((*resolve(text))["name"], "alice");
+}
+
+TEST_F(IdentityTest, TokenFilesThatAreNotObjectsAreSkipped) {
+  user("alice", "member");
+  const std::string text = mintToken(data, "good", "alice");
+  ASSERT_TRUE(writeFileAtomic(tokenPath("array"), "[\"" + hashToken("x") + "\"]"));
+  ASSERT_TRUE(writeFileAtomic(tokenPath("number"), "42"));
+  ASSERT_TRUE(writeFileAtomic(tokenPath("string"), "\"" + hashToken("x") + "\""));
+  EXPECT_FALSE(resolveToken(data, "x", &index));
+  EXPECT_TRUE(resolveToken(data, text, &index));
+  // The plain scan must skip them just the same.
+  EXPECT_FALSE(resolveToken(data, "x"));
+  EXPECT_TRUE(resolveToken(data, text));
+}
+
+TEST_F(IdentityTest, ATokenOfAMissingUserResolvesToNothing) {
+  writeToken("orphan", tokenRecord("orphan", "secret", "ghost"));
+  writeToken("badname", tokenRecord("badname", "secret2", "../users/x"));
+  EXPECT_FALSE(resolve("secret"));
+  EXPECT_FALSE(resolve("secret2"));
+}
+
+TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
+  writeToken("nadia", tokenRecord("nadia", "legacy-1", ""));
+  auto resolved = resolveToken(data, "legacy-1", &index);
+  ASSERT_TRUE(resolved);
+  EXPECT_EQ((*resolved)["name"], "nadia");
+  EXPECT_EQ((*resolved)["role"], "admin");
+  EXPECT_EQ((*resolved)["groups"], Json::Value(Json::arrayValue));
+  auto stored = findUser(data, "nadia");
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(*stored, *resolved);
+  EXPECT_EQ((*findToken(data, "nadia"))["user"], "nadia");
+  EXPECT_EQ((*findToken(data, "nadia"))["token_hash"], hashToken("legacy-1"));
+  EXPECT_EQ(resolve("legacy-1"), resolved);
+
+  // An existing user of that name is left as it is, and an empty `user` counts as absent.
+  user("omar", "member");
+  Json::Value empty = tokenRecord("omar", "legacy-2", "");
+  empty["user"] = "";
+  writeToken("omar", empty);
+  ASSERT_TRUE(resolve("legacy-2"));
+  EXPECT_EQ((*findUser(data, "omar"))["role"], "member");
+  EXPECT_EQ((*findToken(data, "omar"))["user"], "omar");
+}
+
+TEST_F(IdentityTest, ALegacyTokenWithAReservedNameResolvesToNothing) {
+  writeToken("con", tokenRecord("con", "legacy-con", ""));
+  writeToken("dots", tokenRecord("..", "legacy-dots", ""));
+  EXPECT_FALSE(resolve("legacy-con"));
+  EXPECT_FALSE(resolve("legacy-dots"));
+  EXPECT_FALSE(findUser(data, "con"));
+  EXPECT_FALSE(findToken(data, "con")->isMember("user"));
+}
+
+TEST_F(IdentityTest, DisablingAUserSuspendsItsTokensWithoutTouchingThem) {
+  Json::Value alice = user("alice", "admin");
+  const std::string first = mintToken(data, "a1", "alice");
+  const std::string second = mintToken(data, "a2", "alice");
+  const std::string before = readRaw(tokenPath("a1"));
+
+  alice["disabled"] = true;
+  ASSERT_TRUE(saveUser(data, alice));
+  EXPECT_FALSE(resolve(first));
+  EXPECT_FALSE(resolve(second));
+  EXPECT_EQ(readRaw(tokenPath("a1")), before);
+
+  alice["disabled"] = false;
+  ASSERT_TRUE(saveUser(data, alice));
+  EXPECT_TRUE(resolve(first));
+  EXPECT_TRUE(resolve(second));
+
+  // Only a boolean true disables.
+  alice["disabled"] = "true";
+  ASSERT_TRUE(saveUser(data, alice));
+  EXPECT_TRUE(resolve(first));
+}
+
+TEST_F(IdentityTest, SsoTokenIsGoodForExactlyOneDayAfterItsLastSignOn) {
+  user("sam", "member");
+  // The boundary second must not tick between writing and resolving; retry if it did.
+  bool checked = false;
+  for (int attempt = 0; attempt < 5 && !checked; ++attempt) {
+    const std::time_t now = std::time(nullptr);
+    ssoToken("day", "sso-day", formatUtc(now - 86400));
+    const bool accepted = resolveToken(data, "sso-day", &index).has_value();
+    if (std::time(nullptr) != now) continue;
+    EXPECT_TRUE(accepted);
+    EXPECT_TRUE(std::filesystem::exists(tokenPath("day")));
+    checked = true;
+  }
+  EXPECT_TRUE(checked);
+
+  ssoToken("stale", "sso-stale", formatUtc(std::time(nullptr) - 86401));
+  EXPECT_FALSE(resolveToken(data, "sso-stale", &index));
+  EXPECT_FALSE(std::filesystem::exists(tokenPath("stale")));
+  EXPECT_FALSE(resolveToken(data, "sso-stale"));
+
+  ssoToken("future", "sso-future", formatUtc(std::time(nullptr) + 7 * 86400));
+  EXPECT_TRUE(resolve("sso-future"));
+
+  // A token not marked sso never expires, whatever its time stamp says.
+  Json::Value plain = tokenRecord("plain", "not-sso", "sam");
+  plain["sso_validated_at"] = "2000-01-01T00:00:00Z";
+  writeToken("plain", plain);
+  EXPECT_TRUE(resolve("not-sso"));
+}
+
+TEST_F(IdentityTest, SsoTokenWithAnUnreadableTimeIsRefusedButKept) {
+  user("sam", "member");
+  ssoToken("words", "sso-words", "yesterday");
+  ssoToken("short", "sso-short", "2026-01-01T00:00");
+  ssoToken("blank", "sso-blank", "");
+  Json::Value missing = tokenRecord("missing", "sso-missing", "sam");
+  missing["sso"] = true;
+  writeToken("missing", missing);
+
+  for (const char* name : {"words", "short", "blank", "missing"}) {
+    EXPECT_FALSE(resolve(std::string("sso-") + name)) << name;
+    EXPECT_TRUE(std::filesystem::exists(tokenPath(name))) << name;
+  }
+}
+
+TEST_F(IdentityTest, SsoTokenWhoseTimeReadsButDoesNotConvertIsRemoved) {
+  user("sam", "member");
+  // Six numbers are read, but no calendar time has this month.
+  ssoToken("odd", "sso-odd", "2026--2147483648-01T00:00:00");
+  EXPECT_FALSE(resolveToken(data, "sso-odd", &index));
+  EXPECT_FALSE(std::filesystem::exists(tokenPath("odd")));
+}
+
+TEST_F(IdentityTest, CreateUserNeverReplacesARecord) {
+  Json::Value listed = user("lister", "member", {"beta"});
+  EXPECT_EQ(listed["channels"].size(), 1u);  // a list given to any role is kept
+  const std::string before = readRaw(DataDir::recordPath(data.users(), "lister"));
+  NewUser again;
+  again.name = "lister";
+  again.role = "admin";
+  EXPECT_FALSE(createUser(data, again));
+  EXPECT_EQ(readRaw(DataDir::recordPath(data.users(), "lister")), before);
+}
+
+TEST_F(IdentityTest, CountAdminsCountsExactRoleIncludingDisabled) {
+  EXPECT_EQ(countAdmins(data), 0);
+  EXPECT_FALSE(anyAdminExists(data));
+  user("a1", "admin");
+  Json::Value a2 = user("a2", "admin");
+  a2["disabled"] = true;
+  ASSERT_TRUE(saveUser(data, a2));
+  user("m", "member");
+  user("p", "publisher");
+  Json::Value odd = user("odd", "member");
+  odd["role"] = "Admin";
+  ASSERT_TRUE(saveUser(data, odd));
+  EXPECT_EQ(countAdmins(data), 2);
+  EXPECT_TRUE(anyAdminExists(data));
+}
+
+TEST_F(IdentityTest, ProfileTextIsCutToBytesThenControlBytesBecomeSpaces) {
+  EXPECT_EQ(profileText("Ada\tLovelace\r\n"), "Ada Lovelace  ");
+  EXPECT_EQ(profileText(std::string("a\0b\x1f\x7f", 5)), "a b \x7f");
+  EXPECT_EQ(profileText("  kept as is  "), "  kept as is  ");
+  EXPECT_EQ(profileText(std::string(300, 'x')), std::string(256, 'x'));
+  EXPECT_EQ(profileText(std::string(256, 'y')), std::string(256, 'y'));
+  // The cut ignores UTF-8 boundaries.
+  const std::string cut = profileText(std::string(255, 'x') + "\xC3\xA9tail");
+  EXPECT_EQ(cut, std::string(255, 'x') + "\xC3");
+  // Bytes past the cut are gone before control bytes are considered.
+  EXPECT_EQ(profileText(std::string(256, 'z') + "\n"), std::string(256, 'z'));
+}
+
+TEST_F(IdentityTest, EffectiveChannelsAreFollowsThenGroupChannelsFirstOccurrenceOnly) {
+  Json::Value g1 = newGroupRecord("g1");
+  g1["channels"] = Json::Value(Json::arrayValue);
+  g1["channels"].append("a");
+  g1["channels"].append("c");
+  ASSERT_TRUE(saveGroup(data, g1));
+  Json::Value g2 = newGroupRecord("g2");
+  g2["channels"].append("c");
+  g2["channels"].append("d");
+  ASSERT_TRUE(saveGroup(data, g2));
+
+  Json::Value u = user("u", "member");
+  u["follows"] = Json::Value(Json::arrayValue);
+  u["follows"].append("b");
+  u["follows"].append("a");
+  u["follows"].append(7);
+  u["follows"].append("b");
+  u["groups"].append("g1");
+  u["groups"].append("gone");
+  u["groups"].append("g2");
+
+  Json::Value expected(Json::arrayValue);
+  for (const char* c : {"b", "a", "c", "d"}) expected.append(c);
+  EXPECT_EQ(effectiveChannels(data, u), expected);
+
+  Json::Value bare = user("bare", "member");
+  EXPECT_EQ(effectiveChannels(data, bare), Json::Value(Json::arrayValue));
+}
+
+}  // namespace
+}  // namespace quill::store

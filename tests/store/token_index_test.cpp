@@ -1,0 +1,192 @@
+#include "store/token_index.h"
+
+#include <gtest/gtest.h>
+#include <json/writer.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "store/data_dir.h"
+#include "store/documents.h"
+#include "store/tokens.h"
+#include "store/users.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::store {
+namespace {
+
+// The index must answer exactly as the scan over every token file does, whatever happened to the
+// token directory since its last lookup.
+class TokenIndexTest : public test::TempDirTest {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(data.prepare(error)) << error;
+    for (const char* name : {"alice", "bob"}) {
+      NewUser u;
+      u.name = name;
+      ASSERT_TRUE(createUser(data, u));
+    }
+  }
+
+  // Resolves through the index and by the scan; returns the owner's name ("" for nothing).
+  std::string owner(const std::string& text) {
+    auto viaIndex = resolveToken(data, text, &index);
+    auto viaScan = resolveToken(data, text);
+    EXPECT_EQ(viaIndex, viaScan) << "index and scan disagree on " << text;
+    return viaIndex ? (*viaIndex)["name"].asString() : "";
+  }
+
+  fs::path tokenPath(const std::string& name) const {
+    return DataDir::recordPath(data.tokens(), name);
+  }
+
+  // A token file written the way another program might: plainly, in place, not via a rename.
+  void writeInPlace(const std::string& name, const std::string& text, const std::string& user) {
+    Json::Value record(Json::objectValue);
+    record["schema_version"] = 1;
+    record["name"] = name;
+    record["user"] = user;
+    record["token_hash"] = hashToken(text);
+    record["created_at"] = "2026-01-01T00:00:00Z";
+    std::ofstream(tokenPath(name), std::ios::binary | std::ios::trunc) << toStyledJson(record);
+  }
+
+  // Makes the token directory look untouched for an hour, the usual state of a running server,
+  // so the index is entitled to trust its listing.
+  void settleDirectory() {
+    fs::last_write_time(data.tokens(), fs::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+
+  DataDir data{dir() / "data"};
+  TokenIndex index;
+};
+
+TEST_F(TokenIndexTest, ATokenMintedAfterALookupIsFoundAtTheNextLookup) {
+  const std::string first = mintToken(data, "t1", "alice");
+  settleDirectory();
+  EXPECT_EQ(owner("not-yet"), "");
+  EXPECT_EQ(owner("not-yet"), "");  // a trusted miss
+  EXPECT_EQ(owner(first), "alice");
+
+  const std::string minted = mintToken(data, "t2", "bob");
+  EXPECT_EQ(owner(minted), "bob");
+
+  settleDirectory();
+  EXPECT_EQ(owner("still-not"), "");
+  writeInPlace("t3", "fresh-file", "alice");  // a new file, written directly
+  EXPECT_EQ(owner("fresh-file"), "alice");
+}
+
+TEST_F(TokenIndexTest, ADeletedTokenStopsAtOnce) {
+  const std::string a = mintToken(data, "t1", "alice");
+  const std::string b = mintToken(data, "t2", "bob");
+  settleDirectory();
+  EXPECT_EQ(owner(a), "alice");
+  EXPECT_EQ(owner(b), "bob");
+  ASSERT_TRUE(removeFile(tokenPath("t1")));
+  EXPECT_EQ(owner(a), "");
+  EXPECT_EQ(owner(b), "bob");
+}
+
+TEST_F(TokenIndexTest, ATokenFileReplacedUnderTheSameNameAnswersWithItsNewContent) {
+  const std::string oldText = mintToken(data, "t1", "alice");
+  EXPECT_EQ(owner(oldText), "alice");
+
+  // Replaced atomically, by another owner.
+  Json::Value record = *findToken(data, "t1");
+  record["token_hash"] = hashToken("second-text");
+  record["user"] = "bob";
+  ASSERT_TRUE(writeJsonFile(tokenPath("t1"), record));
+  EXPECT_EQ(owner(oldText), "");
+  EXPECT_EQ(owner("second-text"), "bob");
+
+  // Only the owner changes: the hash still hits, the fresh owner answers.
+  record["user"] = "alice";
+  ASSERT_TRUE(writeJsonFile(tokenPath("t1"), record));
+  EXPECT_EQ(owner("second-text"), "alice");
+}
+
+TEST_F(TokenIndexTest, ATokenFileRewrittenInPlaceInASettledDirectoryIsHonoured) {
+  const std::string oldText = mintToken(data, "t1", "alice");
+  settleDirectory();
+  EXPECT_EQ(owner(oldText), "alice");
+  EXPECT_EQ(owner("unknown"), "");
+
+  // Rewriting an existing file does not change the directory's modification time.
+  writeInPlace("t1", "rewritten", "bob");
+  EXPECT_EQ(owner("rewritten"), "bob");
+  EXPECT_EQ(owner(oldText), "");
+}
+
+TEST_F(TokenIndexTest, ManyTokensEachResolveToTheirOwner) {
+  constexpr int kTokens = 600;
+  std::vector<std::string> texts;
+  for (int i = 0; i < kTokens; ++i) {
+    texts.push_back(mintToken(data, "t" + std::to_string(i), i % 2 ? "alice" : "bob"));
+  }
+  settleDirectory();
+  for (int i = 0; i < kTokens; ++i) {
+    auto resolved = resolveToken(data, texts[i], &index);
+    ASSERT_TRUE(resolved) << i;
+    EXPECT_EQ((*resolved)["name"], i % 2 ? "alice" : "bob");
+  }
+  // The scan is quadratic over this set; compare it on a sample.
+  for (int i = 0; i < kTokens; i += 60) EXPECT_EQ(owner(texts[i]), i % 2 ? "alice" : "bob");
+  EXPECT_EQ(owner("none-of-them"), "");
+
+  for (int i = 0; i < kTokens; i += 3) ASSERT_TRUE(removeFile(tokenPath("t" + std::to_string(i))));
+  for (int i = 0; i < kTokens; ++i) {
+    EXPECT_EQ(resolveToken(data, texts[i], &index).has_value(), i % 3 != 0) << i;
+  }
+}
+
+TEST_F(TokenIndexTest, StrayFilesInTheTokenDirectoryAreIgnored) {
+  const std::string text = mintToken(data, "t1", "alice");
+  ASSERT_TRUE(writeFileAtomic(tokenPath("junk"), "{\"token_hash\": 1"));
+  ASSERT_TRUE(writeFileAtomic(tokenPath("nohash"), "{\"user\": \"alice\"}"));
+  ASSERT_TRUE(writeFileAtomic(data.tokens() / "notes.txt", "hello"));
+  fs::create_directory(data.tokens() / "sub.json");
+  EXPECT_EQ(owner(text), "alice");
+  EXPECT_EQ(owner("hello"), "");
+}
+
+TEST_F(TokenIndexTest, TheTokenDirectoryMayAppearLater) {
+  fs::remove_all(data.tokens());
+  EXPECT_EQ(resolveToken(data, "anything", &index), std::nullopt);
+  const std::string text = mintToken(data, "t1", "alice");
+  EXPECT_EQ(owner(text), "alice");
+}
+
+TEST_F(TokenIndexTest, ConcurrentLookupsWhileTokensComeAndGo) {
+  std::vector<std::string> stable;
+  for (int i = 0; i < 20; ++i) stable.push_back(mintToken(data, "s" + std::to_string(i), "alice"));
+  std::atomic<bool> wrong{false};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      for (int round = 0; round < 200; ++round) {
+        for (const auto& text : stable) {
+          if (!resolveToken(data, text, &index)) wrong = true;
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 100; ++i) {
+    const std::string name = "churn" + std::to_string(i);
+    const std::string text = mintToken(data, name, "bob");
+    if (!resolveToken(data, text, &index)) wrong = true;
+    removeFile(tokenPath(name));
+    if (resolveToken(data, text, &index)) wrong = true;
+  }
+  for (auto& reader : readers) reader.join();
+  EXPECT_FALSE(wrong);
+}
+
+}  // namespace
+}  // namespace quill::store
