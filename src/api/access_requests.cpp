@@ -19,7 +19,6 @@ constexpr const char* kBadName = "missing or invalid name";
 constexpr const char* kBadEmail = "a valid email address is required";
 constexpr const char* kTooMany = "too many pending requests - try again later";
 constexpr const char* kStoreFailed = "could not store request";
-constexpr const char* kAdminOnly = "this operation requires the admin role";
 constexpr const char* kNoRequest = "no such request";
 constexpr const char* kInviteFailed = "could not store invite";
 }  // namespace text
@@ -72,7 +71,7 @@ Response submitAccessRequest(const Request& req, Context& ctx) {
 Response listAccessRequests(const Request& req, Context& ctx) {
   auto caller = lookupCaller(req, ctx);
   if (!caller || store::textOf(*caller, "role") != "admin") {
-    return http::errorResponse(403, text::kAdminOnly);
+    return http::errorResponse(403, kAdminOnly);
   }
   Json::Value items(Json::arrayValue);
   for (const auto& [path, record] : store::listJsonDir(ctx.data.accessRequests())) {

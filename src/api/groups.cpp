@@ -19,7 +19,6 @@ constexpr const char* kCreateFailed = "could not create group";
 constexpr const char* kUpdateFailed = "could not update group";
 constexpr const char* kBadChannelParam = "missing or invalid ?channel= parameter";
 constexpr const char* kNoChannel = "channel does not exist - create it first";
-constexpr const char* kMissingToken = "missing or invalid token";
 }  // namespace text
 
 bool hasGroup(const Json::Value& user, const std::string& group) {
@@ -111,7 +110,7 @@ Response unassignGroupChannel(const Request& req, Context& ctx) {
 
 Response me(const Request& req, Context& ctx) {
   auto caller = lookupCaller(req, ctx);
-  if (!caller) return http::errorResponse(401, text::kMissingToken);
+  if (!caller) return http::errorResponse(401, kMissingToken);
   Json::Value doc(Json::objectValue);
   doc["schema_version"] = 1;
   doc["name"] = (*caller)["name"];

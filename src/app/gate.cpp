@@ -102,7 +102,7 @@ std::optional<http::Response> Gate::judge(const http::Request& req) {
   if (req.method == "GET" && isPublicRead(ctx_, req.path)) return std::nullopt;
   auto charged = limiter_.charge(key, Budget::Anonymous);
   if (!charged.allowed) return tooManyRequests(charged.retryAfterSeconds);
-  return http::errorResponse(401, gate_text::kMissingToken);
+  return http::errorResponse(401, api::kMissingToken);
 }
 
 std::optional<http::Response> Gate::judgeCaller(const http::Request& req,
@@ -110,7 +110,7 @@ std::optional<http::Response> Gate::judgeCaller(const http::Request& req,
   if (req.method == "GET") return std::nullopt;
   const std::string role = store::textOf(caller, "role");
   if (role == "admin") return std::nullopt;
-  if (role != "publisher") return http::errorResponse(403, gate_text::kAdminOnly);
+  if (role != "publisher") return http::errorResponse(403, api::kAdminOnly);
 
   const std::string_view path = req.path;
   if (req.method == "PUT" && matchSegment(path, "/api/builds/", "/files")) return std::nullopt;

@@ -21,9 +21,7 @@ namespace quill {
 
 namespace gate_text {
 inline constexpr const char* kTooManyRequests = "too many requests - slow down and retry later";
-inline constexpr const char* kMissingToken = "missing or invalid token";
 inline constexpr const char* kOutsideScope = "outside this publisher's scope";
-inline constexpr const char* kAdminOnly = "this operation requires the admin role";
 }  // namespace gate_text
 
 // The captured segment when `path` is `prefix` + one non-empty segment without "/" + `suffix`.
