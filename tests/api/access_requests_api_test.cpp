@@ -8,12 +8,13 @@
 #include <fstream>
 #include <map>
 
-#include "api/onboarding_fixture.h"
+#include "http/json.h"
+#include "support/api_fixture.h"
 
 namespace quill::test {
 namespace {
 
-class AccessRequestsApi : public OnboardingTest {
+class AccessRequestsApi : public ApiTest {
  protected:
   using Params = std::vector<std::pair<std::string, std::string>>;
 
@@ -27,8 +28,7 @@ class AccessRequestsApi : public OnboardingTest {
   }
 
   http::Response submit(const std::string& json, const std::string& peer = "") {
-    return sendBody(Req("POST", "/api/access-requests").from(peer.empty() ? freshPeer() : peer),
-                    json);
+    return send(Req("POST", "/api/access-requests").from(peer.empty() ? freshPeer() : peer).body(json));
   }
 
   // Submits a request and answers its id.
@@ -46,23 +46,22 @@ class AccessRequestsApi : public OnboardingTest {
   std::vector<std::string> ids() const {
     std::vector<std::string> found;
     std::error_code ec;
-    if (!std::filesystem::exists(data().accessRequests(), ec)) return found;
-    for (const auto& entry : std::filesystem::directory_iterator(data().accessRequests())) {
+    if (!fs::exists(data().accessRequests(), ec)) return found;
+    for (const auto& entry : fs::directory_iterator(data().accessRequests())) {
       found.push_back(entry.path().stem().string());
     }
     return found;
   }
 
-  std::filesystem::path requestPath(const std::string& id) const {
+  fs::path requestPath(const std::string& id) const {
     return store::DataDir::recordPath(data().accessRequests(), id);
   }
 
-  http::Response approve(const std::string& id, const Params& params = {},
-                         const std::string& token = "") {
+  http::Response approve(const std::string& id, const Params& params = {}) {
     Req req("POST", "/api/access-requests/" + id + "/approve");
-    req.bearer(token.empty() ? admin() : token);
+    req.bearer(admin());
     for (const auto& [name, value] : params) req.q(name, value);
-    return sendBody(req, "");
+    return send(req);
   }
 };
 
@@ -74,16 +73,12 @@ TEST_F(AccessRequestsApi, SubmitStoresTheRequestWithProfileTextRules) {
   auto found = ids();
   ASSERT_EQ(found.size(), 1u);
   Json::Value record = readDoc(requestPath(found[0]));
-  auto names = record.getMemberNames();
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"created_at", "email", "id", "message", "name",
-                                             "schema_version"}));
-  EXPECT_TRUE(randomText(record["id"], 8));
-  EXPECT_EQ(record["id"].asString(), found[0]);
-  EXPECT_EQ(record["name"].asString(), "newbie");
-  EXPECT_EQ(record["email"].asString(), "newbie@example.com");
-  EXPECT_EQ(record["message"].asString(), "let me in please");
-  EXPECT_EQ(record["schema_version"].asInt(), 1);
+  EXPECT_TRUE(isRandomText(record["id"], 8));
+  EXPECT_TRUE(isUtcStamp(record["created_at"]));
+  record.removeMember("created_at");
+  EXPECT_EQ(http::toCompactJson(record),
+            R"({"email":"newbie@example.com","id":")" + found[0] +
+                R"(","message":"let me in please","name":"newbie","schema_version":1})");
 
   // No message is an empty message; a long one is cut to 256 bytes.
   const std::string quiet = pending("quiet", "q@example.com");
@@ -107,7 +102,8 @@ TEST_F(AccessRequestsApi, SubmitRefusesBadBodiesNamesAndAddressesWritingNothing)
   EXPECT_TRUE(isError(submit(R"({"email":"a@example.com"})"), 400, badName));
   EXPECT_TRUE(isError(submit(R"({"name":42,"email":"a@example.com"})"), 400, badName));
   for (const std::string& name : {std::string(""), std::string(129, 'n'), std::string(".."),
-                                  std::string("con"), std::string("Aux.txt")}) {
+                                  std::string("con"), std::string("Aux.txt"),
+                                  std::string("a..b"), std::string("x..")}) {
     EXPECT_TRUE(isError(submit(body(name, "a@example.com")), 400, badName)) << name;
   }
   // The name is checked before the address.
@@ -123,14 +119,6 @@ TEST_F(AccessRequestsApi, SubmitRefusesBadBodiesNamesAndAddressesWritingNothing)
   EXPECT_EQ(submit(body("ann", "a@b.c")).status, 200u);
 }
 
-TEST_F(AccessRequestsApi, ANameWithTwoDotsInARowIsRefused) {
-  for (const char* name : {"a..b", "..x", "x.."}) {
-    EXPECT_TRUE(isError(submit(body(name, "a@example.com")), 400, "missing or invalid name"))
-        << name;
-  }
-  EXPECT_TRUE(ids().empty());
-}
-
 TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStillCharged) {
   for (int i = 0; i < 50; ++i) {
     Json::Value record(Json::objectValue);
@@ -141,7 +129,7 @@ TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStill
     record["email"] = "p@example.com";
     record["message"] = "";
     record["created_at"] = "2026-01-01T00:00:00Z";
-    ASSERT_TRUE(store::writeJsonFile(requestPath(id), record));
+    writeDoc(requestPath(id), record);
   }
   for (int i = 0; i < 5; ++i) {
     EXPECT_TRUE(isError(submit(body("late", "late@example.com"), "10.0.0.8"), 429,
@@ -154,7 +142,7 @@ TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStill
   EXPECT_EQ(ids().size(), 50u);
 
   // Declining one opens a place again.
-  ASSERT_EQ(sendBody(Req("DELETE", "/api/access-requests/req10000").bearer(admin()), "").status,
+  ASSERT_EQ(send(Req("DELETE", "/api/access-requests/req10000").bearer(admin())).status,
             200u);
   EXPECT_EQ(submit(body("late", "late@example.com")).status, 200u);
   EXPECT_TRUE(isError(submit(body("later", "later@example.com")), 429,
@@ -162,23 +150,15 @@ TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStill
 }
 
 TEST_F(AccessRequestsApi, ListIsForAdminsAndTellsWhetherTheUserExists) {
-  const std::string member = seedUser("known", "member");
-  const std::string publisher = seedUser("pub", "publisher", {"stable"});
+  seedUser("known", "member");
   const std::string forKnown = pending("known", "k@example.com");
   const std::string forNew = pending("fresh", "f@example.com");
   std::ofstream(requestPath("broken")) << "{";
 
-  for (const auto& token : {member, publisher}) {
-    EXPECT_TRUE(isError(sendBody(Req("GET", "/api/access-requests").bearer(token), ""), 403,
-                        "this operation requires the admin role"));
-  }
-  EXPECT_TRUE(
-      isError(sendBody(Req("GET", "/api/access-requests"), ""), 401, "missing or invalid token"));
-
-  auto res = sendBody(Req("GET", "/api/access-requests").bearer(admin()), "");
+  auto res = send(Req("GET", "/api/access-requests").bearer(admin()));
   ASSERT_EQ(res.status, 200u) << res.body;
   EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"requests", "schema_version"}));
-  Json::Value doc = parseBody(res);
+  Json::Value doc = bodyOf(res);
   ASSERT_EQ(doc["requests"].size(), 2u);
   std::map<std::string, Json::Value> byId;
   for (const auto& item : doc["requests"]) byId[item["id"].asString()] = item;
@@ -204,12 +184,12 @@ TEST_F(AccessRequestsApi, ApproveTurnsTheRequestIntoAnInviteCarryingTheAddress) 
   ASSERT_EQ(res.status, 200u) << res.body;
   EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"code", "email", "expires_at", "groups",
                                                         "id", "schema_version", "user"}));
-  Json::Value doc = parseBody(res);
+  Json::Value doc = bodyOf(res);
   EXPECT_EQ(doc["email"].asString(), "newbie@example.com");
   EXPECT_EQ(doc["user"].asString(), "newbie");
   EXPECT_EQ(doc["groups"], Json::Value(Json::arrayValue));
-  EXPECT_TRUE(randomText(doc["code"], 24));
-  EXPECT_FALSE(std::filesystem::exists(requestPath(id)));
+  EXPECT_TRUE(isRandomText(doc["code"], 24));
+  EXPECT_FALSE(fs::exists(requestPath(id)));
 
   Json::Value invite = readDoc(invitePath(doc["code"].asString()));
   EXPECT_EQ(invite["email"].asString(), "newbie@example.com");
@@ -234,7 +214,7 @@ TEST_F(AccessRequestsApi, ApproveTakesGroupsAndDaysAndWorksForAnExistingUser) {
 
   auto res = approve(id, {{"groups", "testers"}, {"days", "30"}});
   ASSERT_EQ(res.status, 200u) << res.body;
-  Json::Value doc = parseBody(res);
+  Json::Value doc = bodyOf(res);
   EXPECT_EQ(doc["user"].asString(), "known");
   EXPECT_EQ(doc["groups"], strings({"testers"}));
   Json::Value invite = readDoc(invitePath(doc["code"].asString()));
@@ -245,7 +225,6 @@ TEST_F(AccessRequestsApi, ApproveTakesGroupsAndDaysAndWorksForAnExistingUser) {
 
 TEST_F(AccessRequestsApi, RefusedApprovalsKeepTheRequestAndWriteNoInvite) {
   seedGroup("testers");
-  const std::string member = seedUser("mo", "member");
   const std::string id = pending("newbie", "newbie@example.com");
 
   EXPECT_TRUE(
@@ -255,32 +234,28 @@ TEST_F(AccessRequestsApi, RefusedApprovalsKeepTheRequestAndWriteNoInvite) {
   for (const char* days : {"0", "3651", "x"}) {
     EXPECT_TRUE(isError(approve(id, {{"days", days}}), 400, "days must be 1..3650")) << days;
   }
-  EXPECT_TRUE(isError(approve(id, {}, member), 403, "this operation requires the admin role"));
   EXPECT_TRUE(isError(approve("nosuch"), 404, "no such request"));
   EXPECT_TRUE(isError(approve("con"), 404, "no such request"));
-  EXPECT_TRUE(std::filesystem::exists(requestPath(id)));
+  EXPECT_TRUE(fs::exists(requestPath(id)));
   EXPECT_EQ(filesIn(data().invites()), 0u);
 
   EXPECT_EQ(approve(id, {{"days", "3650"}}).status, 200u);
 }
 
 TEST_F(AccessRequestsApi, DeclineRemovesTheRequest) {
-  const std::string member = seedUser("mo", "member");
   const std::string id = pending("newbie", "newbie@example.com");
   const std::string other = pending("other", "o@example.com");
 
-  EXPECT_TRUE(isError(sendBody(Req("DELETE", "/api/access-requests/" + id).bearer(member), ""), 403,
-                      "this operation requires the admin role"));
-  auto res = sendBody(Req("DELETE", "/api/access-requests/" + id).bearer(admin()), "");
+  auto res = send(Req("DELETE", "/api/access-requests/" + id).bearer(admin()));
   ASSERT_EQ(res.status, 200u) << res.body;
   EXPECT_EQ(res.body, R"({"declined":")" + id + R"("})");
-  EXPECT_FALSE(std::filesystem::exists(requestPath(id)));
-  EXPECT_TRUE(std::filesystem::exists(requestPath(other)));
+  EXPECT_FALSE(fs::exists(requestPath(id)));
+  EXPECT_TRUE(fs::exists(requestPath(other)));
   EXPECT_EQ(filesIn(data().invites()), 0u);
 
-  EXPECT_TRUE(isError(sendBody(Req("DELETE", "/api/access-requests/" + id).bearer(admin()), ""),
+  EXPECT_TRUE(isError(send(Req("DELETE", "/api/access-requests/" + id).bearer(admin())),
                       404, "no such request"));
-  EXPECT_TRUE(isError(sendBody(Req("DELETE", "/api/access-requests/con").bearer(admin()), ""), 404,
+  EXPECT_TRUE(isError(send(Req("DELETE", "/api/access-requests/con").bearer(admin())), 404,
                       "no such request"));
 }
 

@@ -181,17 +181,12 @@ TEST_F(AdminCommandsTest, UserCreatePrintsOneOfThreeTextsAndWritesTheRecord) {
   EXPECT_EQ(memberNames(alice),
             (std::vector<std::string>{"created_at", "groups", "name", "role", "schema_version"}));
   EXPECT_EQ(alice["role"].asString(), "admin");
-  EXPECT_EQ(alice["groups"], Json::Value(Json::arrayValue));
-  EXPECT_EQ(readRecord(data().users(), "mo")["role"].asString(), "member");
   EXPECT_FALSE(readRecord(data().users(), "mo").isMember("channels"));
-
   auto pub = readRecord(data().users(), "pub");
   ASSERT_EQ(pub["channels"].size(), 2u);
-  EXPECT_EQ(pub["channels"][0].asString(), "b");
-  EXPECT_EQ(pub["channels"][1].asString(), "a");
+  EXPECT_EQ(pub["channels"][0].asString() + pub["channels"][1].asString(), "ba");
   EXPECT_FALSE(pub.isMember("service"));
-  auto bare = readRecord(data().users(), "bare");
-  EXPECT_EQ(bare["channels"], Json::Value(Json::arrayValue));
+  EXPECT_EQ(readRecord(data().users(), "bare")["channels"], Json::Value(Json::arrayValue));
 }
 
 TEST_F(AdminCommandsTest, ServiceAloneMakesAPublisherServiceAccountWithNoChannels) {
@@ -333,20 +328,14 @@ TEST_F(AdminCommandsTest, TokenCreateWithoutUserMakesAMemberNamedLikeTheToken) {
 
 TEST_F(AdminCommandsTest, TokenCreateLeavesAnExistingOwnerUntouched) {
   ASSERT_EQ(run({"user", "create", "ship"}, [](Settings& s) { s.service = true; }).code, 0);
-  const auto userPath = store::DataDir::recordPath(data().users(), "ship");
-  const std::string before = readRaw(userPath);
-
+  const std::string before = readRaw(store::DataDir::recordPath(data().users(), "ship"));
   Outcome r = run({"token", "create", "laptop"}, [](Settings& s) { s.user = "ship"; });
-  EXPECT_EQ(r.code, 0);
   std::smatch m;
   ASSERT_TRUE(std::regex_match(r.out, m, kTokenOutput)) << r.out;
-  EXPECT_EQ(m[1], "laptop");
   EXPECT_EQ(m[2], "ship");
-  EXPECT_EQ(readRaw(userPath), before);
+  EXPECT_EQ(readRaw(store::DataDir::recordPath(data().users(), "ship")), before);
   EXPECT_FALSE(fs::exists(store::DataDir::recordPath(data().users(), "laptop")));
-  auto resolved = store::resolveToken(data(), std::string(m[3]));
-  ASSERT_TRUE(resolved.has_value());
-  EXPECT_EQ((*resolved)["role"].asString(), "publisher");
+  EXPECT_EQ((*store::resolveToken(data(), std::string(m[3])))["role"].asString(), "publisher");
 }
 
 TEST_F(AdminCommandsTest, TokenCreateRefusalsComeInOrderAndWriteNothing) {
@@ -520,27 +509,23 @@ TEST_F(InviteCommandTest, TwiceKeepsBothAndReplaceKeepsOnlyTheNewest) {
   EXPECT_TRUE(fs::exists(unreadable));
 }
 
-TEST_F(InviteCommandTest, AnInviteThatCannotBeStoredIsReportedWithExitOne) {
-  std::filesystem::remove_all(data().invites());
-  std::ofstream(data().invites()) << "a file where the invites directory belongs";
-  Outcome r = run({"invite", "create", "u"});
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "could not store invite\n");
-  r = Outcome{};
-  EXPECT_NO_THROW(r = run({"invite", "create", "u"}, [](Settings& s) { s.replace = true; }));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "could not store invite\n");
-}
-
-TEST_F(AdminCommandsTest, ATokenThatCannotBeStoredIsReportedWithExitOne) {
-  std::filesystem::create_directories(root());
-  std::ofstream(data().tokens()) << "a file where the tokens directory belongs";
-  Outcome r = run({"token", "create", "laptop"});
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "could not store token\n");
+TEST_F(InviteCommandTest, RecordsThatCannotBeStoredAreReportedWithExitOne) {
+  // A file where the directory belongs.
+  fs::remove_all(data().invites());
+  std::ofstream(data().invites()) << "x";
+  fs::remove_all(data().tokens());
+  std::ofstream(data().tokens()) << "x";
+  const std::vector<std::pair<std::vector<std::string>, Tweak>> commands = {
+      {{"invite", "create", "u"}, {}},
+      {{"invite", "create", "u"}, [](Settings& s) { s.replace = true; }},
+      {{"token", "create", "laptop"}, [](Settings& s) { s.user = "u"; }}};
+  for (const auto& [words, tweak] : commands) {
+    Outcome r;
+    EXPECT_NO_THROW(r = run(words, tweak));
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, words[0] == "token" ? "could not store token\n" : "could not store invite\n");
+  }
 }
 
 }  // namespace

@@ -1,43 +1,45 @@
+// The request gate: who may call what, anonymous public reads, and the rate-limit budgets.
+
 #include "app/gate.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
+#include <vector>
 
-#include "api/api_fixture.h"
+#include "store/users.h"
+#include "support/api_fixture.h"
 
-namespace quill {
+namespace quill::test {
 namespace {
-
-using test::isError;
-using test::Req;
 
 constexpr const char* kMissing = "missing or invalid token";
 constexpr const char* kScope = "outside this publisher's scope";
 constexpr const char* kAdminOnly = "this operation requires the admin role";
 constexpr const char* kSlowDown = "too many requests - slow down and retry later";
 
-class GateTest : public test::ApiTest {
+struct Route {
+  const char* method;
+  const char* path;
+};
+
+class GateTest : public ApiTest {
  protected:
   // The gate alone (its own rate-limit table): nullopt means "let through".
   std::optional<http::Response> judge(const Req& req) {
     if (!gate_) gate_ = std::make_unique<Gate>(ctx());
-    http::Request built = req.build();
-    return gate_->judge(built);
+    return gate_->judge(req.build());
   }
-
-  void expectPasses(const Req& req, const char* what) {
+  void expectPasses(const Req& req) {
     auto refusal = judge(req);
-    EXPECT_FALSE(refusal.has_value()) << what << ": " << refusal->status << " " << refusal->body;
+    EXPECT_FALSE(refusal) << req.build().method << " " << req.build().path << ": "
+                          << refusal->body;
   }
-
-  void expectRefused(const Req& req, unsigned status, const char* text, const char* what) {
+  void expectRefused(const Req& req, unsigned status, const char* text) {
     auto refusal = judge(req);
-    ASSERT_TRUE(refusal.has_value()) << what;
-    EXPECT_TRUE(isError(*refusal, status, text)) << what;
+    ASSERT_TRUE(refusal) << req.build().method << " " << req.build().path;
+    EXPECT_TRUE(isError(*refusal, status, text)) << req.build().method << " " << req.build().path;
   }
-
   std::unique_ptr<Gate> gate_;
 };
 
@@ -48,83 +50,73 @@ TEST(MatchSegment, CapturesExactlyOneNonEmptySegmentBetweenPrefixAndSuffix) {
   EXPECT_FALSE(matchSegment("/api/builds//files", "/api/builds/", "/files"));
   EXPECT_FALSE(matchSegment("/api/builds/a/b/files", "/api/builds/", "/files"));
   EXPECT_FALSE(matchSegment("/api/channels/beta/promote", "/api/channels/"));
-  EXPECT_FALSE(matchSegment("/api/builds/b1/file", "/api/builds/", "/files"));
 }
 
 TEST(ClientKey, LoopbackPeersUseTheFirstForwardedHopOthersTheirAddress) {
-  auto key = [](const char* peer, const char* forwarded) {
-    Req req("GET", "/api/builds");
-    req.from(peer);
-    if (forwarded) req.header("X-Forwarded-For", forwarded);
-    return clientKey(req.build());
+  struct Case {
+    const char* peer;
+    const char* forwarded;
+    const char* key;
   };
-  EXPECT_EQ(key("127.0.0.1", "203.0.113.9, 10.0.0.1"), "203.0.113.9");
-  EXPECT_EQ(key("127.8.9.10", " \t203.0.113.9\t ,x"), "203.0.113.9");
-  EXPECT_EQ(key("::1", "198.51.100.7"), "198.51.100.7");
-  EXPECT_EQ(key("::ffff:127.0.0.1", "198.51.100.7"), "198.51.100.7");
-  // No usable forwarded address from a local proxy: not limited at all.
-  EXPECT_EQ(key("127.0.0.1", nullptr), "");
-  EXPECT_EQ(key("127.0.0.1", ""), "");
-  EXPECT_EQ(key("127.0.0.1", " , 10.0.0.1"), "");
-  // Anyone else cannot choose their key.
-  EXPECT_EQ(key("10.0.0.5", "203.0.113.9"), "10.0.0.5");
-  EXPECT_EQ(key("128.0.0.1", "203.0.113.9"), "128.0.0.1");
-  EXPECT_EQ(key("::ffff:10.0.0.1", "203.0.113.9"), "::ffff:10.0.0.1");
-  EXPECT_EQ(key("::2", "203.0.113.9"), "::2");
+  for (const Case& c : std::vector<Case>{
+           {"127.0.0.1", "203.0.113.9, 10.0.0.1", "203.0.113.9"},
+           {"127.8.9.10", " \t203.0.113.9\t ,x", "203.0.113.9"},
+           {"::1", "198.51.100.7", "198.51.100.7"},
+           {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"},
+           // No usable forwarded address from a local proxy: not limited at all.
+           {"127.0.0.1", nullptr, ""},
+           {"127.0.0.1", " , 10.0.0.1", ""},
+           // Anyone else cannot choose their key.
+           {"10.0.0.5", "203.0.113.9", "10.0.0.5"},
+           {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
+           {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"},
+       }) {
+    Req req("GET", "/api/builds");
+    req.from(c.peer);
+    if (c.forwarded) req.header("X-Forwarded-For", c.forwarded);
+    EXPECT_EQ(clientKey(req.build()), c.key) << c.peer << " " << (c.forwarded ? c.forwarded : "");
+  }
 }
 
 TEST_F(GateTest, OpenPathsNeedNoTokenAndCostNothing) {
-  const std::pair<const char*, const char*> open[] = {
-      {"GET", "/"},
-      {"GET", "/api/version"},
-      {"GET", "/api/openapi.yaml"},
-      {"GET", "/api/docs"},
-      {"GET", "/api/invites/redeem"},
-      {"POST", "/api/invites/redeem"},
-      {"GET", "/api/claim"},
-      {"POST", "/api/claim"},
-      {"POST", "/api/access-requests"},
-      {"GET", "/api/sso/status"},
-      {"GET", "/api/sso/start"},
-      {"GET", "/api/sso/callback"},
-      {"POST", "/api/sso/handoff"},
-  };
-  for (const auto& [method, path] : open) expectPasses(Req(method, path), path);
-
-  // The open paths that are open for POST only.
-  expectRefused(Req("GET", "/api/access-requests"), 401, kMissing, "GET access requests");
-  expectRefused(Req("GET", "/api/sso/handoff"), 401, kMissing, "GET handoff");
-
-  // Many open requests later the anonymous budget is still whole: 29 more 401s, then 429.
-  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/version"), "version");
-  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/claim"), "GET claim");
-  for (int i = 0; i < 28; ++i) {
-    expectRefused(Req("GET", "/api/builds"), 401, kMissing, "anonymous");
+  for (const Route& r : std::vector<Route>{
+           {"GET", "/"}, {"GET", "/api/version"}, {"GET", "/api/openapi.yaml"},
+           {"GET", "/api/docs"}, {"GET", "/api/invites/redeem"}, {"POST", "/api/invites/redeem"},
+           {"GET", "/api/claim"}, {"POST", "/api/claim"}, {"POST", "/api/access-requests"},
+           {"GET", "/api/sso/status"}, {"GET", "/api/sso/start"}, {"GET", "/api/sso/callback"},
+           {"POST", "/api/sso/handoff"}}) {
+    expectPasses(Req(r.method, r.path));
   }
-  expectRefused(Req("GET", "/api/builds"), 429, kSlowDown, "31st anonymous");
+  // Open for POST only.
+  expectRefused(Req("GET", "/api/access-requests"), 401, kMissing);
+  expectRefused(Req("GET", "/api/sso/handoff"), 401, kMissing);
+  // Only the public routes themselves are public.
+  writeChannel("stable", "b7", true);
+  expectRefused(Req("GET", "/api/builds/b7/manifest"), 401, kMissing);
+  expectRefused(Req("GET", "/api/channels/stable/x"), 401, kMissing);
+
+  // Many open requests later the anonymous budget is still whole: 26 more 401s, then 429.
+  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/version"));
+  for (int i = 0; i < 26; ++i) expectRefused(Req("GET", "/api/builds"), 401, kMissing);
+  expectRefused(Req("GET", "/api/builds"), 429, kSlowDown);
 }
 
 TEST_F(GateTest, OnlyAWellFormedBearerTokenOfAnEnabledUserIdentifiesTheCaller) {
   const std::string token = seedUser("alice", "member");
-  const std::string disabledToken = seedUser("dora", "admin");
-  Json::Value dora = readDoc(userPath("dora"));
-  dora["disabled"] = true;
-  ASSERT_TRUE(store::saveUser(data(), dora));
+  const std::string disabled = seedUser("dora", "admin");
+  setMember(userPath("dora"), "disabled", true);
 
-  expectPasses(Req("GET", "/api/users").bearer(token), "valid token");
-  expectRefused(Req("GET", "/api/users"), 401, kMissing, "no header");
-  expectRefused(Req("GET", "/api/users").bearer("not-a-token"), 401, kMissing, "unknown token");
-  expectRefused(Req("GET", "/api/users").bearer(""), 401, kMissing, "empty token");
-  expectRefused(Req("GET", "/api/users").header("authorization", "bearer " + token), 401, kMissing,
-                "lower-case scheme");
-  expectRefused(Req("GET", "/api/users").header("authorization", "Bearer  " + token), 401, kMissing,
-                "two spaces");
-  expectRefused(Req("GET", "/api/users").header("authorization", "Basic YWxpY2U6cHc="), 401,
-                kMissing, "basic credential");
-  expectRefused(Req("GET", "/api/users").bearer(disabledToken), 401, kMissing, "disabled admin");
-  // Header names are matched without regard to case.
-  expectPasses(Req("GET", "/api/users").header("Authorization", "Bearer " + token),
-               "Authorization");
+  expectPasses(Req("GET", "/api/users").bearer(token));
+  expectPasses(Req("GET", "/api/users").header("Authorization", "Bearer " + token));
+  for (const Req& req : {Req("GET", "/api/users"), Req("GET", "/api/users").bearer("not-a-token"),
+                         Req("GET", "/api/users").bearer(""),
+                         Req("GET", "/api/users").header("authorization", "bearer " + token),
+                         Req("GET", "/api/users").header("authorization", "Bearer  " + token),
+                         Req("GET", "/api/users").header("authorization", token),
+                         Req("GET", "/api/users").header("authorization", "Basic YWxpY2U6cHc="),
+                         Req("GET", "/api/users").bearer(disabled)}) {
+    expectRefused(req, 401, kMissing);
+  }
 }
 
 TEST_F(GateTest, EveryRoleMeetsItsRules) {
@@ -135,130 +127,133 @@ TEST_F(GateTest, EveryRoleMeetsItsRules) {
   // A non-publisher with an allow-list given at creation gets no carve-out from it.
   const std::string memberWithList = seedUser("max", "member", {"beta"});
 
-  struct Case {
-    const char* method;
-    const char* path;
-  };
-  const Case reads[] = {{"GET", "/api/users"},    {"GET", "/api/me"},
-                        {"GET", "/api/channels"}, {"GET", "/api/builds/b1/files"},
-                        {"GET", "/api/groups"},   {"GET", "/api/sso/config"}};
-  const Case writes[] = {
-      {"POST", "/api/groups/x"},
-      {"DELETE", "/api/users/x"},
-      {"PUT", "/api/builds/b1/files"},
-      {"POST", "/api/builds/b1/finalize"},
-      {"POST", "/api/channels/beta"},
-      {"POST", "/api/channels/beta/promote"},
-      {"POST", "/api/builds/b1/disabled"},
-      {"DELETE", "/api/channels/beta"},
-      {"PUT", "/api/storage"},
-      {"POST", "/api/users/x/tokens"},
-  };
-
-  for (const auto& c : reads) {
-    for (const std::string* token : {&adminToken, &member, &publisher, &bare, &memberWithList}) {
-      expectPasses(Req(c.method, c.path).bearer(*token), c.path);
+  for (const Route& r : std::vector<Route>{{"GET", "/api/users"},
+                                           {"GET", "/api/me"},
+                                           {"GET", "/api/channels"},
+                                           {"GET", "/api/builds/b1/files"},
+                                           {"GET", "/api/groups"},
+                                           {"GET", "/api/sso/config"}}) {
+    for (const auto* token : {&adminToken, &member, &publisher, &bare, &memberWithList}) {
+      expectPasses(Req(r.method, r.path).bearer(*token));
     }
   }
-  for (const auto& c : writes) {
-    expectPasses(Req(c.method, c.path).bearer(adminToken), c.path);
-    expectRefused(Req(c.method, c.path).bearer(member), 403, kAdminOnly, c.path);
-    expectRefused(Req(c.method, c.path).bearer(memberWithList), 403, kAdminOnly, c.path);
+  for (const Route& r : std::vector<Route>{{"POST", "/api/groups/x"},
+                                           {"DELETE", "/api/users/x"},
+                                           {"PUT", "/api/builds/b1/files"},
+                                           {"POST", "/api/builds/b1/finalize"},
+                                           {"POST", "/api/channels/beta"},
+                                           {"POST", "/api/channels/beta/promote"},
+                                           {"POST", "/api/channels/beta/public"},
+                                           {"POST", "/api/channels/beta/launch"},
+                                           {"POST", "/api/builds/b1/disabled"},
+                                           {"DELETE", "/api/channels/beta"},
+                                           {"PUT", "/api/storage"},
+                                           {"POST", "/api/users/x/tokens"}}) {
+    expectPasses(Req(r.method, r.path).bearer(adminToken));
+    expectRefused(Req(r.method, r.path).bearer(member), 403, kAdminOnly);
+    expectRefused(Req(r.method, r.path).bearer(memberWithList), 403, kAdminOnly);
   }
 
   // A publisher uploads and finalizes any build, and creates or promotes its own channels only.
-  for (const std::string* token : {&publisher, &bare}) {
-    expectPasses(Req("PUT", "/api/builds/b1/files").bearer(*token), "upload");
-    expectPasses(Req("PUT", "/api/builds/anything/files").bearer(*token), "upload");
-    expectPasses(Req("POST", "/api/builds/b1/finalize").bearer(*token), "finalize");
+  for (const auto* token : {&publisher, &bare}) {
+    expectPasses(Req("PUT", "/api/builds/anything/files").bearer(*token));
+    expectPasses(Req("POST", "/api/builds/b1/finalize").bearer(*token));
   }
-  expectPasses(Req("POST", "/api/channels/beta/promote").bearer(publisher), "own promote");
-  expectPasses(Req("POST", "/api/channels/stable").bearer(publisher), "own create");
-  expectRefused(Req("POST", "/api/channels/beta/promote").bearer(bare), 403, kScope,
-                "promote without allow-list");
-  expectRefused(Req("POST", "/api/channels/beta").bearer(bare), 403, kScope,
-                "create without allow-list");
-  const Case outside[] = {
-      {"POST", "/api/channels/gamma/promote"}, {"POST", "/api/channels/gamma"},
-      {"POST", "/api/builds/b1/disabled"},     {"DELETE", "/api/builds/b1"},
-      {"DELETE", "/api/channels/beta"},        {"POST", "/api/channels/beta/public"},
-      {"POST", "/api/channels/beta/launch"},   {"POST", "/api/builds/b1/files"},
-      {"PUT", "/api/builds/b1/finalize"},      {"POST", "/api/groups/x"},
-      {"POST", "/api/users/pete/tokens"},      {"DELETE", "/api/users/x"},
-  };
-  for (const auto& c : outside) {
-    expectRefused(Req(c.method, c.path).bearer(publisher), 403, kScope, c.path);
+  expectPasses(Req("POST", "/api/channels/beta/promote").bearer(publisher));
+  expectPasses(Req("POST", "/api/channels/stable").bearer(publisher));
+  expectRefused(Req("POST", "/api/channels/beta/promote").bearer(bare), 403, kScope);
+  expectRefused(Req("POST", "/api/channels/beta").bearer(bare), 403, kScope);
+  for (const Route& r : std::vector<Route>{
+           {"POST", "/api/channels/gamma/promote"}, {"POST", "/api/channels/gamma"},
+           {"POST", "/api/builds/b1/disabled"},     {"DELETE", "/api/builds/b1"},
+           {"DELETE", "/api/channels/beta"},        {"POST", "/api/channels/beta/public"},
+           {"POST", "/api/channels/beta/launch"},   {"POST", "/api/builds/b1/files"},
+           {"PUT", "/api/builds/b1/finalize"},      {"POST", "/api/groups/x"},
+           {"POST", "/api/users/pete/tokens"},      {"DELETE", "/api/users/x"}}) {
+    expectRefused(Req(r.method, r.path).bearer(publisher), 403, kScope);
   }
 }
 
 TEST_F(GateTest, RefusedWritesNeverReachTheHandler) {
   const std::string member = seedUser("mia", "member");
+  const std::string pete = seedUser("pete", "publisher", {"beta"});
   EXPECT_TRUE(isError(send(Req("POST", "/api/groups/x").bearer(member)), 403, kAdminOnly));
   EXPECT_TRUE(isError(send(Req("POST", "/api/groups/x")), 401, kMissing));
-  EXPECT_FALSE(std::filesystem::exists(groupPath("x")));
-  EXPECT_EQ(send(Req("GET", "/api/me").bearer(member)).status, 200u);
+  EXPECT_TRUE(isError(send(Req("POST", "/api/channels/other").bearer(pete)), 403, kScope));
+  EXPECT_TRUE(isError(
+      send(Req("PUT", "/api/builds/b2/files").q("path", "x").body("x").bearer(member)), 403,
+      kAdminOnly));
+  EXPECT_FALSE(fs::exists(groupPath("x")));
+  EXPECT_FALSE(fs::exists(channelPath("other")));
+  EXPECT_FALSE(fs::exists(buildDir("b2")));
   EXPECT_EQ(send(Req("POST", "/api/groups/x").bearer(admin())).status, 200u);
 }
 
-TEST_F(GateTest, AnonymousReadersSeePublicChannelsAndTheBuildsTheyPointAt) {
-  // While no channel document exists, nothing is public.
-  expectRefused(Req("GET", "/api/channels/stable"), 401, kMissing, "no channels yet");
-  expectRefused(Req("GET", "/api/builds/b7/files"), 401, kMissing, "no channels yet");
+TEST_F(GateTest, AnonymousReadersSeePublicChannelsAndTheBuildsTheyPointAtNow) {
+  start(false);
+  makeBuild("b0", {{"old.bin", "old"}});
+  makeBuild("b1");
+  makeBuild("b2", {{"secret.bin", "secret"}});
+  ASSERT_TRUE(isOk(createChannel("stable")));
+  ASSERT_TRUE(isOk(promote("stable", "b0")));
+  ASSERT_TRUE(isOk(promote("stable", "b1")));
+  ASSERT_TRUE(isOk(setPublic("stable", "true")));
+  writeChannel("beta", "b2");
+  writeChannel("empty", "", true);
+  // Stray non-object channel files break nothing.
+  writeText(channelPath("junk"), "[1, 2]");
+  writeText(channelPath("text"), "\"public\"");
 
-  writeChannel("stable", true, "b7");
-  writeChannel("hidden", false, "b8");
-  writeChannel("empty", true, "");
-  expectPasses(Req("GET", "/api/channels/stable"), "public channel");
-  expectPasses(Req("GET", "/api/builds/b7"), "public build");
-  expectPasses(Req("GET", "/api/builds/b7/files"), "public build files");
-  expectPasses(Req("GET", "/api/channels/empty"), "public channel without build");
-  expectPasses(Req("GET", "/api/channels/stable").bearer("wrong"), "public with a bad token");
-  expectPasses(Req("GET", "/api/builds/b7").header("authorization", "Basic eDp5"),
-               "public with a basic credential");
+  // A bad or foreign credential does not spoil a public read.
+  for (const std::string auth : {"", "Bearer wrong", "Basic eDp5"}) {
+    auto anon = [&](Req req) { return send(auth.empty() ? req : req.header("authorization", auth)); };
+    auto channel = anon(Req("GET", "/api/channels/stable"));
+    ASSERT_TRUE(isOk(channel)) << auth;
+    EXPECT_EQ(bodyOf(channel), readDoc(channelPath("stable")));
+    EXPECT_EQ(bodyOf(anon(Req("GET", "/api/builds/b1")))["channels"], strings({"stable"}));
+    auto file = anon(Req("GET", "/api/builds/b1/files").q("path", "app.bin"));
+    ASSERT_TRUE(isOk(file));
+    EXPECT_EQ(readBytes(file.file), "bytes");
+    EXPECT_TRUE(isOk(anon(Req("GET", "/api/channels/empty"))));
+    // Past the gate, the handler's own answers apply.
+    EXPECT_TRUE(isError(anon(Req("GET", "/api/builds/b1/files").q("path", "no.bin")), 404,
+                        "file not found"));
 
-  expectRefused(Req("GET", "/api/channels"), 401, kMissing, "the list is never public");
-  expectRefused(Req("GET", "/api/channels/hidden"), 401, kMissing, "private channel");
-  expectRefused(Req("GET", "/api/channels/missing"), 401, kMissing, "missing channel");
-  expectRefused(Req("GET", "/api/builds/b8/files"), 401, kMissing, "private build");
-  expectRefused(Req("GET", "/api/builds/b9"), 401, kMissing, "unpointed build");
-  expectRefused(Req("GET", "/api/channels/stable/x"), 401, kMissing, "deeper path");
-  expectRefused(Req("GET", "/api/builds/b7/manifest"), 401, kMissing, "other build path");
-  expectRefused(Req("POST", "/api/channels/stable"), 401, kMissing, "public is read-only");
-  expectRefused(Req("PUT", "/api/builds/b7/files"), 401, kMissing, "public is read-only");
-  expectRefused(Req("DELETE", "/api/builds/b7"), 401, kMissing, "public is read-only");
+    for (const Req& req : {Req("GET", "/api/channels"), Req("GET", "/api/builds"),
+                           Req("GET", "/api/channels/beta"), Req("GET", "/api/channels/nosuch"),
+                           Req("GET", "/api/channels/junk"), Req("GET", "/api/builds/b2"),
+                           Req("GET", "/api/builds/b2/files").q("path", "secret.bin"),
+                           Req("GET", "/api/builds/b0"),  // once public, no longer current
+                           Req("PUT", "/api/builds/b1/files").q("path", "app.bin").body("new"),
+                           Req("POST", "/api/channels/stable/promote").q("build", "b2"),
+                           Req("DELETE", "/api/builds/b1")}) {
+      EXPECT_TRUE(isError(anon(req), 401, kMissing))
+          << auth << ": " << req.build().method << " " << req.build().path;
+    }
+  }
+  EXPECT_EQ(readBytes(buildDir("b1") / "files" / "app.bin"), "bytes");
 
-  // Public reads are not charged to the anonymous budget.
-  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/builds/b7/files"), "repeated");
-
-  // Read fresh each time: a channel made private stops at once.
-  writeChannel("stable", false, "b7");
-  expectRefused(Req("GET", "/api/channels/stable"), 401, kMissing, "made private");
-  expectRefused(Req("GET", "/api/builds/b7/files"), 401, kMissing, "made private");
+  // Read fresh each time: a channel made private closes it and its build at once.
+  ASSERT_TRUE(isOk(setPublic("stable", "false")));
+  EXPECT_TRUE(isError(send(Req("GET", "/api/channels/stable")), 401, kMissing));
+  EXPECT_TRUE(isError(send(Req("GET", "/api/builds/b1").q("path", "app.bin")), 401, kMissing));
 }
 
-TEST_F(GateTest, AStrayNonObjectChannelFileDoesNotBreakAnonymousReads) {
-  writeChannel("stable", true, "b7");
-  ASSERT_TRUE(store::writeFileAtomic(channelPath("junk"), "[1, 2]"));
-  ASSERT_TRUE(store::writeFileAtomic(channelPath("text"), "\"public\""));
-  // Through the router, so an escaping exception shows up as a 500 answer.
-  http::Response publicRead = send(Req("GET", "/api/builds/b7/files"));
-  EXPECT_NE(publicRead.status, 500u) << publicRead.body;
-  EXPECT_NE(publicRead.status, 401u) << publicRead.body;
-  EXPECT_TRUE(isError(send(Req("GET", "/api/builds/b8/files")), 401, kMissing));
-  EXPECT_TRUE(isError(send(Req("GET", "/api/channels/junk")), 401, kMissing));
+TEST_F(GateTest, PublicReadsAreNotChargedToTheAnonymousBudget) {
+  writeChannel("stable", "b7", true);
+  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/builds/b7/files"));
+  expectRefused(Req("GET", "/api/builds"), 401, kMissing);
 }
 
 TEST_F(GateTest, TheSixthCredentialAttemptWithinAMinuteIsRefusedForTwelveSeconds) {
-  // The four credential paths share one budget per client.
-  const char* paths[] = {"/api/claim", "/api/invites/redeem", "/api/access-requests",
-                         "/api/sso/handoff", "/api/claim"};
-  for (const char* path : paths) {
-    http::Response res = send(Req("POST", path));
-    EXPECT_NE(res.status, 429u) << path;
+  // The credential paths share one budget per client.
+  for (const char* path : {"/api/claim", "/api/invites/redeem", "/api/access-requests",
+                           "/api/sso/handoff", "/api/claim"}) {
+    EXPECT_NE(send(Req("POST", path)).status, 429u) << path;
   }
   http::Response sixth = send(Req("POST", "/api/claim"));
   EXPECT_TRUE(isError(sixth, 429, kSlowDown));
-  EXPECT_EQ(test::headerOf(sixth, "Retry-After"), "12");
+  EXPECT_EQ(headerOf(sixth, "Retry-After"), "12");
   EXPECT_EQ(send(Req("POST", "/api/sso/handoff")).status, 429u);
 
   // GET of an open credential path is not charged, and each client has its own budget.
@@ -268,31 +263,19 @@ TEST_F(GateTest, TheSixthCredentialAttemptWithinAMinuteIsRefusedForTwelveSeconds
   EXPECT_TRUE(isError(send(Req("GET", "/api/builds")), 401, kMissing));
 }
 
-TEST_F(GateTest, TheThirtyFirstAnonymousRequestIsRefusedForTwoSeconds) {
-  for (int i = 0; i < 30; ++i) {
-    http::Response res =
-        i % 2 ? send(Req("GET", "/api/builds")) : send(Req("GET", "/api/builds").bearer("wrong"));
-    ASSERT_TRUE(isError(res, 401, kMissing)) << i;
-  }
-  http::Response last = send(Req("GET", "/api/builds"));
-  EXPECT_TRUE(isError(last, 429, kSlowDown));
-  EXPECT_EQ(test::headerOf(last, "Retry-After"), "2");
-
-  // A valid token is never charged nor refused by the anonymous budget.
-  const std::string token = seedUser("alice", "member");
-  for (int i = 0; i < 50; ++i) {
-    ASSERT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 200u) << i;
-  }
-}
-
-TEST_F(GateTest, AValidTokenNeverSpendsTheAnonymousBudget) {
+TEST_F(GateTest, TheThirtyFirstAnonymousRequestIsRefusedButAValidTokenNeverIs) {
   const std::string token = seedUser("alice", "member");
   for (int i = 0; i < 100; ++i) {
     ASSERT_NE(send(Req("GET", "/api/builds").bearer(token)).status, 429u) << i;
   }
   for (int i = 0; i < 30; ++i) {
-    ASSERT_TRUE(isError(send(Req("GET", "/api/builds")), 401, kMissing)) << i;
+    Req req("GET", "/api/builds");
+    ASSERT_TRUE(isError(send(i % 2 ? req : req.bearer("wrong")), 401, kMissing)) << i;
   }
+  http::Response last = send(Req("GET", "/api/builds"));
+  EXPECT_TRUE(isError(last, 429, kSlowDown));
+  EXPECT_EQ(headerOf(last, "Retry-After"), "2");
+  EXPECT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 200u);
 }
 
 TEST_F(GateTest, WithRateLimitingOffNothingIsThrottled) {
@@ -304,33 +287,21 @@ TEST_F(GateTest, WithRateLimitingOffNothingIsThrottled) {
 }
 
 TEST_F(GateTest, ALocalProxyIsThrottledByTheForwardedClientNotItself) {
-  for (const char* peer : {"127.0.0.1", "::1", "::ffff:127.0.0.1"}) {
+  for (const char* peer : {"127.0.0.1", "::1"}) {
     for (int i = 0; i < 40; ++i) {
       ASSERT_NE(send(Req("POST", "/api/claim").from(peer)).status, 429u) << peer;
-      ASSERT_TRUE(isError(send(Req("GET", "/api/builds").from(peer)), 401, kMissing)) << peer;
     }
   }
-
   auto viaProxy = [](const char* forwarded) {
-    Req req("POST", "/api/claim");
-    req.from("127.0.0.1").header("x-forwarded-for", forwarded);
-    return req;
+    return Req("POST", "/api/claim").from("127.0.0.1").header("x-forwarded-for", forwarded);
   };
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_NE(send(viaProxy("203.0.113.9, 10.0.0.1")).status, 429u) << i;
-  }
+  for (int i = 0; i < 5; ++i) ASSERT_NE(send(viaProxy("203.0.113.9, 10.0.0.1")).status, 429u);
   EXPECT_EQ(send(viaProxy("203.0.113.9, 10.0.0.1")).status, 429u);
   // The key is 203.0.113.9: the same client arriving directly is already spent ...
   EXPECT_EQ(send(Req("POST", "/api/claim").from("203.0.113.9")).status, 429u);
-  EXPECT_EQ(send(viaProxy(" 203.0.113.9")).status, 429u);
   // ... while the proxy's other hops are not.
   EXPECT_NE(send(viaProxy("10.0.0.1")).status, 429u);
-  // A forwarded header from a non-loopback peer is ignored.
-  EXPECT_NE(
-      send(Req("POST", "/api/claim").from("10.0.0.5").header("x-forwarded-for", "203.0.113.9"))
-          .status,
-      429u);
 }
 
 }  // namespace
-}  // namespace quill
+}  // namespace quill::test

@@ -323,26 +323,6 @@ TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
   EXPECT_EQ(manifest["total_size"].asUInt64(), v1.size() + 5);
 }
 
-TEST_F(BuildsE2E, ABuildWhoseOnlyUploadWasCutShortStaysAbsent) {
-  {
-    RawConnection raw(server->port());
-    ASSERT_TRUE(raw.connected());
-    ASSERT_TRUE(raw.send(uploadHead("/api/builds/never-made/files?path=a.bin", 10 * 1000 * 1000,
-                                    false, *adminToken)));
-    ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 13)));
-    ASSERT_TRUE(receivingBody(incoming()));
-  }
-  ASSERT_TRUE(becomesEmpty(incoming()));
-  EXPECT_EQ(asAdmin("GET", "/api/builds/never-made/files?path=a.bin").status, 404);
-  auto finalized = asAdmin("POST", "/api/builds/never-made/finalize");
-  EXPECT_EQ(finalized.status, 404);
-  EXPECT_EQ(finalized.body, R"({"error":"build has no files"})");
-  // No upload ever completed, so there is no build to delete.
-  auto deleted = asAdmin("DELETE", "/api/builds/never-made");
-  EXPECT_EQ(deleted.status, 404) << deleted.body;
-  EXPECT_EQ(deleted.body, R"({"error":"build not found"})");
-}
-
 TEST_F(BuildsE2E, ConcurrentUploadsOfOnePathEachLandWhole) {
   const std::string first = randomBytes(4 * 1024 * 1024, 21);
   const std::string second = randomBytes(4 * 1024 * 1024, 22);

@@ -1,0 +1,119 @@
+#pragma once
+// In-process API tests: a fresh data directory and context per test, the real route table behind
+// the real gate, helpers to seed records, and requests sent without a socket (a body travels in
+// memory).
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+#include <json/writer.h>  // operator<< for failure messages
+
+#include <filesystem>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/context.h"
+#include "http/request.h"
+#include "http/response.h"
+#include "http/router.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::test {
+
+namespace fs = std::filesystem;
+
+// A request head as the server would hand it over; peer 10.0.0.1 unless told otherwise.
+class Req {
+ public:
+  Req(std::string method, std::string path);
+  Req& q(std::string name, std::string value);
+  Req& bearer(const std::string& token) { return header("authorization", "Bearer " + token); }
+  Req& header(std::string name, std::string value);
+  Req& from(std::string peer);
+  Req& body(std::string bytes);
+  const http::Request& build() const { return req_; }
+
+ private:
+  http::Request req_;
+};
+
+Json::Value parseJson(const std::string& text);  // strict; a failure is reported
+Json::Value bodyOf(const http::Response& res);
+std::string headerOf(const http::Response& res, const std::string& name);
+// Exactly the error document {"error": text} with `status`.
+::testing::AssertionResult isError(const http::Response& res, unsigned status,
+                                   const std::string& text);
+::testing::AssertionResult isOk(const http::Response& res);
+// The top-level member names of a JSON object body, in the order they were sent.
+std::vector<std::string> memberOrder(const http::Response& res);
+Json::Value strings(std::initializer_list<const char*> items);
+std::string readBytes(const fs::path& path);
+bool isUtcStamp(const Json::Value& value);
+bool isRandomText(const Json::Value& value, std::size_t length);
+std::size_t filesIn(const fs::path& dir);
+
+class ApiTest : public TempDirTest {
+ protected:
+  void SetUp() override { start(); }
+
+  // A fresh context and router over the same data directory.
+  void start(bool rateLimit = true, bool rillOnly = false);
+
+  Context& ctx() { return *ctx_; }
+  const store::DataDir& data() const { return ctx_->data; }
+
+  http::Response send(const Req& req);
+  http::Response as(const std::string& token, Req req) { return send(req.bearer(token)); }
+  http::Response asAdmin(Req req) { return as(admin(), std::move(req)); }
+
+  // A user record with a token named `<name>-token`; returns the token text.
+  std::string seedUser(const std::string& name, const std::string& role,
+                       std::vector<std::string> channels = {}, bool service = false);
+  std::string mintFor(const std::string& user, const std::string& tokenName);
+  // The recovery account with a token, the usual caller of admin routes.
+  const std::string& admin();
+  void seedGroup(const std::string& name, const std::vector<std::string>& channels = {});
+  // A channel document written straight to disk.
+  void writeChannel(const std::string& name, const std::string& build = "", bool isPublic = false);
+  // Sets one member of a stored record.
+  void setMember(const fs::path& record, const char* member, const Json::Value& value);
+
+  // A peer address used by no other request of the test, so one attempt's credential budget
+  // never spills into the next unless a test wants it to.
+  std::string freshPeer();
+  // POST /api/invites/redeem from a fresh peer; `machine` is left off when null.
+  http::Response redeem(const std::string& code, const char* machine = nullptr);
+
+  // The build and channel routes as the admin.
+  http::Response upload(const std::string& id, const std::string& path, std::string bytes);
+  http::Response finalize(const std::string& id);
+  // A finalized build holding `files` (path, content).
+  void makeBuild(const std::string& id,
+                 std::vector<std::pair<std::string, std::string>> files = {{"app.bin", "bytes"}});
+  http::Response createChannel(const std::string& name, const std::string& engine = "");
+  http::Response promote(const std::string& channel, const std::string& build);
+  http::Response setPublic(const std::string& channel, const std::string& value);
+
+  fs::path userPath(const std::string& name) const;
+  fs::path tokenPath(const std::string& name) const;
+  fs::path groupPath(const std::string& name) const;
+  fs::path channelPath(const std::string& name) const;
+  fs::path invitePath(const std::string& code) const;
+  fs::path buildDir(const std::string& id) const { return data().builds() / id; }
+
+  Json::Value readDoc(const fs::path& path);
+  void writeDoc(const fs::path& path, const Json::Value& doc);
+  void writeText(const fs::path& path, const std::string& text);
+  // Makes the next atomic write of `record` fail: its temporary file's name is a directory.
+  static void blockWrites(const fs::path& record);
+
+ private:
+  std::unique_ptr<Context> ctx_;
+  std::unique_ptr<http::Router> router_;
+  std::string adminToken_;
+  int peers_ = 0;
+};
+
+}  // namespace quill::test
