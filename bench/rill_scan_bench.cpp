@@ -71,6 +71,17 @@ const std::vector<std::uint8_t>& content() {
   return bytes;
 }
 
+// Every benchmark reports the same counters (the CSV format needs that). Run alone
+// (--benchmark_filter=ScanFile), peak_rss_mib is the memory the scan itself needs; with the others
+// it includes the file's bytes held in memory.
+void report(benchmark::State& state, std::uint64_t bytes, std::size_t chunks) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+  state.counters["chunks"] = static_cast<double>(chunks);
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  state.counters["peak_rss_mib"] = static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
 void BM_CutPointSearch(benchmark::State& state) {
   const auto& data = content();
   const ChunkerParams params;
@@ -82,11 +93,9 @@ void BM_CutPointSearch(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(chunks);
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * data.size()));
-  state.counters["chunks"] = static_cast<double>(chunks);
+  report(state, data.size(), chunks);
 }
 
-// Run alone (--benchmark_filter=ScanFile), peak_rss_mib is the memory the scan itself needs.
 void BM_ScanFile(benchmark::State& state) {
   const fs::path& file = ensureFile();
   std::size_t chunks = 0;
@@ -98,11 +107,7 @@ void BM_ScanFile(benchmark::State& state) {
     }
     chunks = result.value().size();
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * fs::file_size(file)));
-  state.counters["chunks"] = static_cast<double>(chunks);
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  state.counters["peak_rss_mib"] = static_cast<double>(usage.ru_maxrss) / 1024.0;
+  report(state, fs::file_size(file), chunks);
 }
 
 void BM_Blake3OneThread(benchmark::State& state) {
@@ -115,7 +120,7 @@ void BM_Blake3OneThread(benchmark::State& state) {
     blake3_hasher_finalize(&hasher, digest, sizeof digest);
     benchmark::DoNotOptimize(digest);
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * data.size()));
+  report(state, data.size(), 1);
 }
 
 // Wall-clock time: the scan uses two threads, and that is what a caller waits for.

@@ -6,11 +6,14 @@
 #include <utility>
 
 #include "rill/hex.h"
+#include "rill/process_init.h"
 
 namespace quill::rill {
 
 EncryptedProvider::EncryptedProvider(const EncryptionKey& key, StorageProviderPtr inner)
-    : key_(key), inner_(std::move(inner)) {}
+    : key_(key), inner_(std::move(inner)) {
+  initialize();  // libsodium's random source and fastest implementations
+}
 
 EncryptedProvider::~EncryptedProvider() { sodium_memzero(key_.data(), key_.size()); }
 

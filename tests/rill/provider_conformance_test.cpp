@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <regex>
 #include <thread>
 
 #include "rill/chunk_id.h"
@@ -143,8 +142,10 @@ TEST_P(ProviderConformance, ChunkKeysAreShardedIdsAndUsable) {
   const std::string id = chunkId(key("chunk"));
   const std::string other = chunkId(key("other"));
   const std::string chunkKey = provider_->chunkKey(id);
-  EXPECT_TRUE(std::regex_match(chunkKey, std::regex("chunks/([0-9a-f]{2})/\\1[0-9a-f]{62}")))
-      << chunkKey;
+  // "chunks/" + the first two characters of a 64-hex name + "/" + that name
+  ASSERT_EQ(chunkKey.size(), 7 + 2 + 1 + 64u) << chunkKey;
+  EXPECT_TRUE(chunkKey.starts_with("chunks/" + chunkKey.substr(10, 2) + "/")) << chunkKey;
+  EXPECT_TRUE(isChunkId(chunkKey.substr(10))) << chunkKey;
   EXPECT_EQ(provider_->chunkKey(id), chunkKey);
   EXPECT_NE(provider_->chunkKey(other), chunkKey);
   ASSERT_TRUE(provider_->put(chunkKey, "chunk bytes"));

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
+#include "rill/chunk_id.h"
 #include "rill/s3_client.h"
 
 namespace quill::rill {
@@ -95,11 +94,11 @@ TEST(S3Request, PresignedUrlIsPathStyleWithParametersInOrder) {
   const std::string expectedQuery = presignedGetQuery("/my%20bucket/a%20b/c", "127.0.0.1:9000", 300,
                                                       {"AK", "SK", ""}, signingTime(now));
   EXPECT_EQ(url, "http://127.0.0.1:9000/my%20bucket/a%20b/c?" + expectedQuery);
-  EXPECT_TRUE(std::regex_match(
-      expectedQuery,
-      std::regex("X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AK%2F20130524%2Fauto%2Fs3%2F"
-                 "aws4_request&X-Amz-Date=20130524T000000Z&X-Amz-Expires=300&"
-                 "X-Amz-SignedHeaders=host&X-Amz-Signature=[0-9a-f]{64}")));
+  const std::string signed_ =
+      "X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AK%2F20130524%2Fauto%2Fs3%2Faws4_request"
+      "&X-Amz-Date=20130524T000000Z&X-Amz-Expires=300&X-Amz-SignedHeaders=host&X-Amz-Signature=";
+  ASSERT_TRUE(expectedQuery.starts_with(signed_)) << expectedQuery;
+  EXPECT_TRUE(isChunkId(expectedQuery.substr(signed_.size())));  // 64 lower-case hex digits
 }
 
 }  // namespace
