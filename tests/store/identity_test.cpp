@@ -86,23 +86,18 @@ class IdentityTest : public test::TempDirTest {
 TEST_F(IdentityTest, HashTokenIsLowerCaseHexBlake3) {
   EXPECT_EQ(hashToken("abc"), "6437b3ac38465133ffb63b75273a8db548c558465d79db03fd359c6cd5bd9d85");
   EXPECT_EQ(hashToken(""), "af1349b9f5f9a1a6a0404dea36dcc9499bcb25c9adc112b7cc9a93cae41f3262");
-  EXPECT_NE(hashToken("abc"), hashToken("abd"));
-  EXPECT_EQ(hashToken(std::string("a\0b", 3)).size(), 64u);
   EXPECT_NE(hashToken(std::string("a\0b", 3)), hashToken("a"));
 }
 
 TEST_F(IdentityTest, AMintedTokenIsShownOnceAndStoredOnlyAsItsHash) {
   user("ci", "publisher");
   std::set<std::string> seen;
-  for (int i = 0; i < 3; ++i) {
-    const std::string name = "t" + std::to_string(i);
+  for (const std::string name : {"t0", "t1"}) {
     const std::string text = mintToken(data, name, "ci");
     ASSERT_EQ(text.size(), kTokenLength);
     for (char c : text) ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << text;
     EXPECT_TRUE(seen.insert(text).second);
-
-    const std::string raw = readRaw(tokenPath(name));
-    EXPECT_EQ(raw.find(text), std::string::npos);
+    EXPECT_EQ(readRaw(tokenPath(name)).find(text), std::string::npos);
     auto record = findToken(data, name);
     ASSERT_TRUE(record);
     EXPECT_EQ(
@@ -110,14 +105,12 @@ TEST_F(IdentityTest, AMintedTokenIsShownOnceAndStoredOnlyAsItsHash) {
         (std::vector<std::string>{"created_at", "name", "schema_version", "token_hash", "user"}));
     EXPECT_EQ((*record)["token_hash"], hashToken(text));
     EXPECT_EQ((*record)["user"], "ci");
-    EXPECT_EQ((*record)["name"], name);
-    EXPECT_EQ((*record)["schema_version"], 1);
     ASSERT_TRUE(resolve(text));
     EXPECT_EQ((*resolve(text))["name"], "ci");
   }
 }
 
-TEST_F(IdentityTest, UnknownEmptyAndMalformedTokensResolveToNothing) {
+TEST_F(IdentityTest, UnknownMalformedAndOrphanTokensResolveToNothing) {
   user("alice", "member");
   const std::string text = mintToken(data, "good", "alice");
   ASSERT_TRUE(writeFileAtomic(tokenPath("broken"), "{\"token_hash\": "));
@@ -127,29 +120,22 @@ TEST_F(IdentityTest, UnknownEmptyAndMalformedTokensResolveToNothing) {
   Json::Value numericHash = tokenRecord("numeric", "z", "alice");
   numericHash["token_hash"] = 12;
   writeToken("numeric", numericHash);
-  writeToken("upper", [&] {
-    Json::Value r = tokenRecord("upper", "w", "alice");
-    std::string hash = hashToken("w");
-    for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    r["token_hash"] = hash;
-    return r;
-  }());
-
+  Json::Value upper = tokenRecord("upper", "w", "alice");
+  std::string hash = hashToken("w");
+  for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  upper["token_hash"] = hash;
+  writeToken("upper", upper);
   // Files that are not objects are skipped.
   ASSERT_TRUE(writeFileAtomic(tokenPath("array"), "[\"" + hashToken("x") + "\"]"));
-  ASSERT_TRUE(writeFileAtomic(tokenPath("string"), "\"" + hashToken("x") + "\""));
-  for (const char* bad : {"", "x", "y", "z", "w", "good", "unknown-token"}) {
+  // Owners that do not exist, or cannot.
+  writeToken("orphan", tokenRecord("orphan", "secret", "ghost"));
+  writeToken("badname", tokenRecord("badname", "secret2", "../users/x"));
+
+  for (const char* bad : {"", "x", "y", "z", "w", "good", "secret", "secret2"}) {
     EXPECT_FALSE(resolve(bad)) << bad;
   }
   ASSERT_TRUE(resolve(text));
   EXPECT_EQ((*resolve(text))["name"], "alice");
-}
-
-TEST_F(IdentityTest, ATokenOfAMissingUserResolvesToNothing) {
-  writeToken("orphan", tokenRecord("orphan", "secret", "ghost"));
-  writeToken("badname", tokenRecord("badname", "secret2", "../users/x"));
-  EXPECT_FALSE(resolve("secret"));
-  EXPECT_FALSE(resolve("secret2"));
 }
 
 TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
@@ -159,11 +145,8 @@ TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
   EXPECT_EQ((*resolved)["name"], "nadia");
   EXPECT_EQ((*resolved)["role"], "admin");
   EXPECT_EQ((*resolved)["groups"], Json::Value(Json::arrayValue));
-  auto stored = findUser(data, "nadia");
-  ASSERT_TRUE(stored);
-  EXPECT_EQ(*stored, *resolved);
+  EXPECT_EQ(findUser(data, "nadia"), resolved);
   EXPECT_EQ((*findToken(data, "nadia"))["user"], "nadia");
-  EXPECT_EQ((*findToken(data, "nadia"))["token_hash"], hashToken("legacy-1"));
   EXPECT_EQ(resolve("legacy-1"), resolved);
 
   // An existing user of that name is left as it is, and an empty `user` counts as absent.
@@ -174,41 +157,30 @@ TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
   ASSERT_TRUE(resolve("legacy-2"));
   EXPECT_EQ((*findUser(data, "omar"))["role"], "member");
   EXPECT_EQ((*findToken(data, "omar"))["user"], "omar");
-}
 
-TEST_F(IdentityTest, ALegacyTokenWithAReservedNameResolvesToNothing) {
+  // A name no user may have resolves to nothing and is not upgraded.
   writeToken("con", tokenRecord("con", "legacy-con", ""));
   writeToken("dots", tokenRecord("..", "legacy-dots", ""));
   EXPECT_FALSE(resolve("legacy-con"));
   EXPECT_FALSE(resolve("legacy-dots"));
-  EXPECT_FALSE(findUser(data, "con"));
   EXPECT_FALSE(findToken(data, "con")->isMember("user"));
 }
 
 TEST_F(IdentityTest, DisablingAUserSuspendsItsTokensWithoutTouchingThem) {
   Json::Value alice = user("alice", "admin");
   const std::string first = mintToken(data, "a1", "alice");
-  const std::string second = mintToken(data, "a2", "alice");
   const std::string before = readRaw(tokenPath("a1"));
-
   alice["disabled"] = true;
   ASSERT_TRUE(saveUser(data, alice));
   EXPECT_FALSE(resolve(first));
-  EXPECT_FALSE(resolve(second));
   EXPECT_EQ(readRaw(tokenPath("a1")), before);
-
-  alice["disabled"] = false;
-  ASSERT_TRUE(saveUser(data, alice));
-  EXPECT_TRUE(resolve(first));
-  EXPECT_TRUE(resolve(second));
-
   // Only a boolean true disables.
   alice["disabled"] = "true";
   ASSERT_TRUE(saveUser(data, alice));
   EXPECT_TRUE(resolve(first));
 }
 
-TEST_F(IdentityTest, SsoTokenIsGoodForExactlyOneDayAfterItsLastSignOn) {
+TEST_F(IdentityTest, SsoTokenIsGoodForOneDayAfterItsLastSignOn) {
   user("sam", "member");
   // The boundary second must not tick between writing and resolving; retry if it did.
   bool checked = false;
@@ -216,49 +188,44 @@ TEST_F(IdentityTest, SsoTokenIsGoodForExactlyOneDayAfterItsLastSignOn) {
     const std::time_t now = std::time(nullptr);
     ssoToken("day", "sso-day", formatUtc(now - 86400));
     const bool accepted = resolveToken(data, "sso-day", &index).has_value();
-    if (std::time(nullptr) != now) continue;
-    EXPECT_TRUE(accepted);
-    EXPECT_TRUE(std::filesystem::exists(tokenPath("day")));
-    checked = true;
+    checked = std::time(nullptr) == now;
+    EXPECT_TRUE(accepted || !checked);
   }
   EXPECT_TRUE(checked);
 
-  ssoToken("stale", "sso-stale", formatUtc(std::time(nullptr) - 86401));
-  EXPECT_FALSE(resolveToken(data, "sso-stale", &index));
-  EXPECT_FALSE(std::filesystem::exists(tokenPath("stale")));
-  EXPECT_FALSE(resolveToken(data, "sso-stale"));
-
-  ssoToken("future", "sso-future", formatUtc(std::time(nullptr) + 7 * 86400));
-  EXPECT_TRUE(resolve("sso-future"));
+  // Expired tokens are removed; a time that cannot be read is refused but the token kept.
+  struct Row {
+    std::string name;
+    std::string validatedAt;
+    bool accepted;
+    bool kept;
+  };
+  const std::time_t now = std::time(nullptr);
+  const std::vector<Row> rows = {
+      {"stale", formatUtc(now - 86401), false, false},
+      {"future", formatUtc(now + 7 * 86400), true, true},
+      {"words", "yesterday", false, true},
+      {"short", "2026-01-01T00:00", false, true},
+      {"blank", "", false, true},
+      // Six numbers are read, but no calendar time has this month.
+      {"odd", "2026--2147483648-01T00:00:00", false, false},
+  };
+  for (const Row& row : rows) {
+    ssoToken(row.name, "sso-" + row.name, row.validatedAt);
+    EXPECT_EQ(resolveToken(data, "sso-" + row.name, &index).has_value(), row.accepted) << row.name;
+    EXPECT_EQ(std::filesystem::exists(tokenPath(row.name)), row.kept) << row.name;
+  }
+  Json::Value missing = tokenRecord("missing", "sso-missing", "sam");
+  missing["sso"] = true;
+  writeToken("missing", missing);
+  EXPECT_FALSE(resolve("sso-missing"));
+  EXPECT_TRUE(std::filesystem::exists(tokenPath("missing")));
 
   // A token not marked sso never expires, whatever its time stamp says.
   Json::Value plain = tokenRecord("plain", "not-sso", "sam");
   plain["sso_validated_at"] = "2000-01-01T00:00:00Z";
   writeToken("plain", plain);
   EXPECT_TRUE(resolve("not-sso"));
-}
-
-TEST_F(IdentityTest, SsoTokenWithAnUnreadableTimeIsRefusedButKept) {
-  user("sam", "member");
-  ssoToken("words", "sso-words", "yesterday");
-  ssoToken("short", "sso-short", "2026-01-01T00:00");
-  ssoToken("blank", "sso-blank", "");
-  Json::Value missing = tokenRecord("missing", "sso-missing", "sam");
-  missing["sso"] = true;
-  writeToken("missing", missing);
-
-  for (const char* name : {"words", "short", "blank", "missing"}) {
-    EXPECT_FALSE(resolve(std::string("sso-") + name)) << name;
-    EXPECT_TRUE(std::filesystem::exists(tokenPath(name))) << name;
-  }
-}
-
-TEST_F(IdentityTest, SsoTokenWhoseTimeReadsButDoesNotConvertIsRemoved) {
-  user("sam", "member");
-  // Six numbers are read, but no calendar time has this month.
-  ssoToken("odd", "sso-odd", "2026--2147483648-01T00:00:00");
-  EXPECT_FALSE(resolveToken(data, "sso-odd", &index));
-  EXPECT_FALSE(std::filesystem::exists(tokenPath("odd")));
 }
 
 TEST_F(IdentityTest, CreateUserNeverReplacesARecord) {
