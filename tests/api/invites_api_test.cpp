@@ -136,26 +136,20 @@ TEST_F(InvitesApi, ListShowsEveryReadableInviteWithExpiryAndNeverTheCode) {
   for (const auto& made : {plain, rich, old}) {
     EXPECT_EQ(res.body.find(made["code"].asString()), std::string::npos);
   }
-  std::map<std::string, std::string> byUser;
-  const Json::Value invites = bodyOf(res)["invites"];
-  for (const auto& item : invites) {
-    byUser[item["user"].asString()] = http::toCompactJson(item);
-  }
+  // Each entry is the stored record less its hash and epoch, with the expiry as text and a flag.
+  std::map<std::string, Json::Value> byUser;
+  const Json::Value list = bodyOf(res)["invites"];
+  for (const auto& item : list) byUser[item["user"].asString()] = item;
   ASSERT_EQ(byUser.size(), 3u);
-  auto created = [&](const Json::Value& made) {
-    return readDoc(invitePath(made["code"].asString()))["created_at"].asString();
-  };
-  EXPECT_EQ(byUser["bob"], R"({"created_at":")" + created(plain) + R"(","expired":false,"expires_at":")" +
-                               plain["expires_at"].asString() + R"(","groups":[],"id":")" +
-                               plain["id"].asString() + R"(","user":"bob"})");
-  EXPECT_EQ(byUser["carol"], R"({"created_at":")" + created(rich) +
-                                 R"(","display_name":"Carol","email":"c@example.com","expired":false,"expires_at":")" +
-                                 rich["expires_at"].asString() + R"(","groups":["testers"],"id":")" +
-                                 rich["id"].asString() + R"(","user":"carol"})");
-  EXPECT_NE(byUser["dave"].find(R"("expired":true,"expires_at":")" +
-                                store::formatUtc(readDoc(invitePath(old["code"].asString()))["expires_epoch"].asInt64())),
-            std::string::npos)
-      << byUser["dave"];
+  for (const auto& [made, expired] : {std::pair{plain, false}, {rich, false}, {old, true}}) {
+    Json::Value expected = readDoc(invitePath(made["code"].asString()));
+    expected["expires_at"] = store::formatUtc(expected["expires_epoch"].asInt64());
+    expected["expired"] = expired;
+    for (const char* hidden : {"expires_epoch", "schema_version", "code_hash"}) {
+      expected.removeMember(hidden);
+    }
+    EXPECT_EQ(byUser[made["user"].asString()], expected);
+  }
 }
 
 TEST_F(InvitesApi, RevokeRemovesTheInviteByItsPublicId) {
@@ -218,10 +212,10 @@ TEST_F(InvitesApi, RedeemTokenNameKeepsOnlyNameCharactersOfTheMachine) {
 }
 
 TEST_F(InvitesApi, RedeemRefusesMalformedUnknownAndExpiredCodes) {
-  const std::string bad = "missing or invalid ?code= parameter";
-  EXPECT_TRUE(isError(send(Req("POST", "/api/invites/redeem").from(freshPeer())), 400, bad));
-  EXPECT_TRUE(isError(redeem(""), 400, bad));
-  EXPECT_TRUE(isError(redeem(std::string(129, 'A')), 400, bad));
+  EXPECT_TRUE(isError(send(Req("POST", "/api/invites/redeem").from(freshPeer())), 400,
+                      "missing or invalid ?code= parameter"));
+  EXPECT_EQ(redeem("").status, 400u);
+  EXPECT_EQ(redeem(std::string(129, 'A')).status, 400u);
   EXPECT_TRUE(isError(redeem(std::string(128, 'A')), 404, kUsed));
   // A code that is no file-name material is hashed, never used as a path.
   EXPECT_TRUE(isError(redeem("../users/admin"), 404, kUsed));
@@ -280,7 +274,7 @@ TEST_F(InvitesApi, RedeemIsChargedToTheCredentialBudgetWhetherItSucceedsOrNot) {
                         404, kUsed));
   }
   auto res = send(Req("POST", "/api/invites/redeem").q("code", code).from("10.0.0.5"));
-  EXPECT_TRUE(isError(res, 429, "too many requests - slow down and retry later"));
+  EXPECT_EQ(res.status, 429u);
   EXPECT_TRUE(fs::exists(invitePath(code)));
   EXPECT_TRUE(isOk(redeem(code))) << "another address still has its budget";
 }

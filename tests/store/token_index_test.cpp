@@ -94,7 +94,7 @@ TEST_F(TokenIndexTest, ADeletedTokenStopsAtOnce) {
   EXPECT_EQ(owner(b), "bob");
 }
 
-TEST_F(TokenIndexTest, ATokenFileReplacedUnderTheSameNameAnswersWithItsNewContent) {
+TEST_F(TokenIndexTest, ATokenFileRewrittenUnderTheSameNameAnswersWithItsNewContent) {
   const std::string oldText = mintToken(data, "t1", "alice");
   EXPECT_EQ(owner(oldText), "alice");
 
@@ -110,43 +110,33 @@ TEST_F(TokenIndexTest, ATokenFileReplacedUnderTheSameNameAnswersWithItsNewConten
   record["user"] = "alice";
   ASSERT_TRUE(writeJsonFile(tokenPath("t1"), record));
   EXPECT_EQ(owner("second-text"), "alice");
-}
 
-TEST_F(TokenIndexTest, ATokenFileRewrittenInPlaceInASettledDirectoryIsHonoured) {
-  const std::string oldText = mintToken(data, "t1", "alice");
+  // Rewriting an existing file in place leaves the directory's modification time alone.
   settleDirectory();
-  EXPECT_EQ(owner(oldText), "alice");
   EXPECT_EQ(owner("unknown"), "");
-
-  // Rewriting an existing file does not change the directory's modification time.
   writeInPlace("t1", "rewritten", "bob");
   EXPECT_EQ(owner("rewritten"), "bob");
-  EXPECT_EQ(owner(oldText), "");
+  EXPECT_EQ(owner("second-text"), "");
 }
 
-TEST_F(TokenIndexTest, ManyTokensEachResolveToTheirOwner) {
+TEST_F(TokenIndexTest, ManyTokensResolveAndASparseDeletionIsSeen) {
   constexpr int kTokens = 300;
   std::vector<std::string> texts;
   for (int i = 0; i < kTokens; ++i) {
     texts.push_back(mintToken(data, "t" + std::to_string(i), i % 2 ? "alice" : "bob"));
   }
   settleDirectory();
-  for (int i = 0; i < kTokens; ++i) {
-    auto resolved = resolveToken(data, texts[i], &index);
-    ASSERT_TRUE(resolved) << i;
-    EXPECT_EQ((*resolved)["name"], i % 2 ? "alice" : "bob");
-  }
   // The scan is quadratic over this set; compare it on a sample.
   for (int i = 0; i < kTokens; i += 30) EXPECT_EQ(owner(texts[i]), i % 2 ? "alice" : "bob");
-  EXPECT_EQ(owner("none-of-them"), "");
-
   for (int i = 0; i < kTokens; i += 3) ASSERT_TRUE(removeFile(tokenPath("t" + std::to_string(i))));
   for (int i = 0; i < kTokens; ++i) {
     EXPECT_EQ(resolveToken(data, texts[i], &index).has_value(), i % 3 != 0) << i;
   }
 }
 
-TEST_F(TokenIndexTest, StrayFilesInTheTokenDirectoryAreIgnored) {
+TEST_F(TokenIndexTest, StrayFilesAreIgnoredAndTheDirectoryMayAppearLater) {
+  fs::remove_all(data.tokens());
+  EXPECT_EQ(resolveToken(data, "anything", &index), std::nullopt);
   const std::string text = mintToken(data, "t1", "alice");
   ASSERT_TRUE(writeFileAtomic(tokenPath("junk"), "{\"token_hash\": 1"));
   ASSERT_TRUE(writeFileAtomic(tokenPath("nohash"), "{\"user\": \"alice\"}"));
@@ -154,13 +144,6 @@ TEST_F(TokenIndexTest, StrayFilesInTheTokenDirectoryAreIgnored) {
   fs::create_directory(data.tokens() / "sub.json");
   EXPECT_EQ(owner(text), "alice");
   EXPECT_EQ(owner("hello"), "");
-}
-
-TEST_F(TokenIndexTest, TheTokenDirectoryMayAppearLater) {
-  fs::remove_all(data.tokens());
-  EXPECT_EQ(resolveToken(data, "anything", &index), std::nullopt);
-  const std::string text = mintToken(data, "t1", "alice");
-  EXPECT_EQ(owner(text), "alice");
 }
 
 TEST_F(TokenIndexTest, ConcurrentLookupsWhileTokensComeAndGo) {
