@@ -47,6 +47,7 @@ struct ServerCore {
 namespace {
 
 constexpr std::size_t kDrainLimit = 1 << 20;
+constexpr std::size_t kBodyReadSize = 64 * 1024;
 constexpr std::chrono::seconds kDrainTime{2};
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
@@ -172,6 +173,9 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void readSomeBody() {
+    // Beast reads only into the buffer's free space; a streamed body empties the buffer after
+    // every read, so without room reserved a large upload arrives in 512-byte pieces.
+    if (buffer_.capacity() < kBodyReadSize) buffer_.reserve(kBodyReadSize);
     stream_.expires_after(core_.options.bodyIdleTimeout);
     auto onRead = [self = shared_from_this()](beast::error_code ec, std::size_t) {
       self->onBodyRead(ec);

@@ -1,7 +1,10 @@
 #include "store/token_index.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <system_error>
 
 #include "store/documents.h"
@@ -47,14 +50,59 @@ std::string storedHash(const fs::path& path) {
 
 }  // namespace
 
+TokenIndex::~TokenIndex() { closeWatch(); }
+
+void TokenIndex::closeWatch() {
+  if (watchFd_ >= 0) ::close(watchFd_);
+  watchFd_ = -1;
+}
+
+bool TokenIndex::provablyUnchanged(const fs::path& tokensDir) {
+  if (watchFd_ < 0) {
+    // Arm the watch before the next listing, so no change can fall between the two.
+    watchFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    constexpr std::uint32_t kChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                       IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF |
+                                       IN_MOVE_SELF;
+    if (watchFd_ >= 0 && ::inotify_add_watch(watchFd_, tokensDir.c_str(), kChanges) < 0) {
+      closeWatch();
+    }
+    return false;
+  }
+  bool changed = false;
+  alignas(inotify_event) char buffer[16 * 1024];
+  while (true) {
+    ssize_t n = ::read(watchFd_, buffer, sizeof buffer);
+    if (n > 0) {
+      changed = true;
+      // The directory itself went away or was replaced: watch it afresh next time.
+      for (char* p = buffer; p < buffer + n;) {
+        auto* event = reinterpret_cast<inotify_event*>(p);
+        if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_Q_OVERFLOW)) {
+          closeWatch();
+          return false;
+        }
+        p += sizeof(inotify_event) + event->len;
+      }
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) return !changed;
+    closeWatch();
+    return false;
+  }
+}
+
 std::optional<TokenFile> TokenIndex::find(const fs::path& tokensDir, const std::string& hash) {
   std::string name;
   {
     std::lock_guard lock(mutex_);
     if (dir_ != tokensDir) {
+      closeWatch();
       dir_ = tokensDir;
       byName_.clear();
       byHash_.clear();
+      refreshed_ = false;
     }
     if (auto hit = byHash_.find(hash); hit != byHash_.end()) name = hit->second;
   }
@@ -63,7 +111,11 @@ std::optional<TokenFile> TokenIndex::find(const fs::path& tokensDir, const std::
   }
   {
     std::lock_guard lock(mutex_);
-    refresh(tokensDir);
+    const bool unchanged = provablyUnchanged(tokensDir);
+    if (!(unchanged && refreshed_)) {
+      refresh(tokensDir);
+      refreshed_ = watchFd_ >= 0;
+    }
     auto hit = byHash_.find(hash);
     if (hit == byHash_.end()) return std::nullopt;
     name = hit->second;

@@ -1,12 +1,14 @@
 #pragma once
-// A cache from token hash to token file, so resolving a known token reads one file instead of
-// every token file.
+// A cache from token hash to token file, so resolving a token does not read every token file.
 //
 // It never answers from memory alone. A hit is confirmed by reading the one file it names. A miss
-// re-lists the token directory and re-reads only the files that are new or changed (by inode and
-// modification time) since they were last read; unchanged files are known without reading them.
-// So a token minted, deleted or edited by another process is honoured at the very next lookup,
-// exactly as a full scan would.
+// is trusted only when the kernel reported no change in the token directory since it was last
+// read (an inotify watch: the event is queued by the very call that changes the directory, so a
+// change made before a request is always seen by it). Otherwise the directory is re-listed and
+// only new or changed files (by inode, modification time and size) are read again. So a token
+// minted, deleted or edited by another process is honoured at the very next lookup, exactly as a
+// full scan would, while unknown tokens cost no directory scan. Without inotify every miss
+// re-lists the directory.
 //
 // Thread safety: all members may be called from any thread.
 
@@ -28,6 +30,11 @@ struct TokenFile {
 
 class TokenIndex {
  public:
+  TokenIndex() = default;
+  ~TokenIndex();
+  TokenIndex(const TokenIndex&) = delete;
+  TokenIndex& operator=(const TokenIndex&) = delete;
+
   // The first token file (in directory order) under `tokensDir` whose `token_hash` equals `hash`,
   // as just read, or nullopt when there is none.
   std::optional<TokenFile> find(const std::filesystem::path& tokensDir, const std::string& hash);
@@ -41,11 +48,17 @@ class TokenIndex {
   };
   // Re-lists the directory; reads only new or changed files.
   void refresh(const std::filesystem::path& tokensDir);
+  // True when the watch proves the directory unchanged since the last refresh. Consumes the
+  // pending change events; (re)arms the watch when needed.
+  bool provablyUnchanged(const std::filesystem::path& tokensDir);
+  void closeWatch();
 
   std::mutex mutex_;
   std::filesystem::path dir_;
   std::map<std::string, Entry> byName_;        // file name -> what it held when read
   std::map<std::string, std::string> byHash_;  // hash -> file name (first in directory order)
+  int watchFd_ = -1;                           // inotify instance watching dir_, or -1
+  bool refreshed_ = false;  // byName_ reflects the directory as of the watch's last drain
 };
 
 }  // namespace quill::store
