@@ -40,16 +40,6 @@ source "$HERE/lib.sh"
 FLOOD_FIRST=1000000
 PROBE_FIRST=0
 
-FAILURES=0
-# check <description> <expected> <actual>: prints PASS or FAIL.
-check() {
-  if [[ "$2" == "$3" ]]; then
-    echo "PASS  $1"
-  else
-    echo "FAIL  $1 (expected $2, got $3)"
-    FAILURES=$((FAILURES + 1))
-  fi
-}
 
 # Sends `total` requests to `url`, each from its own forwarded address, numbered from `first`,
 # with wrk's `threads` and `connections`; further arguments go to the wrk script (the pid to
@@ -97,10 +87,10 @@ check_bound() {
   local base=$1 url=$1/api/builds probe=192.0.2.2 statuses start
   start=$(date +%s%N)
   statuses=$(for _ in 1 2 3 4 5 6; do redeem_status "$base" "$probe"; echo; done | tr '\n' ' ')
-  check "an address spends its 5 credential attempts, the 6th is refused" 429 \
+  check_equal "an address spends its 5 credential attempts, the 6th is refused" 429 \
     "$(awk '{ print ($5 != 429 && $6 == 429) ? 429 : $0 }' <<<"$statuses")"
   flood "$url" $((TABLE_SIZE - 1)) "$PROBE_FIRST" 2 2
-  check "... and is still refused after $((TABLE_SIZE - 1)) newer addresses" 429 \
+  check_equal "... and is still refused after $((TABLE_SIZE - 1)) newer addresses" 429 \
     "$(redeem_status "$base" "$probe")"
   flood "$url" "$TABLE_SIZE" $((PROBE_FIRST + TABLE_SIZE)) 2 2
   local forgotten elapsed
@@ -111,7 +101,7 @@ check_bound() {
     echo "SKIP  ... forgotten after $TABLE_SIZE more: the checks took ${elapsed} ms"
     return 0
   fi
-  check "... and forgotten after $TABLE_SIZE more (the table holds $TABLE_SIZE clients)" \
+  check_equal "... and forgotten after $TABLE_SIZE more (the table holds $TABLE_SIZE clients)" \
     "not 429" "$([[ $forgotten == 429 ]] && echo 429 || echo "not 429")"
 }
 
@@ -121,9 +111,9 @@ check_anonymous_budget() {
   for _ in $(seq 31); do args+=(-o /dev/null "$url"); done
   answers=$(curl -s -w '%{http_code} %header{retry-after}\n' -H 'X-Forwarded-For: 192.0.2.1' \
     "${args[@]}")
-  check "one forwarded address gets 30 anonymous answers (401)" 30 \
+  check_equal "one forwarded address gets 30 anonymous answers (401)" 30 \
     "$(head -30 <<<"$answers" | grep -c '^401 $')"
-  check "... then 429 with Retry-After" yes \
+  check_equal "... then 429 with Retry-After" yes \
     "$(tail -1 <<<"$answers" | awk '$1 == 429 && $2 >= 1 { print "yes"; exit } { print }')"
 }
 
@@ -179,12 +169,12 @@ main() {
   [[ -n "$first_sample" ]] || die "no memory samples were taken"
   echo "growth from the first sample to the highest later figure: $((most - first_sample)) KiB"
   echo
-  check "every flood request answered 401 (each address had a fresh budget)" "only 401" \
+  check_equal "every flood request answered 401 (each address had a fresh budget)" "only 401" \
     "$(awk -v n="$TOTAL" '$1 == "statuses:" {
          print (NF == 2 && $2 ~ /^401=/ && substr($2, 5) >= n) ? "only 401" : $0 }' \
       "$WORK/flood.out")"
   local growth=$((most - first_sample))
-  check "resident memory flat through the flood (growth <= $MAX_GROWTH_KIB KiB)" yes \
+  check_equal "resident memory flat through the flood (growth <= $MAX_GROWTH_KIB KiB)" yes \
     "$( ((growth <= MAX_GROWTH_KIB)) && echo yes || echo "no, $growth KiB")"
   check_bound "$base"
   check_anonymous_budget "$base"

@@ -278,3 +278,23 @@ install_cleanup() {
   trap cleanup EXIT
   trap 'exit 130' INT TERM
 }
+
+# Checks shared by the scripts that verify behaviour as well as measure it.
+FAILURES=0
+# check_equal <description> <expected> <actual>: prints PASS or FAIL, counting failures.
+check_equal() {
+  if [[ "$2" == "$3" ]]; then
+    echo "PASS  $1"
+  else
+    echo "FAIL  $1 (expected $2, got $3)"
+    FAILURES=$((FAILURES + 1))
+  fi
+}
+
+FAILED=0
+# check_command <description> <command...>: prints ok or FAIL by the command's status.
+check_command() {
+  local what=$1
+  shift
+  if "$@"; then echo "ok    $what"; else echo "FAIL  $what"; FAILED=1; fi
+}

@@ -15,12 +15,6 @@ BENCH_NAME=load-scripts-test
 source "$HERE/lib.sh"
 set +e
 
-FAILED=0
-check() {  # check <description> <command...>
-  local what=$1
-  shift
-  if "$@"; then echo "ok    $what"; else echo "FAIL  $what"; FAILED=1; fi
-}
 
 SCRATCH=$(mktemp -d /tmp/load-scripts-test.XXXXXX)
 chmod 755 "$SCRATCH"
@@ -33,18 +27,18 @@ REPORT='  2 threads and 64 connections
   1000 requests in 1.00s, 1.00MB read
   Non-2xx or 3xx responses: 1000
 Requests/sec:   1000.00'
-check "wrk_rate --any-status takes a report of error answers" \
+check_command "wrk_rate --any-status takes a report of error answers" \
   [ "$(wrk_rate --any-status <<<"$REPORT")" = 1000.00 ]
-check "... but not one with socket errors" \
+check_command "... but not one with socket errors" \
   bash -c "source '$HERE/lib.sh'; ! wrk_rate --any-status <<<\"\$1\"" _ \
   "$REPORT"$'\n''  Socket errors: connect 0, read 0, write 0, timeout 3'
-check "proc_kib reads this shell's VmRSS and VmHWM" \
+check_command "proc_kib reads this shell's VmRSS and VmHWM" \
   bash -c "source '$HERE/lib.sh'
            r=\$(proc_kib $$ VmRSS) && h=\$(proc_kib $$ VmHWM) && ((r > 0 && h >= r))"
 sleep 0 &
 GONE=$!
 wait "$GONE"
-check "proc_kib fails for a process that is gone" \
+check_command "proc_kib fails for a process that is gone" \
   bash -c "source '$HERE/lib.sh'; ! proc_kib $GONE VmRSS"
 
 # --- token records --------------------------------------------------------------------------------
@@ -56,7 +50,7 @@ check "proc_kib fails for a process that is gone" \
   mkdir -p "$SCRATCH/data"
   write_token_files "$SCRATCH/data" alice "$SCRATCH/texts"
 )
-check "2500 token texts of 48 letters and digits, all different" \
+check_command "2500 token texts of 48 letters and digits, all different" \
   bash -c '[ "$(grep -cE "^[A-Za-z0-9]{48}$" "$1")" = 2500 ] &&
            [ "$(sort -u "$1" | wc -l)" = 2500 ]' _ "$SCRATCH/texts"
 # b3sum gets the texts in several batches (xargs); a shifted batch would pair hashes wrongly.
@@ -67,12 +61,12 @@ record_matches() {  # record_matches <line number>
   grep -q "\"name\":\"bulk-$(printf %05d "$1")\".*\"token_hash\":\"$hash\",\"user\":\"alice\"" \
     "$SCRATCH/data/tokens/bulk-$(printf %05d "$1").json"
 }
-check "records 1, 1250 and 2500 hold the BLAKE3 of their own token" \
+check_command "records 1, 1250 and 2500 hold the BLAKE3 of their own token" \
   bash -c "$(declare -f record_matches); SCRATCH='$SCRATCH'
            record_matches 1 && record_matches 1250 && record_matches 2500"
-check "one record per token, and nothing else in tokens/" \
+check_command "one record per token, and nothing else in tokens/" \
   [ "$(find "$SCRATCH/data/tokens" -type f | wc -l)" = 2500 ]
-check "every record is a JSON object" \
+check_command "every record is a JSON object" \
   python3 -c 'import json, sys, glob
 for f in glob.glob(sys.argv[1] + "/*.json"): assert isinstance(json.load(open(f)), dict)' \
   "$SCRATCH/data/tokens"
@@ -120,12 +114,12 @@ addresses() {
     printf "10.%d.%d.%d\n", int(i / 65536) % 256, int(i / 256) % 256, i % 256 }' | sort
 }
 SEEN=$(flood_seen 1001 70000 3 3)
-check "one connection per thread: exactly the 1001 addresses, each once (uneven shares)" \
+check_command "one connection per thread: exactly the 1001 addresses, each once (uneven shares)" \
   [ "$(sort <<<"$SEEN")" = "$(addresses 70000 1001)" ]
 SEEN=$(flood_seen 1000 5 2 16)
-check "16 connections: every address of the range, nothing outside it" \
+check_command "16 connections: every address of the range, nothing outside it" \
   [ "$(sort -u <<<"$SEEN")" = "$(addresses 5 1000)" ]
-check "... and only a few repeats beyond the total" \
+check_command "... and only a few repeats beyond the total" \
   bash -c '(( $(wc -l <<<"$1") >= 1000 && $(wc -l <<<"$1") <= 1016 ))' _ "$SEEN"
 kill "$STAND_IN"
 wait "$STAND_IN" 2>/dev/null
@@ -143,34 +137,34 @@ nothing_left() {
 in_runs() { TMPDIR=$SCRATCH/runs "$@"; }
 
 OUT=$(in_runs env DURATION=1s ROUNDS=1 WARMUP=1s MANY=200 "$HERE/token-index.sh" 2>&1)
-check "token-index: a short run ends well" [ $? -eq 0 ]
-check "... with a ratio, a target and every correctness check passed" \
+check_command "token-index: a short run ends well" [ $? -eq 0 ]
+check_command "... with a ratio, a target and every correctness check passed" \
   bash -c 'grep -q "^ratio 200 tokens / 10 tokens: [0-9.]*  target >= 0.9" <<<"$1" &&
            [ "$(grep -c "^PASS" <<<"$1")" = 7 ] && ! grep -q "^FAIL" <<<"$1"' _ "$OUT"
-check "... and leaves nothing behind" nothing_left
+check_command "... and leaves nothing behind" nothing_left
 
 OUT=$(in_runs env TOTAL=20000 "$HERE/forwarded-flood.sh" 2>&1)
-check "forwarded-flood: a short run passes every check" \
+check_command "forwarded-flood: a short run passes every check" \
   bash -c '[ "$2" -eq 0 ] && [ "$(grep -c "^PASS" <<<"$1")" = 7 ]' _ "$OUT" $?
-check "... samples memory every 10000 requests" \
+check_command "... samples memory every 10000 requests" \
   [ "$(grep -c "after ~[0-9]* *VmRSS" <<<"$OUT")" = 2 ]
-check "... and leaves nothing behind" nothing_left
+check_command "... and leaves nothing behind" nothing_left
 
 OUT=$(in_runs env TOTAL=10000 QUILL_ARGS="--rate-limit off" "$HERE/forwarded-flood.sh" 2>&1)
-check "forwarded-flood: a server that does not limit fails the run" [ $? -ne 0 ]
-check "... on the table bound and the anonymous budget" \
+check_command "forwarded-flood: a server that does not limit fails the run" [ $? -ne 0 ]
+check_command "... on the table bound and the anonymous budget" \
   bash -c 'grep -q "^FAIL  an address spends its 5 credential" <<<"$1" &&
            grep -q "^FAIL  \.\.\. then 429 with Retry-After" <<<"$1"' _ "$OUT"
 
 OUT=$(in_runs env SIZE_MIB=16 ROUNDS=1 "$HERE/transfer.sh" 2>&1)
-check "transfer: a short run ends well with all three results" \
+check_command "transfer: a short run ends well with all three results" \
   bash -c '[ "$2" -eq 0 ] && grep -q "^(a) download ratio quillmoord/nginx: [0-9.]*" <<<"$1" &&
            grep -q "^(b) upload ratio quillmoord/cp: [0-9.]*" <<<"$1" &&
            grep -q "peak under 100 MiB: met" <<<"$1"' _ "$OUT" $?
-check "... and leaves nothing behind" nothing_left
+check_command "... and leaves nothing behind" nothing_left
 
 TMPDIR=/dev/shm "$HERE/transfer.sh" >"$SCRATCH/out" 2>&1
-check "transfer refuses a tmpfs" bash -c '[ "$1" -ne 0 ] && grep -q tmpfs "$2"' _ $? "$SCRATCH/out"
+check_command "transfer refuses a tmpfs" bash -c '[ "$1" -ne 0 ] && grep -q tmpfs "$2"' _ $? "$SCRATCH/out"
 
 TMPDIR=$SCRATCH/runs SIZE_MIB=256 ROUNDS=3 "$HERE/transfer.sh" >/dev/null 2>&1 &
 RUN=$!
@@ -178,6 +172,6 @@ for _ in $(seq 100); do pgrep -f "$SCRATCH/runs/.*nginx" >/dev/null && break; sl
 kill -TERM "$RUN"
 wait "$RUN"
 sleep 0.5
-check "an interrupted transfer run leaves nothing behind" nothing_left
+check_command "an interrupted transfer run leaves nothing behind" nothing_left
 
 exit "$FAILED"

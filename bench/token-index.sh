@@ -83,45 +83,35 @@ status_of() {
     "http://127.0.0.1:$port$path"
 }
 
-FAILURES=0
-# check <description> <expected> <actual>: prints PASS or FAIL.
-check() {
-  if [[ "$2" == "$3" ]]; then
-    echo "PASS  $1"
-  else
-    echo "FAIL  $1 (expected $2, got $3)"
-    FAILURES=$((FAILURES + 1))
-  fi
-}
 
 # Offline changes against a running server whose index is warm, each seen at the very next request.
 check_offline_changes() {
   local data=$1 port=$2 admin=$3 fresh old renewed bob
   fresh=$(mint "$data" fresh alice)
-  check "a token minted while the server runs works at the very next request" \
+  check_equal "a token minted while the server runs works at the very next request" \
     200 "$(status_of "$port" /api/me "$fresh")"
   "$QUILL" token delete fresh --data-dir "$data" >/dev/null
-  check "a deleted token is refused at the very next request" \
+  check_equal "a deleted token is refused at the very next request" \
     401 "$(status_of "$port" /api/me "$fresh")"
 
   old=$(mint "$data" renewed alice)
   status_of "$port" /api/me "$old" >/dev/null
   "$QUILL" token delete renewed --data-dir "$data" >/dev/null
   renewed=$(mint "$data" renewed alice)
-  check "a name minted anew: the old token is refused" 401 "$(status_of "$port" /api/me "$old")"
-  check "a name minted anew: the new token works" 200 "$(status_of "$port" /api/me "$renewed")"
+  check_equal "a name minted anew: the old token is refused" 401 "$(status_of "$port" /api/me "$old")"
+  check_equal "a name minted anew: the new token works" 200 "$(status_of "$port" /api/me "$renewed")"
 
   "$QUILL" user create bob --data-dir "$data" >/dev/null
   bob=$(mint "$data" bob-laptop bob)
-  check "a user created while the server runs can use a fresh token" \
+  check_equal "a user created while the server runs can use a fresh token" \
     200 "$(status_of "$port" /api/me "$bob")"
   curl -fsS -o /dev/null -X POST -H "Authorization: Bearer $admin" \
     "http://127.0.0.1:$port/api/users/bob/disabled?value=true"
-  check "a disabled user's token is refused at the very next request" \
+  check_equal "a disabled user's token is refused at the very next request" \
     401 "$(status_of "$port" /api/me "$bob")"
   curl -fsS -o /dev/null -X POST -H "Authorization: Bearer $admin" \
     "http://127.0.0.1:$port/api/users/bob/disabled?value=false"
-  check "... and works again once the user is enabled" 200 "$(status_of "$port" /api/me "$bob")"
+  check_equal "... and works again once the user is enabled" 200 "$(status_of "$port" /api/me "$bob")"
 }
 
 # The number of tokens in data directory `label` (few or many).

@@ -11,12 +11,6 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$HERE/version-vs-nginx.sh"
 set +e
 
-FAILED=0
-check() {  # check <description> <command...>
-  local what=$1
-  shift
-  if "$@"; then echo "ok    $what"; else echo "FAIL  $what"; FAILED=1; fi
-}
 
 SCRATCH=$(mktemp -d /tmp/version-vs-nginx-test.XXXXXX)
 chmod 755 "$SCRATCH"
@@ -29,19 +23,19 @@ CLEAN='Running 10s test @ http://127.0.0.1:1/api/version
 Requests/sec:  42133.70
 Transfer/sec:      6.99MB'
 export -f wrk_rate
-check "rate of a clean report" [ "$(wrk_rate <<<"$CLEAN")" = 42133.70 ]
-check "request count of a clean report" [ "$(wrk_requests <<<"$CLEAN")" = 421337 ]
-check "a report with error answers is refused" \
+check_command "rate of a clean report" [ "$(wrk_rate <<<"$CLEAN")" = 42133.70 ]
+check_command "request count of a clean report" [ "$(wrk_requests <<<"$CLEAN")" = 421337 ]
+check_command "a report with error answers is refused" \
   bash -c '! wrk_rate <<<"$1"' _ "$CLEAN"$'\n''  Non-2xx or 3xx responses: 12'
-check "a report with socket errors is refused" \
+check_command "a report with socket errors is refused" \
   bash -c '! wrk_rate <<<"$1"' _ "$CLEAN"$'\n''  Socket errors: connect 0, read 3, write 0, timeout 0'
-check "a report without a rate is refused" bash -c '! wrk_rate <<<"unable to connect"'
+check_command "a report without a rate is refused" bash -c '! wrk_rate <<<"unable to connect"'
 
 # --- arithmetic -----------------------------------------------------------------------------------
-check "median of an odd count, unsorted" [ "$(median 30 10 20)" = 20 ]
-check "median of an even count is the middle mean" [ "$(median 40000 10 50000 90000)" = 45000 ]
-check "median_float keeps a decimal" [ "$(median_float 12.25 12.75)" = 12.5 ]
-check "median of nothing fails" bash -c "source '$HERE/version-vs-nginx.sh'; ! median >/dev/null"
+check_command "median of an odd count, unsorted" [ "$(median 30 10 20)" = 20 ]
+check_command "median of an even count is the middle mean" [ "$(median 40000 10 50000 90000)" = 45000 ]
+check_command "median_float keeps a decimal" [ "$(median_float 12.25 12.75)" = 12.5 ]
+check_command "median of nothing fails" bash -c "source '$HERE/version-vs-nginx.sh'; ! median >/dev/null"
 
 # A process whose name holds ") " must not shift the fields cpu_ticks reads.
 bash -c 'echo "x) 1 2 3" >/proc/self/comm; while :; do :; done' &
@@ -50,25 +44,25 @@ sleep 0.5
 TICKS=$(cpu_ticks "$BUSY")
 kill "$BUSY"
 wait "$BUSY"
-check "cpu_ticks reads a busy process with an awkward name ($TICKS ticks)" \
+check_command "cpu_ticks reads a busy process with an awkward name ($TICKS ticks)" \
   test "$TICKS" -ge 1 -a "$TICKS" -le "$(getconf CLK_TCK)"
-check "cpu_ticks ignores processes that are gone" [ "$(cpu_ticks "$BUSY")" = 0 ]
+check_command "cpu_ticks ignores processes that are gone" [ "$(cpu_ticks "$BUSY")" = 0 ]
 
 # --- nginx configuration --------------------------------------------------------------------------
 mkdir -p "$SCRATCH/www/api"
 printf '{"a":1}' >"$SCRATCH/www/api/version"
 PORT=$(free_port)
 write_nginx_conf "$SCRATCH" "$SCRATCH/www" "$PORT" >"$SCRATCH/nginx.conf"
-check "nginx accepts the configuration" \
+check_command "nginx accepts the configuration" \
   "$NGINX" -t -q -p "$SCRATCH" -c "$SCRATCH/nginx.conf" -e "$SCRATCH/error.log"
 "$NGINX" -p "$SCRATCH" -c "$SCRATCH/nginx.conf" -e "$SCRATCH/error.log" &
 NGINX_PID=$!
 wait_ready "http://127.0.0.1:$PORT/api/version" "$NGINX_PID" "$SCRATCH/error.log"
 HEAD=$(curl -fsS -D - -o "$SCRATCH/got" "http://127.0.0.1:$PORT/api/version")
-check "nginx serves the same bytes" cmp -s "$SCRATCH/got" "$SCRATCH/www/api/version"
-check "nginx labels them as the server does" \
+check_command "nginx serves the same bytes" cmp -s "$SCRATCH/got" "$SCRATCH/www/api/version"
+check_command "nginx labels them as the server does" \
   grep -qi '^content-type: application/json; charset=utf-8' <<<"$HEAD"
-check "nginx keeps the connection alive" bash -c '! grep -qi "^connection: close" <<<"$1"' _ "$HEAD"
+check_command "nginx keeps the connection alive" bash -c '! grep -qi "^connection: close" <<<"$1"' _ "$HEAD"
 kill "$NGINX_PID"
 wait "$NGINX_PID"
 
@@ -108,21 +102,21 @@ run() {
 }
 
 OUT=$(run 2>&1)
-check "a whole run ends well" [ $? -eq 0 ]
-check "a whole run prints both medians and the ratio" \
+check_command "a whole run ends well" [ $? -eq 0 ]
+check_command "a whole run prints both medians and the ratio" \
   bash -c 'grep -q "^nginx *median" <<<"$1" && grep -q "^quillmoord *median" <<<"$1" &&
            grep -q "^ratio quillmoord/nginx: [0-9.]* (medians)" <<<"$1"' _ "$OUT"
-check "a whole run predicts the ratio from CPU time" \
+check_command "a whole run predicts the ratio from CPU time" \
   grep -q "^ratio predicted from CPU per request (server + wrk): [0-9.]*$" <<<"$OUT"
-check "every round charges CPU time to both the server and wrk" \
+check_command "every round charges CPU time to both the server and wrk" \
   bash -c '[ "$(grep -c "^round" <<<"$1")" = 4 ] &&
            ! grep "^round" <<<"$1" | grep -q " 0\.0 us"' _ "$OUT"
-check "a whole run leaves nothing behind" nothing_left
+check_command "a whole run leaves nothing behind" nothing_left
 
 OUT=$(VARY=1 run 2>&1)
-check "differing bodies stop the run" [ $? -ne 0 ]
-check "... saying why" grep -q "different bodies" <<<"$OUT"
-check "a stopped run leaves nothing behind" nothing_left
+check_command "differing bodies stop the run" [ $? -ne 0 ]
+check_command "... saying why" grep -q "different bodies" <<<"$OUT"
+check_command "a stopped run leaves nothing behind" nothing_left
 
 TMPDIR=$SCRATCH/runs QUILL_BIN=$SCRATCH/stand-in DURATION=20s "$HERE/version-vs-nginx.sh" \
   >/dev/null 2>&1 &
@@ -131,6 +125,6 @@ for _ in $(seq 50); do pgrep -f "wrk .*-d20s" >/dev/null && break; sleep 0.2; do
 kill -TERM "$RUN"
 wait "$RUN"
 sleep 0.3
-check "an interrupted run leaves nothing behind" nothing_left
+check_command "an interrupted run leaves nothing behind" nothing_left
 
 exit "$FAILED"
