@@ -1,6 +1,6 @@
 #include "api/access_requests.h"
 
-#include "api/caller.h"
+#include "handler/caller.h"
 #include "api/invites.h"
 #include "store/documents.h"
 #include "store/invites.h"
@@ -69,9 +69,9 @@ Response submitAccessRequest(const Request& req, Context& ctx) {
 }
 
 Response listAccessRequests(const Request& req, Context& ctx) {
-  auto caller = lookupCaller(req, ctx);
+  auto caller = handler::lookupCaller(req, ctx);
   if (!caller || store::textOf(*caller, "role") != "admin") {
-    return http::errorResponse(403, kAdminOnly);
+    return http::errorResponse(403, handler::kAdminOnly);
   }
   Json::Value items(Json::arrayValue);
   for (const auto& [path, record] : store::listJsonDir(ctx.data.accessRequests())) {

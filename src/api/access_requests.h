@@ -2,9 +2,12 @@
 // Access requests: a person without an account leaves a name and an address; an admin approves
 // the request into an invite, or declines it. At most 50 wait at once.
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::api {
+
+using http::Request;
+using http::Response;
 
 Response submitAccessRequest(const Request& req, Context& ctx);   // POST /api/access-requests
 Response listAccessRequests(const Request& req, Context& ctx);    // GET /api/access-requests

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "api/caller.h"
+#include "handler/caller.h"
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/users.h"
@@ -31,16 +31,16 @@ bool hasGroup(const Json::Value& user, const std::string& group) {
 enum class ListChange { Add, Remove };
 
 Response changeChannels(const Request& req, Context& ctx, ListChange change) {
-  if (auto refusal = refuseInvalidName(req.segment(), text::kInvalidGroup)) return *refusal;
-  auto channel = nameParam(req, "channel");
+  if (auto refusal = handler::refuseInvalidName(req.segment(), text::kInvalidGroup)) return *refusal;
+  auto channel = handler::nameParam(req, "channel");
   if (!channel) return http::errorResponse(400, text::kBadChannelParam);
   auto group = store::findGroup(ctx.data, req.segment());
   if (!group) return http::errorResponse(404, text::kGroupNotFound);
   if (change == ListChange::Add) {
-    if (!channelExists(ctx, *channel)) return http::errorResponse(404, text::kNoChannel);
-    appendUnique((*group)["channels"], *channel);
+    if (!handler::channelExists(ctx, *channel)) return http::errorResponse(404, text::kNoChannel);
+    handler::appendUnique((*group)["channels"], *channel);
   } else {
-    removeAll((*group)["channels"], *channel);
+    handler::removeAll((*group)["channels"], *channel);
   }
   if (!store::saveGroup(ctx.data, *group)) return http::errorResponse(500, text::kUpdateFailed);
   return http::jsonResponse(*group);
@@ -72,7 +72,7 @@ Response listGroups(const Request&, Context& ctx) {
 
 Response createGroup(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
-  if (auto refusal = refuseInvalidName(name, text::kInvalidGroup)) return *refusal;
+  if (auto refusal = handler::refuseInvalidName(name, text::kInvalidGroup)) return *refusal;
   std::error_code ec;
   if (std::filesystem::exists(store::DataDir::recordPath(ctx.data.groups(), name), ec)) {
     return http::errorResponse(409, text::kGroupExists);
@@ -84,12 +84,12 @@ Response createGroup(const Request& req, Context& ctx) {
 
 Response deleteGroup(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
-  if (auto refusal = refuseInvalidName(name, text::kInvalidGroup)) return *refusal;
+  if (auto refusal = handler::refuseInvalidName(name, text::kInvalidGroup)) return *refusal;
   if (!store::findGroup(ctx.data, name)) return http::errorResponse(404, text::kGroupNotFound);
   int removed = 0;
   for (auto user : store::listUsers(ctx.data)) {
     if (!hasGroup(user, name)) continue;
-    removeAll(user["groups"], name);
+    handler::removeAll(user["groups"], name);
     store::saveUser(ctx.data, user);  // counted whatever the write's outcome
     ++removed;
   }
@@ -109,8 +109,8 @@ Response unassignGroupChannel(const Request& req, Context& ctx) {
 }
 
 Response me(const Request& req, Context& ctx) {
-  auto caller = lookupCaller(req, ctx);
-  if (!caller) return http::errorResponse(401, kMissingToken);
+  auto caller = handler::lookupCaller(req, ctx);
+  if (!caller) return http::errorResponse(401, handler::kMissingToken);
   Json::Value doc(Json::objectValue);
   doc["schema_version"] = 1;
   doc["name"] = (*caller)["name"];

@@ -2,9 +2,12 @@
 // The groups API and the caller's own identity. Groups bundle channels; membership is stored on
 // the users, so member lists are computed by reading every user record.
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::api {
+
+using http::Request;
+using http::Response;
 
 Response listGroups(const Request& req, Context& ctx);            // GET /api/groups
 Response createGroup(const Request& req, Context& ctx);           // POST /api/groups/{name}

@@ -63,9 +63,9 @@ Json::Value getOrCreateInvitedUser(Context& ctx, const Json::Value& invite) {
 
 }  // namespace
 
-OrError<InviteTerms> inviteTerms(const Request& req, Context& ctx) {
+handler::OrError<InviteTerms> inviteTerms(const Request& req, Context& ctx) {
   InviteTerms terms;
-  terms.groups = splitList(req.param("groups").value_or(""));
+  terms.groups = handler::splitList(req.param("groups").value_or(""));
   for (const auto& group : terms.groups) {
     if (!store::isValidName(group)) return http::errorResponse(400, text::kBadGroup);
   }
@@ -81,7 +81,7 @@ OrError<InviteTerms> inviteTerms(const Request& req, Context& ctx) {
 }
 
 Response mintInvite(const Request& req, Context& ctx) {
-  auto user = nameParam(req, "user");
+  auto user = handler::nameParam(req, "user");
   if (!user) return http::errorResponse(400, text::kBadUser);
   if (auto existing = store::findUser(ctx.data, *user);
       existing && store::flagOf(*existing, "service")) {
@@ -123,7 +123,7 @@ Response listInvites(const Request&, Context& ctx) {
 
 Response revokeInvite(const Request& req, Context& ctx) {
   const std::string& id = req.segment();
-  if (auto refusal = refuseInvalidName(id, text::kBadId)) return *refusal;
+  if (auto refusal = handler::refuseInvalidName(id, text::kBadId)) return *refusal;
   for (const auto& [path, record] : store::listJsonDir(ctx.data.invites())) {
     if (store::textOf(record, "id") != id) continue;
     store::removeFile(path);
@@ -154,7 +154,7 @@ Response redeemInvite(const Request& req, Context& ctx) {
   if (store::flagOf(user, "disabled")) return http::errorResponse(403, text::kDisabled);
   bool joined = false;
   for (const auto& group : store::stringsOf(invite, "groups")) {
-    joined = appendUnique(user["groups"], group) || joined;
+    joined = handler::appendUnique(user["groups"], group) || joined;
   }
   if (joined && !store::saveUser(ctx.data, user)) {
     return http::errorResponse(500, text::kUserWriteFailed);

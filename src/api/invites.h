@@ -4,9 +4,12 @@
 
 #include <cstdint>
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::api {
+
+using http::Request;
+using http::Response;
 
 Response mintInvite(const Request& req, Context& ctx);    // POST /api/invites
 Response listInvites(const Request& req, Context& ctx);   // GET /api/invites
@@ -19,6 +22,6 @@ struct InviteTerms {
   std::vector<std::string> groups;
   std::int64_t lifetimeSeconds = 0;
 };
-OrError<InviteTerms> inviteTerms(const Request& req, Context& ctx);
+handler::OrError<InviteTerms> inviteTerms(const Request& req, Context& ctx);
 
 }  // namespace quill::api

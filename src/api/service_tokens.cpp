@@ -24,7 +24,7 @@ Response mintServiceToken(const Request& req, Context& ctx) {
   if (!store::flagOf(std::get<Json::Value>(found), "service")) {
     return http::errorResponse(400, text::kNotService);
   }
-  auto tokenName = nameParam(req, "name");
+  auto tokenName = handler::nameParam(req, "name");
   if (!tokenName) return http::errorResponse(400, text::kBadTokenName);
   std::error_code ec;
   if (std::filesystem::exists(store::DataDir::recordPath(ctx.data.tokens(), *tokenName), ec)) {

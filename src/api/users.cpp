@@ -63,28 +63,28 @@ enum class ListChange { Add, Remove };
 
 Response changeMembership(const Request& req, Context& ctx, const char* member, const char* param,
                           const char* badParam, ListChange change) {
-  if (auto refusal = refuseInvalidName(req.segment(), text::kInvalidUser)) return *refusal;
-  auto item = nameParam(req, param);
+  if (auto refusal = handler::refuseInvalidName(req.segment(), text::kInvalidUser)) return *refusal;
+  auto item = handler::nameParam(req, param);
   if (!item) return http::errorResponse(400, badParam);
   auto user = store::findUser(ctx.data, req.segment());
   if (!user) return http::errorResponse(404, text::kUserNotFound);
   if (change == ListChange::Remove) {
     if (!(*user)[member].isArray()) (*user)[member] = Json::Value(Json::arrayValue);
-    removeAll((*user)[member], *item);
+    handler::removeAll((*user)[member], *item);
     return saved(ctx, *user);
   }
   const bool isGroup = std::string_view(member) == "groups";
   const bool exists =
-      isGroup ? store::findGroup(ctx.data, *item).has_value() : channelExists(ctx, *item);
+      isGroup ? store::findGroup(ctx.data, *item).has_value() : handler::channelExists(ctx, *item);
   if (!exists) return http::errorResponse(404, isGroup ? text::kNoGroup : text::kNoChannel);
-  appendUnique((*user)[member], *item);
+  handler::appendUnique((*user)[member], *item);
   return saved(ctx, *user);
 }
 
 }  // namespace
 
-OrError<Json::Value> pathUser(const Request& req, Context& ctx) {
-  if (auto refusal = refuseInvalidName(req.segment(), text::kInvalidUser)) return *refusal;
+handler::OrError<Json::Value> pathUser(const Request& req, Context& ctx) {
+  if (auto refusal = handler::refuseInvalidName(req.segment(), text::kInvalidUser)) return *refusal;
   auto user = store::findUser(ctx.data, req.segment());
   if (!user) return http::errorResponse(404, text::kUserNotFound);
   return *user;
@@ -101,7 +101,7 @@ Response listUsers(const Request&, Context& ctx) {
 
 Response createUser(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
-  if (auto refusal = refuseInvalidName(name, text::kInvalidUser)) return *refusal;
+  if (auto refusal = handler::refuseInvalidName(name, text::kInvalidUser)) return *refusal;
   std::string role(req.param("role").value_or(""));
   if (role.empty()) role = "member";
   if (!isRole(role)) return http::errorResponse(400, text::kBadRole);
@@ -112,7 +112,7 @@ Response createUser(const Request& req, Context& ctx) {
   std::string_view channels = req.param("channels").value_or("");
   if (!channels.empty()) {
     if (role != "publisher") return http::errorResponse(400, text::kChannelsNeedPublisher);
-    auto list = checkedChannelList(ctx, channels);
+    auto list = handler::checkedChannelList(ctx, channels);
     if (auto* refusal = std::get_if<Response>(&list)) return std::move(*refusal);
     user.channels = std::get<std::vector<std::string>>(std::move(list));
   }
@@ -185,7 +185,7 @@ Response setUserDisabled(const Request& req, Context& ctx) {
 
 Response setUserRole(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
-  if (auto refusal = refuseInvalidName(name, text::kInvalidUser)) return *refusal;
+  if (auto refusal = handler::refuseInvalidName(name, text::kInvalidUser)) return *refusal;
   const std::string value(req.param("value").value_or(""));
   if (!isRole(value)) return http::errorResponse(400, text::kBadRoleValue);
   std::string_view channels = req.param("channels").value_or("");
@@ -209,7 +209,7 @@ Response setUserRole(const Request& req, Context& ctx) {
     return saved(ctx, *user);
   }
   if (!channels.empty()) {
-    auto list = checkedChannelList(ctx, channels);
+    auto list = handler::checkedChannelList(ctx, channels);
     if (auto* refusal = std::get_if<Response>(&list)) return std::move(*refusal);
     Json::Value allowList(Json::arrayValue);
     for (const auto& channel : std::get<std::vector<std::string>>(list)) allowList.append(channel);

@@ -3,9 +3,12 @@
 // profile. Everything but the listing is for admins (the gate enforces it). All parameters are
 // query parameters; no body is read.
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::api {
+
+using http::Request;
+using http::Response;
 
 Response listUsers(const Request& req, Context& ctx);            // GET /api/users
 Response createUser(const Request& req, Context& ctx);           // POST /api/users/{name}
@@ -20,6 +23,6 @@ Response setUserProfile(const Request& req, Context& ctx);       // POST .../{na
 
 // The user record named by the request's path segment: 400 "invalid user name" for a bad name,
 // 404 "user not found" when it does not read.
-OrError<Json::Value> pathUser(const Request& req, Context& ctx);
+handler::OrError<Json::Value> pathUser(const Request& req, Context& ctx);
 
 }  // namespace quill::api

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "api/common.h"
+#include "handler/common.h"
 #include "store/documents.h"
 #include "store/invites.h"
 #include "store/names.h"
@@ -38,13 +38,13 @@ bool tokenExists(const Context& ctx, const std::string& name) {
 // --channels for `user create`: every piece (an empty one included) a valid, declared channel.
 std::optional<std::string> channelListProblem(const Context& ctx, const std::string& value,
                                               std::vector<std::string>& channels) {
-  channels = api::splitList(value);
+  channels = handler::splitList(value);
   if (value.ends_with(',')) channels.emplace_back();
   for (const auto& piece : channels) {
     if (!store::isValidName(piece)) return "invalid channel name in --channels";
   }
   for (const auto& piece : channels) {
-    if (!api::channelExists(ctx, piece)) {
+    if (!handler::channelExists(ctx, piece)) {
       return "channel '" + piece + "' is not declared on this server";
     }
   }

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "app/context.h"
+#include "handler/context.h"
 
 namespace quill {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "api/caller.h"
+#include "handler/caller.h"
 #include "http/json.h"
 #include "store/documents.h"
 #include "store/names.h"
@@ -97,12 +97,12 @@ std::optional<http::Response> Gate::judge(const http::Request& req) {
   }
   if (isOpenPath(req.method, req.path)) return std::nullopt;
 
-  if (auto caller = api::lookupCaller(req, ctx_)) return judgeCaller(req, *caller);
+  if (auto caller = handler::lookupCaller(req, ctx_)) return judgeCaller(req, *caller);
 
   if (req.method == "GET" && isPublicRead(ctx_, req.path)) return std::nullopt;
   auto charged = limiter_.charge(key, Budget::Anonymous);
   if (!charged.allowed) return tooManyRequests(charged.retryAfterSeconds);
-  return http::errorResponse(401, api::kMissingToken);
+  return http::errorResponse(401, handler::kMissingToken);
 }
 
 std::optional<http::Response> Gate::judgeCaller(const http::Request& req,
@@ -110,7 +110,7 @@ std::optional<http::Response> Gate::judgeCaller(const http::Request& req,
   if (req.method == "GET") return std::nullopt;
   const std::string role = store::textOf(caller, "role");
   if (role == "admin") return std::nullopt;
-  if (role != "publisher") return http::errorResponse(403, api::kAdminOnly);
+  if (role != "publisher") return http::errorResponse(403, handler::kAdminOnly);
 
   const std::string_view path = req.path;
   if (req.method == "PUT" && matchSegment(path, "/api/builds/", "/files")) return std::nullopt;

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/context.h"
+#include "handler/context.h"
 #include "app/rate_limiter.h"
 #include "http/request.h"
 #include "http/response.h"

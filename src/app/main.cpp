@@ -9,7 +9,7 @@
 
 #include "app/command_line.h"
 #include "app/commands.h"
-#include "app/context.h"
+#include "handler/context.h"
 #include "app/routes.h"
 #include "app/serve.h"
 #include "app/version.h"

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "app/context.h"
+#include "handler/context.h"
 #include "http/router.h"
 
 namespace quill {

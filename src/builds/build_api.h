@@ -3,12 +3,12 @@
 
 #include <filesystem>
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::builds {
 
-using api::Request;
-using api::Response;
+using handler::Request;
+using handler::Response;
 
 // PUT /api/builds/{id}/files?path=. Every check needs only the head (Rill-only, id, path, not
 // finalized), so uploadCheck runs before the body is read; the body is streamed into the file

@@ -84,7 +84,7 @@ int unassign(std::vector<Json::Value> records, const char* member, const std::st
              Save save) {
   int changed = 0;
   for (auto& record : records) {
-    if (!api::removeAll(record[member], channel)) continue;
+    if (!handler::removeAll(record[member], channel)) continue;
     save(record);
     ++changed;
   }
@@ -155,7 +155,7 @@ Response deleteChannel(const Request& req, Context& ctx) {
 Response promoteChannel(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
   if (!store::isValidName(name)) return http::errorResponse(400, text::kBadName);
-  auto build = api::nameParam(req, "build");
+  auto build = handler::nameParam(req, "build");
   if (!build) return http::errorResponse(400, text::kBadBuild);
   auto old = loadChannel(ctx, name);
   if (!old) {
@@ -189,7 +189,7 @@ Response setChannelPublic(const Request& req, Context& ctx) {
   return savedChannel(ctx, name, *doc);
 }
 
-api::OrError<Json::Value> checkedLaunchTargets(const std::string& body) {
+handler::OrError<Json::Value> checkedLaunchTargets(const std::string& body) {
   auto parsed = store::parseJsonObject(body);
   if (!parsed || !(*parsed)["launch_targets"].isArray()) {
     return http::errorResponse(400, text::kBadLaunchBody);

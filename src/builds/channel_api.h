@@ -1,12 +1,12 @@
 #pragma once
 // The channel endpoints: named pointers to finalized builds, with a public flag and launch targets.
 
-#include "api/common.h"
+#include "handler/common.h"
 
 namespace quill::builds {
 
-using api::Request;
-using api::Response;
+using handler::Request;
+using handler::Response;
 
 Response listChannels(const Request& req, Context& ctx);      // GET /api/channels
 Response readChannel(const Request& req, Context& ctx);       // GET /api/channels/{channel}
@@ -17,6 +17,6 @@ Response setChannelPublic(const Request& req, Context& ctx);  // POST .../{chann
 Response setLaunchTargets(const Request& req, Context& ctx);  // POST .../{channel}/launch
 
 // The normalised launch-target list of a request body, or the 400 that refuses it.
-api::OrError<Json::Value> checkedLaunchTargets(const std::string& body);
+handler::OrError<Json::Value> checkedLaunchTargets(const std::string& body);
 
 }  // namespace quill::builds

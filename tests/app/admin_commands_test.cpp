@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "app/commands.h"
-#include "app/context.h"
+#include "handler/context.h"
 #include "store/documents.h"
 #include "store/tokens.h"
 #include "store/users.h"

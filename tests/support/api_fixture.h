@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "app/context.h"
+#include "handler/context.h"
 #include "http/request.h"
 #include "http/response.h"
 #include "http/router.h"

@@ -1,10 +1,10 @@
-#include "api/common.h"
+#include "handler/common.h"
 
 #include <filesystem>
 
 #include "store/names.h"
 
-namespace quill::api {
+namespace quill::handler {
 
 std::optional<Response> refuseInvalidName(std::string_view name, std::string_view message) {
   if (store::isValidName(name)) return std::nullopt;
@@ -69,4 +69,4 @@ bool appendUnique(Json::Value& array, const std::string& item) {
   return true;
 }
 
-}  // namespace quill::api
+}  // namespace quill::handler

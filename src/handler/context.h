@@ -2,7 +2,7 @@
 // Everything a handler or a command needs beyond its request: the settings, the data directory
 // and the process-wide caches. Built once in main (or per test case) and passed down.
 
-#include "app/settings.h"
+#include "handler/settings.h"
 #include "store/data_dir.h"
 #include "store/token_index.h"
 

@@ -5,10 +5,10 @@
 
 #include <optional>
 
-#include "app/context.h"
+#include "handler/context.h"
 #include "http/request.h"
 
-namespace quill::api {
+namespace quill::handler {
 
 // The refusals about the caller, shared by the gate and the handlers that check callers themselves.
 inline constexpr const char* kMissingToken = "missing or invalid token";
@@ -17,4 +17,4 @@ inline constexpr const char* kAdminOnly = "this operation requires the admin rol
 // The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
 
-}  // namespace quill::api
+}  // namespace quill::handler

@@ -9,12 +9,12 @@
 #include <variant>
 #include <vector>
 
-#include "app/context.h"
+#include "handler/context.h"
 #include "http/json.h"
 #include "http/request.h"
 #include "http/response.h"
 
-namespace quill::api {
+namespace quill::handler {
 
 using http::Request;
 using http::Response;
@@ -44,4 +44,4 @@ std::vector<std::string> splitList(std::string_view value);
 bool removeAll(Json::Value& array, const std::string& item);
 bool appendUnique(Json::Value& array, const std::string& item);
 
-}  // namespace quill::api
+}  // namespace quill::handler
