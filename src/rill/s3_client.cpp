@@ -29,8 +29,11 @@ std::string endpointHost(std::string_view endpoint) {
 }
 
 std::string canonicalObjectUri(std::string_view bucket, std::string_view key) {
-  std::string uri = "/" + uriEncode(bucket, false);
-  if (!key.empty()) uri += "/" + uriEncode(key, true);
+  std::string uri = "/";
+  uri += uriEncode(bucket, false);
+  if (key.empty()) return uri;
+  uri += '/';
+  uri += uriEncode(key, true);
   return uri;
 }
 
@@ -48,8 +51,11 @@ S3Client::S3Client(S3Settings settings)
       origin_(endpointOrigin(settings_.endpoint)) {}
 
 std::string S3Client::url(std::string_view canonicalUri, std::string_view query) const {
-  std::string out = origin_ + std::string(canonicalUri);
-  if (!query.empty()) out += "?" + std::string(query);
+  std::string out = origin_;
+  out += canonicalUri;
+  if (query.empty()) return out;
+  out += '?';
+  out += query;
   return out;
 }
 

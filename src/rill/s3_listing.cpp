@@ -10,8 +10,10 @@ namespace {
 // The text between <tag> and the next </tag> inside `scope`, or nothing when absent.
 std::optional<std::string_view> element(std::string_view scope, std::string_view tag,
                                         std::size_t from = 0, std::size_t* end = nullptr) {
-  const std::string open = "<" + std::string(tag) + ">";
-  const std::string close = "</" + std::string(tag) + ">";
+  std::string open = "<";
+  open.append(tag).append(">");
+  std::string close = "</";
+  close.append(tag).append(">");
   const std::size_t start = scope.find(open, from);
   if (start == std::string_view::npos) return std::nullopt;
   const std::size_t body = start + open.size();
