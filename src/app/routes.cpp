@@ -39,6 +39,15 @@ http::Route route(const char* method, const char* path, Context& ctx, ContextHan
   return route(method, path, [&ctx, handler](const Request& req) { return handler(req, ctx); });
 }
 
+// JSON request documents are small; a larger body is refused before it is read.
+constexpr std::uint64_t kJsonBodyLimit = 1 << 20;
+
+// A route that reads a JSON document from its body (every other route drops a body unread).
+http::Route withJsonBody(http::Route r) {
+  r.bodyLimit = kJsonBodyLimit;
+  return r;
+}
+
 // A route whose body is streamed to disk after a check on the head alone.
 http::Route streamed(http::Route r, Context& ctx,
                      std::optional<Response> (*check)(const Request&, Context&),
@@ -58,7 +67,7 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/channels/{channel}", ctx, builds::deleteChannel),
       route("POST", "/api/channels/{channel}/promote", ctx, builds::promoteChannel),
       route("POST", "/api/channels/{channel}/public", ctx, builds::setChannelPublic),
-      route("POST", "/api/channels/{channel}/launch", ctx, builds::setLaunchTargets),
+      withJsonBody(route("POST", "/api/channels/{channel}/launch", ctx, builds::setLaunchTargets)),
       route("GET", "/api/builds", ctx, builds::listBuilds),
       route("GET", "/api/builds/{id}", ctx, builds::readBuild),
       route("DELETE", "/api/builds/{id}", ctx, builds::deleteBuild),
@@ -72,7 +81,7 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("GET", "/api/invites", ctx, api::listInvites),
       route("DELETE", "/api/invites/{id}", ctx, api::revokeInvite),
       route("POST", "/api/invites/redeem", ctx, api::redeemInvite),
-      route("POST", "/api/access-requests", ctx, api::submitAccessRequest),
+      withJsonBody(route("POST", "/api/access-requests", ctx, api::submitAccessRequest)),
       route("GET", "/api/access-requests", ctx, api::listAccessRequests),
       route("POST", "/api/access-requests/{id}/approve", ctx, api::approveAccessRequest),
       route("DELETE", "/api/access-requests/{id}", ctx, api::declineAccessRequest),

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <sodium.h>
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +31,15 @@ http::ServerOptions serverOptions(const Settings& settings) {
   options.ioThreads = cores;
   options.workerThreads = cores;
   return options;
+}
+
+// Every open connection holds a descriptor: take all the descriptors the system grants us, since
+// the soft limit a shell hands down (often 1,024) is far below what a busy server needs.
+void raiseOpenFileLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace
@@ -61,6 +71,7 @@ int runServer(Context& ctx) {
     std::abort();
   }
   curl_global_init(CURL_GLOBAL_ALL);
+  raiseOpenFileLimit();
 
   http::Server server(makeRouter(ctx), serverOptions(ctx.settings));
 

@@ -9,6 +9,7 @@
 //
 // Thread safety: after set-up (add, setPreHandling) a Router is only read, from any thread.
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -33,6 +34,9 @@ struct Route {
   Handler handler;
   HeadCheck headCheck;    // optional: the route's checks that need no body
   BodyFileFor bodyFile;   // optional: stream the body to disk instead of memory
+  // The largest body read into `Request::body`; a longer one is refused with 413. 0: the route
+  // takes no body in memory, and one that arrives anyway is read and dropped unstored.
+  std::uint64_t bodyLimit = 0;
   bool blocking = false;  // the handler waits on remote services: run it on the blocking pool
 };
 

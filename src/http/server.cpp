@@ -1,11 +1,15 @@
 #include "http/server.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <array>
+#include <atomic>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -15,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "http/connection_limits.h"
 #include "http/json.h"
 #include "http/url.h"
 
@@ -27,28 +32,87 @@ using tcp = asio::ip::tcp;
 
 // Everything a connection needs. Destroyed after the I/O threads have stopped; its members go in
 // reverse order, so the worker pool (whose pending tasks hold connections) is joined before the
-// I/O context that those connections' sockets belong to.
+// I/O context that those connections' sockets belong to, and the connection limits outlive both.
 struct ServerCore {
   ServerCore(Router r, ServerOptions o)
       : router(std::move(r)),
         options(std::move(o)),
         workers(options.workerThreads),
-        acceptor(ioc) {}
+        acceptor(ioc),
+        acceptRetry(ioc) {}
 
   Router router;
   ServerOptions options;
+  std::unique_ptr<ConnectionLimits> limits;  // set by listen()
+  std::atomic<bool> stopping{false};
   asio::io_context ioc;
   asio::thread_pool workers;          // checks and quick handlers
   asio::thread_pool blockingWorkers;  // handlers that wait on remote services, timer tasks
   tcp::acceptor acceptor;
+  asio::steady_timer acceptRetry;
   std::vector<std::unique_ptr<asio::steady_timer>> timers;
 };
+
+void acceptLoop(ServerCore& core);
 
 namespace {
 
 constexpr std::size_t kDrainLimit = 1 << 20;
 constexpr std::size_t kBodyReadSize = 64 * 1024;
 constexpr std::chrono::seconds kDrainTime{2};
+// Descriptors kept free of connections for the files that requests open.
+constexpr std::size_t kReservedDescriptors = 128;
+// How long accept waits after running out of descriptors before it tries again.
+constexpr std::chrono::milliseconds kAcceptBackoff{100};
+
+// Reads a body and keeps none of it: for routes that take no body, so that a client announcing
+// gigabytes costs the server bandwidth at most, never memory.
+struct DiscardBody {
+  struct value_type {};
+  class reader {
+   public:
+    template <bool isRequest, class Fields>
+    reader(bhttp::header<isRequest, Fields>&, value_type&) {}
+    void init(const boost::optional<std::uint64_t>&, beast::error_code& ec) { ec = {}; }
+    template <class ConstBufferSequence>
+    std::size_t put(const ConstBufferSequence& buffers, beast::error_code& ec) {
+      ec = {};
+      return asio::buffer_size(buffers);
+    }
+    void finish(beast::error_code& ec) { ec = {}; }
+  };
+};
+
+// The last coding of a Transfer-Encoding list ("gzip, chunked" ends in "chunked"), lower-cased.
+std::string lastCoding(std::string_view list) {
+  std::size_t comma = list.rfind(',');
+  std::string_view last = comma == std::string_view::npos ? list : list.substr(comma + 1);
+  std::size_t first = last.find_first_not_of(" \t");
+  std::size_t end = last.find_last_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  std::string coding(last.substr(first, end - first + 1));
+  for (char& c : coding) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return coding;
+}
+
+// Whether the head frames its body beyond doubt: a Transfer-Encoding must end in chunked (else
+// the body's length is unknown) and must not come with a Content-Length (the two could be read
+// differently by a proxy in front of us).
+bool framingIsSound(const bhttp::request_parser<bhttp::empty_body>& head) {
+  const auto& msg = head.get();
+  auto codings = msg.equal_range(bhttp::field::transfer_encoding);
+  if (codings.first == codings.second) return true;
+  if (msg.count(bhttp::field::content_length) != 0) return false;
+  std::string_view lastField;
+  for (auto it = codings.first; it != codings.second; ++it) lastField = it->value();
+  return lastCoding(lastField) == "chunked";
+}
+
+// A parse error in the body (a bad chunk size, say), as opposed to the client going away.
+bool isMalformedBody(const beast::error_code& ec) {
+  return ec.category() == bhttp::make_error_code(bhttp::error::bad_chunk).category() &&
+         ec != bhttp::error::partial_message;
+}
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
@@ -90,19 +154,24 @@ std::string formatHead(const Response& r, unsigned version, std::uint64_t conten
 // it; the I/O side runs on the connection's strand, the checks and handlers on the worker pool.
 class Session : public std::enable_shared_from_this<Session> {
  public:
-  Session(tcp::socket socket, ServerCore& core)
-      : stream_(std::move(socket)), core_(core), idleTimer_(stream_.get_executor()) {}
+  // `peer` was admitted by the connection limits; the session gives its place back when it ends.
+  Session(tcp::socket socket, ServerCore& core, std::string peer)
+      : stream_(std::move(socket)),
+        core_(core),
+        peer_(std::move(peer)),
+        idleTimer_(stream_.get_executor()) {}
 
   ~Session() {
     discardBodyFile();
     closeFile();
+    if (core_.limits->release(peer_) && !core_.stopping) {
+      asio::post(core_.ioc, [&core = core_] { acceptLoop(core); });
+    }
   }
 
   void start() {
     beast::error_code ec;
     stream_.socket().set_option(tcp::no_delay(true), ec);
-    auto endpoint = stream_.socket().remote_endpoint(ec);
-    if (!ec) peer_ = endpoint.address().to_string();
     asio::dispatch(stream_.get_executor(), [self = shared_from_this()] { self->readHead(); });
   }
 
@@ -116,6 +185,7 @@ class Session : public std::enable_shared_from_this<Session> {
     head_->body_limit(core_.options.bodyLimit);
     stringParser_.reset();
     fileParser_.reset();
+    discardParser_.reset();
     route_ = nullptr;
     stream_.expires_after(core_.options.headerTimeout);
     bhttp::async_read_header(
@@ -131,7 +201,7 @@ class Session : public std::enable_shared_from_this<Session> {
         ec == asio::error::eof) {
       return closeNow();
     }
-    if (ec) return answerAndClose(400, "malformed request");
+    if (ec || !framingIsSound(*head_)) return answerAndClose(400, "malformed request");
     stream_.expires_never();
 
     const auto& msg = head_->get();
@@ -155,7 +225,7 @@ class Session : public std::enable_shared_from_this<Session> {
     }
     req_.path = std::move(*path);
     req_.query = std::move(*query);
-    asio::post(core_.workers, [self = shared_from_this()] { self->judge(); });
+    asio::post(core_.workers, [self = shared_from_this()] { self->guarded([&] { self->judge(); }); });
   }
 
   void readBody() {
@@ -182,31 +252,34 @@ class Session : public std::enable_shared_from_this<Session> {
     };
     if (fileParser_) {
       bhttp::async_read_some(stream_, buffer_, *fileParser_, std::move(onRead));
-    } else {
+    } else if (stringParser_) {
       bhttp::async_read_some(stream_, buffer_, *stringParser_, std::move(onRead));
+    } else {
+      bhttp::async_read_some(stream_, buffer_, *discardParser_, std::move(onRead));
     }
   }
 
+  bool bodyDone() const {
+    if (fileParser_) return fileParser_->is_done();
+    if (stringParser_) return stringParser_->is_done();
+    return discardParser_->is_done();
+  }
+
   void onBodyRead(beast::error_code ec) {
-    if (ec == bhttp::error::body_limit) {
-      discardBodyFile();
-      return answerAndClose(413, "request body too large");
-    }
-    if (ec) {
-      // The client went away or stalled: nothing of a partial body is kept.
-      discardBodyFile();
-      return closeNow();
-    }
-    bool done = fileParser_ ? fileParser_->is_done() : stringParser_->is_done();
-    if (!done) return readSomeBody();
+    if (ec) discardBodyFile();  // nothing of a partial body is kept
+    if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
+    if (ec && isMalformedBody(ec)) return answerAndClose(400, "malformed request");
+    if (ec) return closeNow();  // the client went away or stalled
+    if (!bodyDone()) return readSomeBody();
     stream_.expires_never();
     if (fileParser_) {
       fileParser_->get().body().close();
       req_.bodyFile = bodyFile_;
-    } else {
+    } else if (stringParser_) {
       req_.body = stringParser_->release().body();
     }
-    asio::post(core_.workers, [self = shared_from_this()] { self->handle(); });
+    asio::post(core_.workers,
+               [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
   }
 
   void write(Response r, bool close) {
@@ -334,6 +407,18 @@ class Session : public std::enable_shared_from_this<Session> {
 
   // --- worker pool ------------------------------------------------------------------------
 
+  // Runs a worker-pool stage; anything it throws (an allocation that failed, say) answers this one
+  // request with 500 and closes its connection, and the server goes on.
+  template <typename Stage>
+  void guarded(Stage stage) {
+    try {
+      stage();
+    } catch (...) {
+      discardBodyFile();
+      respond(errorResponse(500, "internal server error"), true);
+    }
+  }
+
   void judge() {
     const Route* route = nullptr;
     if (auto early = core_.router.judgeHead(req_, route)) {
@@ -343,9 +428,16 @@ class Session : public std::enable_shared_from_this<Session> {
     if (!req_.hasBody) return handle();
     if (route_->bodyFile) {
       if (!openBodyFile()) return respond(errorResponse(500, "could not store request body"), true);
-    } else {
+    } else if (route_->bodyLimit > 0) {
+      // Refused before the parser reserves room for the announced length.
+      if (req_.contentLength.value_or(0) > route_->bodyLimit) {
+        return respond(errorResponse(413, "request body too large"), true);
+      }
       stringParser_.emplace(std::move(*head_));
-      stringParser_->body_limit(core_.options.bodyLimit);
+      stringParser_->body_limit(route_->bodyLimit);
+    } else {
+      discardParser_.emplace(std::move(*head_));
+      discardParser_->body_limit(core_.options.bodyLimit);
     }
     asio::post(stream_.get_executor(), [self = shared_from_this()] { self->readBody(); });
   }
@@ -369,7 +461,8 @@ class Session : public std::enable_shared_from_this<Session> {
   void handle() {
     if (route_->blocking && !onBlockingPool_) {
       onBlockingPool_ = true;
-      asio::post(core_.blockingWorkers, [self = shared_from_this()] { self->handle(); });
+      asio::post(core_.blockingWorkers,
+                 [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
       return;
     }
     onBlockingPool_ = false;
@@ -401,6 +494,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::optional<bhttp::request_parser<bhttp::empty_body>> head_;
   std::optional<bhttp::request_parser<bhttp::string_body>> stringParser_;
   std::optional<bhttp::request_parser<bhttp::file_body>> fileParser_;
+  std::optional<bhttp::request_parser<DiscardBody>> discardParser_;
   std::filesystem::path bodyFile_;
   Request req_;
   const Route* route_ = nullptr;
@@ -413,14 +507,44 @@ class Session : public std::enable_shared_from_this<Session> {
   std::uint64_t fileSize_ = 0;
 };
 
-void acceptLoop(ServerCore& core) {
-  core.acceptor.async_accept(asio::make_strand(core.ioc),
-                             [&core](beast::error_code ec, tcp::socket socket) {
-                               if (ec == asio::error::operation_aborted) return;
-                               if (!ec) std::make_shared<Session>(std::move(socket), core)->start();
-                               acceptLoop(core);
-                             });
+bool outOfDescriptors(const beast::error_code& ec) {
+  return ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space ||
+         ec == asio::error::no_memory || ec.value() == ENFILE;
 }
+
+// Starts a session unless the peer's address already holds its share of connections.
+void admit(ServerCore& core, tcp::socket socket) {
+  beast::error_code ec;
+  auto endpoint = socket.remote_endpoint(ec);
+  if (ec) return;  // already gone
+  std::string peer = endpoint.address().to_string();
+  if (!core.limits->admit(peer)) return;  // closed as the socket goes out of scope
+  std::make_shared<Session>(std::move(socket), core, std::move(peer))->start();
+}
+
+}  // namespace
+
+void acceptLoop(ServerCore& core) {
+  // At the bound, waiting connections stay in the backlog; the next session to end resumes us.
+  if (core.stopping || core.limits->pauseIfFull()) return;
+  core.acceptor.async_accept(
+      asio::make_strand(core.ioc), [&core](beast::error_code ec, tcp::socket socket) {
+        if (ec == asio::error::operation_aborted) return;
+        if (!ec) {
+          admit(core, std::move(socket));
+          return acceptLoop(core);
+        }
+        if (!outOfDescriptors(ec)) return acceptLoop(core);
+        // Retrying at once would spin: the pending connection stays pending until a descriptor
+        // is freed.
+        core.acceptRetry.expires_after(kAcceptBackoff);
+        core.acceptRetry.async_wait([&core](beast::error_code timerError) {
+          if (!timerError) acceptLoop(core);
+        });
+      });
+}
+
+namespace {
 
 void scheduleTimer(ServerCore& core, asio::steady_timer& timer, std::chrono::milliseconds period,
                    std::function<void()> task) {
@@ -438,12 +562,34 @@ Server::Server(Router router, ServerOptions options)
     : core_(std::make_unique<ServerCore>(std::move(router), std::move(options))) {}
 
 Server::~Server() {
+  core_->stopping = true;
   stop();
   core_->workers.join();
   core_->blockingWorkers.join();
 }
 
+namespace {
+
+// Connections in all: what the open-file limit allows, less a reserve for the files that
+// requests open.
+std::size_t connectionBound(const ServerOptions& options) {
+  if (options.maxConnections != 0) return options.maxConnections;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 0;
+  const auto descriptors = static_cast<std::size_t>(limit.rlim_cur);
+  return descriptors > 2 * kReservedDescriptors ? descriptors - kReservedDescriptors
+                                                 : descriptors / 2;
+}
+
+}  // namespace
+
 bool Server::listen(std::string& error) {
+  // A client that closes mid-answer must cost its connection, never the process: sendfile(2)
+  // raises SIGPIPE on a closed socket (socket writes use MSG_NOSIGNAL).
+  std::signal(SIGPIPE, SIG_IGN);
+  core_->limits = std::make_unique<ConnectionLimits>(connectionBound(core_->options),
+                                                     core_->options.connectionsPerClient,
+                                                     !core_->options.limitLoopback);
   beast::error_code ec;
   auto address = asio::ip::make_address(core_->options.address, ec);
   if (ec) {
@@ -478,10 +624,18 @@ void Server::every(std::chrono::milliseconds period, std::function<void()> task)
 
 void Server::run() {
   std::vector<std::thread> extra;
-  for (unsigned i = 1; i < core_->options.ioThreads; ++i) {
-    extra.emplace_back([this] { core_->ioc.run(); });
-  }
-  core_->ioc.run();
+  // An exception from an I/O handler (an allocation that failed) ends that handler, not serving.
+  auto serve = [this] {
+    for (;;) {
+      try {
+        core_->ioc.run();
+        return;
+      } catch (...) {
+      }
+    }
+  };
+  for (unsigned i = 1; i < core_->options.ioThreads; ++i) extra.emplace_back(serve);
+  serve();
   for (auto& t : extra) t.join();
 }
 

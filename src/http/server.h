@@ -6,7 +6,16 @@
 // route's own head check) runs before any body byte is read; a refusal is answered at once, and
 // the connection is closed when a body was announced but not read. `Expect: 100-continue` is
 // honoured: the interim answer goes out only after the head stage let the request through.
-// Bodies up to `bodyLimit` are read into memory, or streamed into the route's body file.
+// A body is streamed into the route's body file (up to `bodyLimit`), read into memory (up to the
+// route's own limit), or, for a route that takes none, read and dropped: no client can make the
+// server reserve memory it did not mean to. Malformed framing (a Transfer-Encoding that does not
+// end in chunked, both Transfer-Encoding and Content-Length, a bad chunk) is answered 400 and the
+// connection closed. A client that goes away mid-answer costs only its connection (SIGPIPE is
+// ignored process-wide once the server listens).
+//
+// Floods: the open connections are bounded in all (from the open-file limit, so that descriptors
+// remain for files) and per client address; when `accept` runs out of descriptors the server
+// backs off instead of spinning, and keeps serving the connections it has.
 //
 // Thread safety: listen() and every() before run(); stop() from any thread.
 
@@ -39,6 +48,12 @@ struct ServerOptions {
   std::chrono::seconds headerTimeout{30};
   // A body read that makes no progress for this long is abandoned.
   std::chrono::seconds bodyIdleTimeout{60};
+  // Open connections in all; 0 derives the bound from the open-file limit at listen().
+  std::size_t maxConnections = 0;
+  // Open connections per client address (0: no bound). Loopback peers are a reverse proxy that
+  // every client shares, so they are exempt unless `limitLoopback` is set.
+  std::size_t connectionsPerClient = 256;
+  bool limitLoopback = false;
 };
 
 class Server {

@@ -63,9 +63,15 @@ class ServerTest : public ::testing::Test {
     Router router;
     router.add(route("GET", "/ping", [](const Request&) { return Response::text("pong"); }));
     router.add(route("GET", "/boom", [](const Request&) -> Response { throw std::bad_alloc(); }));
-    router.add(route("POST", "/echo", [](const Request& req) {
+    Route echo = route("POST", "/echo", [](const Request& req) {
       return Response::text(req.method + " " + std::to_string(req.body.size()) + " " +
                             std::string(req.param("q").value_or("-")));
+    });
+    echo.bodyLimit = 1000000;
+    router.add(echo);
+    // Takes no body: one that arrives is dropped.
+    router.add(route("POST", "/bodiless", [](const Request& req) {
+      return Response::text(std::to_string(req.body.size()));
     }));
     Route refused = route("POST", "/refused", [](const Request&) { return Response::text("?"); });
     refused.headCheck = [](const Request&) -> std::optional<Response> {
@@ -136,15 +142,96 @@ TEST_F(ServerTest, IncompleteHeadTimesOut) {
   EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
 }
 
-TEST_F(ServerTest, BodyOverTheLimitIsRefused) {
+TEST_F(ServerTest, BodiesOverTheirLimitAreRefusedBeforeTheyAreRead) {
   ServerOptions o;
-  o.bodyLimit = 1000;
+  o.bodyLimit = 2000000;
   RunningServer s(makeRouter(), o);
-  RawConnection c(s.port());
-  c.send("POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 1001\r\n\r\n");
-  std::string got = c.readUntil("}", 5s);
-  EXPECT_EQ(got.rfind("HTTP/1.1 413", 0), 0u) << got;
-  EXPECT_EQ(client.fetch("POST", s.url("/echo"), std::string(1000, 'x')).body, "POST 1000 -");
+  // The route's own limit for bodies in memory, the server's for streamed ones; announced or
+  // chunked.
+  for (const char* head : {"POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 1000001\r\n\r\n",
+                           "PUT /upload/x HTTP/1.1\r\nHost: x\r\nContent-Length: 2000001\r\n\r\n",
+                           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+                           "F4241\r\n"}) {
+    RawConnection c(s.port());
+    c.send(head);
+    if (std::string(head).find("chunked") != std::string::npos) c.send(std::string(1000001, 'x'));
+    std::string got = c.readUntil("}", 5s);
+    EXPECT_EQ(got.rfind("HTTP/1.1 413", 0), 0u) << head << got;
+    EXPECT_TRUE(c.closedByPeer(5s)) << head;
+  }
+  EXPECT_EQ(client.fetch("POST", s.url("/echo"), std::string(1000000, 'x')).body, "POST 1000000 -");
+}
+
+TEST_F(ServerTest, ABodyToARouteThatTakesNoneIsDroppedAndTheConnectionKept) {
+  RunningServer s(makeRouter(), {});
+  auto r = client.fetch("POST", s.url("/bodiless"), std::string(3000000, 'x'));
+  EXPECT_EQ(r.body, "0");
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).newConnections, 0);
+}
+
+TEST_F(ServerTest, DoubtfulFramingIs400AndCloses) {
+  RunningServer s(makeRouter(), {});
+  const std::string next = "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n";
+  for (const std::string& request : std::vector<std::string>{
+           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: identity\r\n\r\n" + next,
+           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked, gzip\r\n\r\n" + next,
+           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n"
+           "Transfer-Encoding: gzip\r\n\r\n" + next,
+           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n"
+           "\r\n0\r\n\r\n",
+           "POST /echo HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nab\r\n",
+           "POST /bodiless HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+           "fffffffffffffffffff\r\n",
+           "POST /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 1x\r\n\r\n",
+           "NOT HTTP\r\n\r\n",
+       }) {
+    RawConnection c(s.port());
+    c.send(request);
+    std::string got = c.readAll(5s);
+    EXPECT_EQ(got.rfind("HTTP/1.1 400", 0), 0u) << request << got;
+    EXPECT_EQ(got.find("pong"), std::string::npos) << request;
+  }
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+}
+
+TEST_F(ServerTest, AClientClosingMidDownloadCostsOnlyItsConnection) {
+  RunningServer s(makeRouter(), {});
+  std::ofstream(dir.path() / "big") << std::string(32 << 20, 'x');
+  for (int i = 0; i < 5; ++i) {
+    RawConnection c(s.port());
+    c.send("GET /file/big HTTP/1.1\r\nHost: x\r\n\r\n");
+    c.readUntil("xxxx", 5s);
+  }  // closed with unread data: the server's next write meets a reset connection
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+}
+
+TEST_F(ServerTest, OneAddressGetsItsShareOfConnectionsAndTheTotalWaits) {
+  ServerOptions o;
+  o.connectionsPerClient = 2;
+  o.limitLoopback = true;
+  o.maxConnections = 3;
+  {
+    RunningServer s(makeRouter(), o);
+    auto first = std::make_unique<RawConnection>(s.port());
+    RawConnection second(s.port());
+    RawConnection third(s.port());
+    EXPECT_TRUE(third.closedByPeer(5s));  // over its address's share
+    first.reset();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+  }
+  o.connectionsPerClient = 0;
+  o.maxConnections = 1;
+  RunningServer s(makeRouter(), o);
+  auto holder = std::make_unique<RawConnection>(s.port());
+  holder->send("GET /ping HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_NE(holder->readUntil("pong", 5s).find("pong"), std::string::npos);
+  RawConnection waiting(s.port());  // in the backlog until the holder leaves
+  waiting.send("GET /ping HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_EQ(waiting.readUntil("pong", 300ms).find("pong"), std::string::npos);
+  holder.reset();
+  EXPECT_NE(waiting.readUntil("pong", 5s).find("pong"), std::string::npos);
 }
 
 TEST_F(ServerTest, StreamedBodyLandsWholeAndIsServedFromDisk) {
@@ -159,13 +246,6 @@ TEST_F(ServerTest, StreamedBodyLandsWholeAndIsServedFromDisk) {
   EXPECT_EQ(back.body, payload);
   EXPECT_EQ(back.headers["content-length"], std::to_string(payload.size()));
   EXPECT_EQ(client.fetch("GET", s.url("/file/missing")).status, 404);
-}
-
-TEST_F(ServerTest, MalformedRequestIs400) {
-  RunningServer s(makeRouter(), {});
-  RawConnection c(s.port());
-  c.send("NOT HTTP\r\n\r\n");
-  EXPECT_EQ(c.readUntil("}", 5s).rfind("HTTP/1.1 400", 0), 0u);
 }
 
 TEST_F(ServerTest, TimerRunsRepeatedly) {

@@ -95,4 +95,11 @@ std::string ServerProcess::url(const std::string& path) const {
 
 std::string ServerProcess::output() const { return slurp(outFile_); }
 
+bool ServerProcess::running() {
+  if (pid_ <= 0) return false;
+  if (::waitpid(pid_, nullptr, WNOHANG) == 0) return true;
+  pid_ = -1;
+  return false;
+}
+
 }  // namespace quill::test

@@ -31,6 +31,9 @@ class ServerProcess {
   // Waits until the port accepts connections; false if the process died or time ran out.
   bool waitUntilListening(std::chrono::milliseconds timeout = std::chrono::seconds(20));
   std::uint16_t port() const { return port_; }
+  pid_t pid() const { return pid_; }
+  // False once the process has ended (it is reaped then).
+  bool running();
   std::string url(const std::string& path) const;
   // Standard output so far.
   std::string output() const;
