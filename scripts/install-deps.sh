@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang
   libboost1.81-dev libjsoncpp-dev libsodium-dev libssl-dev libcurl4-openssl-dev libzstd-dev
   librust-blake3-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-  curl wrk nginx-light b3sum
+  curl wrk nginx-light b3sum chromium
 )
 
 missing=()
@@ -28,10 +28,11 @@ if [ "${#missing[@]}" -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# Test peers and validators from npm, pinned by the lock file.
-if [ -f tests/node/package.json ]; then
-  (cd tests/node && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
-fi
-if [ -f tests/rill-peers/package.json ]; then
-  (cd tests/rill-peers && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
-fi
+# Test peers, validators and the browser driver from npm, pinned by the lock files. A lock file
+# newer than the installed tree (a package was added since) installs again.
+for dir in tests/node tests/rill-peers; do
+  [ -f "$dir/package-lock.json" ] || continue
+  installed="$dir/node_modules/.package-lock.json"
+  if [ -f "$installed" ] && ! [ "$dir/package-lock.json" -nt "$installed" ]; then continue; fi
+  (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error)
+done
