@@ -1,10 +1,13 @@
 #include "builds/build_api.h"
 
 #include <algorithm>
+#include <fstream>
 
+#include "builds/build_files.h"
 #include "builds/build_store.h"
 #include "builds/content_type.h"
 #include "store/documents.h"
+#include "store/durable_file.h"
 #include "store/names.h"
 #include "store/random.h"
 
@@ -48,14 +51,42 @@ Json::Value stringArray(const std::vector<std::string>& items) {
   return array;
 }
 
-// Puts the uploaded bytes at `target`: the streamed body file is renamed into place; a body
-// held in memory (an empty one, or an in-process caller) is written atomically.
-bool placeUpload(const Request& req, const fs::path& target) {
+// A body held in memory (an empty one, or an in-process caller) written to a staging file of its
+// own, so that every upload is placed the same way. Empty path on failure.
+fs::path stageBody(const store::DataDir& data, const std::string& id, std::string_view body) {
+  const fs::path file = uploadStaging(data, id) / (store::randomString(kUploadNameLength) + ".tmp");
+  if (!store::makeDirectories(file.parent_path())) return {};
+  std::ofstream out(file, std::ios::binary);
+  out.write(body.data(), static_cast<std::streamsize>(body.size()));
+  out.close();
+  if (out) return file;
   std::error_code ec;
-  fs::create_directories(target.parent_path(), ec);
-  if (req.bodyFile.empty()) return store::writeFileAtomic(target, req.body);
-  fs::rename(req.bodyFile, target, ec);
-  return !ec;
+  fs::remove(file, ec);
+  return {};
+}
+
+// Puts the uploaded bytes at `path` in the build unless it was finalized meanwhile. The finalize
+// lock makes the check and the rename one step for finalize: an upload either lands before the
+// manifest is written (and is listed in it) or is refused.
+std::optional<Response> placeUpload(const Request& req, Context& ctx, const std::string& path) {
+  const std::string& id = req.segment();
+  const BuildPaths build = buildPaths(ctx.data, id);
+  fs::path source = req.bodyFile;
+  if (source.empty()) source = stageBody(ctx.data, id, req.body);
+  if (source.empty()) return http::errorResponse(500, text::kStoreFailed);
+  std::optional<Response> refusal;
+  {
+    auto guard = ctx.buildLocks.lock(id);
+    if (isFinalized(build)) {
+      refusal = http::errorResponse(409, text::kImmutable);
+    } else if (!placeBuildFile(build.dir, path, source)) {
+      refusal = http::errorResponse(500, text::kStoreFailed);
+    }
+  }
+  // A streamed body left behind is the server's to remove; one staged here is ours.
+  std::error_code ec;
+  if (refusal && req.bodyFile.empty()) fs::remove(source, ec);
+  return refusal;
 }
 
 }  // namespace
@@ -69,21 +100,19 @@ std::optional<Response> uploadCheck(const Request& req, Context& ctx) {
   return std::nullopt;
 }
 
-std::filesystem::path uploadBodyFile(const Request&, Context& ctx) {
-  return incomingUploads(ctx.data) / store::randomString(kUploadNameLength);
+std::filesystem::path uploadBodyFile(const Request& req, Context& ctx) {
+  return uploadStaging(ctx.data, req.segment()) / (store::randomString(kUploadNameLength) + ".tmp");
 }
 
 Response uploadFile(const Request& req, Context& ctx) {
-  // Checked again now that the body is here: the build may have been finalized meanwhile, and
-  // a finalized build must never change.
   if (auto refusal = uploadCheck(req, ctx)) return *refusal;
   const std::string& id = req.segment();
   const std::string path = *safePath(req);
-  const fs::path target = buildPaths(ctx.data, id).files / fs::path(path);
   std::error_code ec;
   const std::uint64_t size =
       req.bodyFile.empty() ? req.body.size() : fs::file_size(req.bodyFile, ec);
-  if (ec || !placeUpload(req, target)) return http::errorResponse(500, text::kStoreFailed);
+  if (ec) return http::errorResponse(500, text::kStoreFailed);
+  if (auto refusal = placeUpload(req, ctx, path)) return *refusal;
   Json::Value receipt(Json::objectValue);
   receipt["build"] = id;
   receipt["path"] = path;
@@ -95,9 +124,10 @@ Response finalizeBuild(const Request& req, Context& ctx) {
   const std::string& id = req.segment();
   if (!store::isValidName(id)) return http::errorResponse(400, text::kBadId);
   const BuildPaths build = buildPaths(ctx.data, id);
+  // Held until the manifest is written: no upload lands between the walk and the manifest.
+  auto guard = ctx.buildLocks.lock(id);
   if (isFinalized(build)) return http::errorResponse(409, text::kAlreadyFinalized);
-  std::error_code ec;
-  if (!fs::is_directory(build.files, ec)) return http::errorResponse(404, text::kNoFiles);
+  if (!hasFilesDirectory(build)) return http::errorResponse(404, text::kNoFiles);
   Json::Value manifest = makeManifest(build, id);
   if (!store::writeJsonFile(build.manifest, manifest)) {
     return http::errorResponse(500, text::kManifestFailed);
@@ -121,9 +151,9 @@ Response downloadFile(const Request& req, Context& ctx) {
   if (!store::isValidName(id)) return http::errorResponse(400, text::kBadId);
   auto path = safePath(req);
   if (!path) return http::errorResponse(400, text::kBadPath);
-  const fs::path file = buildPaths(ctx.data, id).files / fs::path(*path);
-  std::error_code ec;
-  if (!fs::is_regular_file(file, ec)) return http::errorResponse(404, text::kFileNotFound);
+  const BuildPaths build = buildPaths(ctx.data, id);
+  if (!isBuildFile(build.dir, *path)) return http::errorResponse(404, text::kFileNotFound);
+  const fs::path file = build.files / fs::path(*path);
   const std::string name = file.filename().string();
   return http::Response::fromFile(file, contentTypeFor(name))
       .withHeader("Content-Disposition", attachmentDisposition(name));

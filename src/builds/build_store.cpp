@@ -1,5 +1,7 @@
 #include "builds/build_store.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "store/documents.h"
@@ -8,6 +10,9 @@
 namespace quill::builds {
 
 namespace {
+
+constexpr const char* kSharedStaging = "~incoming";
+constexpr const char* kBuildStaging = "incoming";
 
 // Every parsable channel document, as (channel name, document), in directory order.
 std::vector<std::pair<std::string, Json::Value>> channelDocuments(const store::DataDir& data) {
@@ -30,7 +35,31 @@ BuildPaths buildPaths(const store::DataDir& data, const std::string& id) {
   return {dir, dir / "files", dir / "manifest.json", dir / "state.json"};
 }
 
-fs::path incomingUploads(const store::DataDir& data) { return data.root() / "incoming"; }
+fs::path uploadStaging(const store::DataDir& data, const std::string& id) {
+  struct stat builds {};
+  struct stat build {};
+  const fs::path dir = buildPaths(data, id).dir;
+  if (::stat(data.builds().c_str(), &builds) == 0 && ::stat(dir.c_str(), &build) == 0 &&
+      builds.st_dev != build.st_dev) {
+    return dir / kBuildStaging;
+  }
+  return data.builds() / kSharedStaging;
+}
+
+void removeUploadLeftovers(const store::DataDir& data) {
+  std::error_code ec;
+  fs::remove_all(data.root() / "incoming", ec);
+  fs::remove_all(data.builds() / kSharedStaging, ec);
+  for (fs::directory_iterator it(data.builds(), ec), end; !ec && it != end; it.increment(ec)) {
+    std::error_code ignored;
+    fs::remove_all(it->path() / kBuildStaging, ignored);
+  }
+}
+
+bool hasFilesDirectory(const BuildPaths& build) {
+  std::error_code ec;
+  return fs::is_directory(fs::symlink_status(build.files, ec));
+}
 
 bool isFinalized(const BuildPaths& build) {
   std::error_code ec;
@@ -51,8 +80,9 @@ std::optional<Json::Value> readManifest(const BuildPaths& build) {
 
 Json::Value makeManifest(const BuildPaths& build, const std::string& id) {
   std::vector<std::pair<std::string, std::uint64_t>> entries;
+  // The iterator does not descend into linked directories; symlink_status keeps linked files out.
   for (const auto& entry : fs::recursive_directory_iterator(build.files)) {
-    if (!entry.is_regular_file()) continue;
+    if (!fs::is_regular_file(entry.symlink_status())) continue;
     entries.emplace_back(entry.path().lexically_relative(build.files).generic_string(),
                          entry.file_size());
   }

@@ -26,17 +26,27 @@ struct BuildPaths {
 // `id` must have passed the name rule.
 BuildPaths buildPaths(const store::DataDir& data, const std::string& id);
 
-// Where upload bodies are streamed while they arrive: on the same file system as the builds, but
-// outside every build, so an upload cut short neither creates a build nor reaches a manifest.
-fs::path incomingUploads(const store::DataDir& data);
+// The directory an upload to build `id` is written into while it arrives: on the file system of
+// the build (so the finished file is renamed into place, never copied) and outside every `files/`
+// (so finalize never sees a partial upload). That is `builds/~incoming` (a name no build id can
+// take), unless `builds/<id>` exists on another file system than `builds/`: then
+// `builds/<id>/incoming`. An upload to a new build creates no build directory before it is whole.
+fs::path uploadStaging(const store::DataDir& data, const std::string& id);
+
+// Removes what uploads cut short by a crash left in the staging directories (and in the data
+// directory's old `incoming/`). Only for start-up: it would break uploads in progress.
+void removeUploadLeftovers(const store::DataDir& data);
 
 bool isFinalized(const BuildPaths& build);
+// Whether `files/` is a directory of its own (not a link).
+bool hasFilesDirectory(const BuildPaths& build);
 // A missing or unreadable state document means "not disabled".
 bool isDisabled(const BuildPaths& build);
 std::optional<Json::Value> readManifest(const BuildPaths& build);
 
-// Walks `files/` (regular files only) into a manifest document, paths sorted by byte order.
-// Throws fs::filesystem_error if the walk fails.
+// Walks `files/` into a manifest document, paths sorted by byte order. Lists regular files only:
+// links are neither listed nor followed. Requires hasFilesDirectory. Throws fs::filesystem_error if
+// the walk fails.
 Json::Value makeManifest(const BuildPaths& build, const std::string& id);
 
 // Channel names per build id, each list sorted, from one read of the channel documents.

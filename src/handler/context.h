@@ -4,6 +4,7 @@
 
 #include "handler/settings.h"
 #include "store/data_dir.h"
+#include "store/keyed_mutex.h"
 #include "store/token_index.h"
 
 namespace quill {
@@ -14,6 +15,9 @@ struct Context {
   Settings settings;
   store::DataDir data;
   store::TokenIndex tokens;
+  // Per build id: an upload's last check and rename, and a finalize's check, walk and manifest
+  // write, never interleave, so a finalized build never differs from its manifest.
+  store::KeyedMutex buildLocks;
 };
 
 }  // namespace quill

@@ -1,10 +1,14 @@
 #include "store/documents.h"
 
+#include <fcntl.h>
 #include <json/reader.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
 #include <system_error>
+
+#include "store/durable_file.h"
 
 namespace quill::store {
 
@@ -37,7 +41,14 @@ bool isJsonRecordFile(const fs::directory_entry& entry) {
 std::optional<Json::Value> parseJsonObject(std::string_view text) {
   const std::unique_ptr<Json::CharReader> reader(readerBuilder().newCharReader());
   Json::Value value;
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return std::nullopt;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
+      return std::nullopt;
+    }
+  } catch (const Json::Exception&) {
+    // The reader throws instead of failing when nesting runs past its stack limit.
+    return std::nullopt;
+  }
   if (!value.isObject()) return std::nullopt;
   return value;
 }
@@ -60,24 +71,24 @@ bool readJsonFile(const fs::path& path, Json::Value& out) {
 }
 
 bool writeFileAtomic(const fs::path& path, std::string_view bytes) {
-  std::error_code ignored;
   // Record directories come into being with their first record; if this fails, the open fails.
-  fs::create_directories(path.parent_path(), ignored);
+  makeDirectories(path.parent_path());
 
-  fs::path tmp = path;
-  tmp += ".tmp";
-  std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-  if (!out) return false;
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  if (!out) return false;
-  // Closing flushes the stream's buffer, so a full disk may only show here; never rename a
-  // truncated document over a good one.
-  out.close();
-  if (!out) return false;
-
-  std::error_code ec;
-  fs::rename(tmp, path, ec);
-  return !ec;
+  // A temporary of this write's own: concurrent writers of one document (threads, or an offline
+  // command beside the server) never write into each other's file.
+  const fs::path tmp = temporaryBeside(path);
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) return false;
+  // The bytes reach the disk before the rename, so a power cut never leaves an empty or torn
+  // document under the real name.
+  bool written = writeAll(fd, bytes) && syncFile(fd);
+  written = ::close(fd) == 0 && written;
+  if (!written || ::rename(tmp.c_str(), path.c_str()) != 0) {
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  // Until the directory is flushed the rename itself may be lost.
+  return syncDirectory(path.parent_path());
 }
 
 std::string toStyledJson(const Json::Value& value) { return value.toStyledString(); }

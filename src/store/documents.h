@@ -1,6 +1,7 @@
 #pragma once
 // JSON documents in the data directory: one object per file, read whole, written whole through a
-// temporary file and a rename, so a reader sees either the old document or the new one.
+// temporary file of its own and a rename, so a reader sees either the old document or the new
+// one, and an acknowledged write survives a power cut.
 //
 // Thread safety: no locks. Concurrent read-modify-write of one document is last-writer-wins;
 // only the replacement of the whole file is atomic.
@@ -22,13 +23,15 @@ namespace fs = std::filesystem;
 // JSON or not a JSON object (every document is one object); callers treat that as "absent".
 bool readJsonFile(const fs::path& path, Json::Value& out);
 
-// `text` parsed as one JSON object with nothing after it, or nullopt. Used for documents and for
-// request bodies alike.
+// `text` parsed as one JSON object with nothing after it, or nullopt (also for nesting too deep to
+// parse). Used for documents and for request bodies alike.
 std::optional<Json::Value> parseJsonObject(std::string_view text);
 
-// Writes `bytes` to `path` + ".tmp" (creating missing parent directories), then renames it onto
-// `path`. Returns true only if the rename succeeded. A failed write may leave the ".tmp" file,
-// which the next write of the same document truncates and reuses.
+// Writes `bytes` to a temporary file of its own beside `path` ("<name>.<random>.tmp", creating
+// missing parent directories), flushes it to the disk, renames it onto `path` and flushes the
+// directory. Returns true only when all of that succeeded: the document then survives a power
+// cut. A failed write removes its temporary and leaves the old document in place. Safe to call
+// from several threads and processes for one `path` at once: each reader sees one whole document.
 bool writeFileAtomic(const fs::path& path, std::string_view bytes);
 
 // The styled (multi-line, indented, keys in ascending order) form of `value`, newline-terminated.

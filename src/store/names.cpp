@@ -8,9 +8,11 @@ namespace quill::store {
 
 namespace {
 
-constexpr std::size_t kMaxNameBytes = 128;
 constexpr std::size_t kMaxPathBytes = 1024;
 constexpr std::size_t kMaxPathSegments = 32;
+// A segment becomes one file or directory name, which the file system caps at 255 bytes; the rule
+// refuses what could never be stored rather than letting the write fail later.
+constexpr std::size_t kMaxSegmentBytes = 255;
 
 // Names the Windows file APIs treat as devices whatever the extension; a record or build file
 // with such a stem would not be a file there, so it is refused everywhere.
@@ -99,7 +101,7 @@ bool isForbiddenPathByte(unsigned char byte) {
 }
 
 bool isSafeSegment(std::string_view segment) {
-  if (segment.empty() || isDotOrDotDot(segment)) return false;
+  if (segment.empty() || segment.size() > kMaxSegmentBytes || isDotOrDotDot(segment)) return false;
   if (segment.front() == ' ' || segment.back() == ' ' || segment.back() == '.') return false;
   if (isReservedDeviceName(segment)) return false;
   for (const char c : segment) {

@@ -16,6 +16,9 @@ namespace quill::store {
 
 namespace {
 
+// "-" and 4 random characters, appended when a machine's token name is taken.
+constexpr std::size_t kSuffixBytes = 5;
+
 // The first token file whose `token_hash` equals `hash`, in directory order.
 std::optional<TokenFile> scanForHash(const DataDir& data, const std::string& hash) {
   for (auto& [path, record] : listJsonDir(data.tokens())) {
@@ -97,11 +100,14 @@ std::string machineTokenName(const DataDir& data, std::string_view owner,
     }
   }
   if (word.empty()) word = "device";
-  std::string name = std::string(owner) + "-" + word;
+  // Cut so that even with the suffix the name passes the name rule that `token delete` applies.
+  // The cut keeps the owner's stem (or more than 4 bytes of it), so it never makes a reserved
+  // device name, and it cannot end up as "." or "..".
+  std::string name = (std::string(owner) + "-" + word).substr(0, kMaxNameBytes - kSuffixBytes);
   std::error_code ec;
   if (fs::exists(DataDir::recordPath(data.tokens(), name), ec)) {
     name += '-';
-    name += randomString(4);
+    name += randomString(kSuffixBytes - 1);
   }
   return name;
 }

@@ -31,8 +31,8 @@ std::string mintToken(const DataDir& data, const std::string& tokenName,
                       const std::string& userName);
 
 // A fresh token name for a machine of `owner`: owner + "-" + the letters, digits, "-", "." and "_"
-// of `machine` (or "device" when none are left), with "-" and 4 random characters appended when a
-// token of that name exists already.
+// of `machine` (or "device" when none are left), cut to 123 bytes, with "-" and 4 random
+// characters appended when a token of that name exists already. Always a valid name.
 std::string machineTokenName(const DataDir& data, std::string_view owner, std::string_view machine);
 
 // The token record `tokens/<name>.json`, or nullopt.

@@ -28,7 +28,8 @@ class AccessRequestsApi : public ApiTest {
   }
 
   http::Response submit(const std::string& json, const std::string& peer = "") {
-    return send(Req("POST", "/api/access-requests").from(peer.empty() ? freshPeer() : peer).body(json));
+    return send(
+        Req("POST", "/api/access-requests").from(peer.empty() ? freshPeer() : peer).body(json));
   }
 
   // Submits a request and answers its id.
@@ -94,12 +95,14 @@ TEST_F(AccessRequestsApi, SubmitRefusesBadBodiesNamesAndAddressesWritingNothing)
   for (const char* bad : {"", "not json", "[1,2]", "\"name\"", "42", "null"}) {
     EXPECT_TRUE(isError(submit(bad), 400, "JSON body required")) << bad;
   }
+  const std::string deep = std::string(1001, '[') + std::string(1001, ']');
+  EXPECT_TRUE(isError(submit(R"({"name":)" + deep + "}"), 400, "JSON body required"));
   const std::string badName = "missing or invalid name";
   EXPECT_TRUE(isError(submit(R"({"email":"a@example.com"})"), 400, badName));
   EXPECT_TRUE(isError(submit(R"({"name":42,"email":"a@example.com"})"), 400, badName));
-  for (const std::string& name : {std::string(""), std::string(129, 'n'), std::string(".."),
-                                  std::string("con"), std::string("Aux.txt"),
-                                  std::string("a..b"), std::string("x..")}) {
+  for (const std::string& name :
+       {std::string(""), std::string(129, 'n'), std::string(".."), std::string("con"),
+        std::string("Aux.txt"), std::string("a..b"), std::string("x..")}) {
     EXPECT_TRUE(isError(submit(body(name, "a@example.com")), 400, badName)) << name;
   }
   // The name is checked before the address.
@@ -138,8 +141,7 @@ TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStill
   EXPECT_EQ(ids().size(), 50u);
 
   // Declining one opens a place again.
-  ASSERT_EQ(send(Req("DELETE", "/api/access-requests/req10000").bearer(admin())).status,
-            200u);
+  ASSERT_EQ(send(Req("DELETE", "/api/access-requests/req10000").bearer(admin())).status, 200u);
   EXPECT_EQ(submit(body("late", "late@example.com")).status, 200u);
   EXPECT_TRUE(isError(submit(body("later", "later@example.com")), 429,
                       "too many pending requests - try again later"));

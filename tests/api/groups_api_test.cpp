@@ -49,13 +49,13 @@ TEST_F(GroupsApiTest, ListShowsChannelsAndComputedMembers) {
     }
     byName[entry["name"].asString()] = http::toCompactJson(sorted);
   }
-  EXPECT_EQ(byName,
-            (std::map<std::string, std::string>{
-                {"empty", R"({"channels":[],"members":[],"name":"empty","sso_managed":false})"},
-                {"managed",
-                 R"({"channels":[],"members":["mia"],"name":"managed","sso_managed":true})"},
-                {"team", R"({"channels":["beta","stable"],"members":["mia","pete"],)"
-                         R"("name":"team","sso_managed":false})"}}));
+  EXPECT_EQ(
+      byName,
+      (std::map<std::string, std::string>{
+          {"empty", R"({"channels":[],"members":[],"name":"empty","sso_managed":false})"},
+          {"managed", R"({"channels":[],"members":["mia"],"name":"managed","sso_managed":true})"},
+          {"team", R"({"channels":["beta","stable"],"members":["mia","pete"],)"
+                   R"("name":"team","sso_managed":false})"}}));
 }
 
 TEST_F(GroupsApiTest, CreateAnswersTheNewRecord) {
@@ -139,12 +139,12 @@ TEST_F(GroupsApiTest, WriteFailures) {
   admin();
   writeChannel("beta");
   seedGroup("team");
-  blockWrites(groupPath("team"));
+  if (!blockWrites(groupPath("team"))) GTEST_SKIP() << "no immutable files here";
   EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/groups/team/channels").q("channel", "beta")), 500,
                       "could not update group"));
   EXPECT_TRUE(isError(asAdmin(Req("DELETE", "/api/groups/team/channels").q("channel", "beta")), 500,
                       "could not update group"));
-  blockWrites(groupPath("fresh"));
+  if (!blockWrites(groupPath("fresh"))) GTEST_SKIP() << "no immutable files here";
   EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/groups/fresh")), 500, "could not create group"));
   EXPECT_FALSE(fs::exists(groupPath("fresh")));
 
@@ -153,7 +153,7 @@ TEST_F(GroupsApiTest, WriteFailures) {
   seedUser("u2", "member");
   joinGroups("u1", strings({"team"}));
   joinGroups("u2", strings({"team"}));
-  blockWrites(userPath("u2"));
+  if (!blockWrites(userPath("u2"))) GTEST_SKIP() << "no immutable files here";
   EXPECT_EQ(asAdmin(Req("DELETE", "/api/groups/team")).body,
             R"({"deleted":"team","removed_from_users":2})");
   EXPECT_EQ(readDoc(userPath("u1"))["groups"], Json::Value(Json::arrayValue));
@@ -185,7 +185,8 @@ TEST_F(GroupsApiTest, MeResolvesTheCallerItselfGateOrNot) {
                          Req("GET", "/api/me").header("authorization", "bearer " + token)}) {
     EXPECT_TRUE(isError(api::me(req.build(), ctx()), 401, "missing or invalid token"));
   }
-  EXPECT_EQ(api::me(Req("GET", "/api/me").header("AUTHORIZATION", "Bearer " + token).build(), ctx()).status,
+  EXPECT_EQ(api::me(Req("GET", "/api/me").header("AUTHORIZATION", "Bearer " + token).build(), ctx())
+                .status,
             200u);
 }
 

@@ -9,6 +9,7 @@
 
 #include "http/json.h"
 #include "store/invites.h"
+#include "store/names.h"
 #include "store/tokens.h"
 #include "store/utc_time.h"
 #include "support/api_fixture.h"
@@ -48,7 +49,9 @@ TEST_F(InvitesApi, MintAnswersTheCreationDocumentAndFilesTheRecordUnderTheCodesH
   seedGroup("testers");
   seedGroup("qa");
   const std::int64_t before = std::time(nullptr);
-  auto res = mint({{"user", "newbie"}, {"groups", "testers,qa"}, {"email", "n@example.com"},
+  auto res = mint({{"user", "newbie"},
+                   {"groups", "testers,qa"},
+                   {"email", "n@example.com"},
                    {"display_name", "New Bie"}});
   const std::int64_t after = std::time(nullptr);
   EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"code", "expires_at", "groups", "id",
@@ -108,7 +111,8 @@ TEST_F(InvitesApi, MintChecksUserThenServiceAccountThenGroupsThenDays) {
   for (const char* groups : {"bad name", "testers,,testers", ",testers", "testers,..", "nul"}) {
     cases.push_back({{{"user", "bob"}, {"groups", groups}}, 400, badGroup});
   }
-  for (const char* days : {"0", "3651", "-1", "abc", "", "7x", " 7", "1.5", "99999999999999999999"}) {
+  for (const char* days :
+       {"0", "3651", "-1", "abc", "", "7x", " 7", "1.5", "99999999999999999999"}) {
     cases.push_back({{{"user", "bob"}, {"days", days}}, 400, badDays});
   }
   for (const auto& c : cases) {
@@ -125,7 +129,9 @@ TEST_F(InvitesApi, ListShowsEveryReadableInviteWithExpiryAndNeverTheCode) {
   seedGroup("testers");
   const std::string member = seedUser("mo", "member");
   auto plain = bodyOf(mint({{"user", "bob"}}));
-  auto rich = bodyOf(mint({{"user", "carol"}, {"groups", "testers"}, {"email", "c@example.com"},
+  auto rich = bodyOf(mint({{"user", "carol"},
+                           {"groups", "testers"},
+                           {"email", "c@example.com"},
                            {"display_name", "Carol"}}));
   auto old = bodyOf(mint({{"user", "dave"}}));
   age(old["code"].asString(), 60);
@@ -172,14 +178,16 @@ TEST_F(InvitesApi, RevokeRemovesTheInviteByItsPublicId) {
 TEST_F(InvitesApi, RedeemCreatesTheMissingUserAndATokenNamedAfterTheMachine) {
   const std::string code = inviteCode("alice", {}, "alice@example.com", "Alice A");
   auto res = redeem(code, "My Laptop!");
-  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"channels", "groups", "role", "schema_version",
-                                                        "token", "token_name", "user"}));
+  EXPECT_EQ(memberOrder(res),
+            (std::vector<std::string>{"channels", "groups", "role", "schema_version", "token",
+                                      "token_name", "user"}));
   Json::Value doc = bodyOf(res);
   ASSERT_TRUE(isRandomText(doc["token"], 48));
   const std::string token = doc["token"].asString();
   doc.removeMember("token");
-  EXPECT_EQ(http::toCompactJson(doc),
-            R"({"channels":[],"groups":[],"role":"member","schema_version":1,"token_name":"alice-MyLaptop","user":"alice"})");
+  EXPECT_EQ(
+      http::toCompactJson(doc),
+      R"({"channels":[],"groups":[],"role":"member","schema_version":1,"token_name":"alice-MyLaptop","user":"alice"})");
 
   Json::Value user = readDoc(userPath("alice"));
   EXPECT_EQ(user["role"], "member");
@@ -208,6 +216,22 @@ TEST_F(InvitesApi, RedeemTokenNameKeepsOnlyNameCharactersOfTheMachine) {
                  Case{"build_box.01-b", "u3-build_box.01-b"}, Case{"caf\xc3\xa9 #9", "u4-caf9"}}) {
     auto res = redeem(inviteCode(std::string(c.tokenName).substr(0, 2)), c.machine);
     EXPECT_EQ(bodyOf(res)["token_name"], c.tokenName) << (c.machine ? c.machine : "(absent)");
+  }
+}
+
+TEST_F(InvitesApi, RedeemWithALongMachineNameMintsATokenThatPassesTheNameRule) {
+  // Two redemptions per case: the second name carries the random suffix.
+  for (const std::string& user : {std::string("bo"), std::string(128, 'u')}) {
+    for (std::size_t length : {200u, 300u}) {
+      for (int round = 0; round < 2; ++round) {
+        auto res = redeem(inviteCode(user), std::string(length, 'm').c_str());
+        ASSERT_EQ(res.status, 200u) << res.body;
+        const std::string name = bodyOf(res)["token_name"].asString();
+        EXPECT_TRUE(store::isValidName(name)) << name;
+        EXPECT_EQ(name.rfind(user.substr(0, 100), 0), 0u) << name;
+        EXPECT_TRUE(fs::is_regular_file(tokenPath(name))) << name;
+      }
+    }
   }
 }
 
@@ -264,7 +288,8 @@ TEST_F(InvitesApi, RedeemJoinsGroupsAndAnswersTheEffectiveChannels) {
   EXPECT_EQ(stored["groups"], strings({"g1", "g2", "g3"}));
   EXPECT_EQ(stored["email"], "old@example.com");
   EXPECT_FALSE(stored.isMember("display_name"));
-  EXPECT_EQ(bodyOf(as(doc["token"].asString(), Req("GET", "/api/me")))["channels"], doc["channels"]);
+  EXPECT_EQ(bodyOf(as(doc["token"].asString(), Req("GET", "/api/me")))["channels"],
+            doc["channels"]);
 }
 
 TEST_F(InvitesApi, RedeemIsChargedToTheCredentialBudgetWhetherItSucceedsOrNot) {

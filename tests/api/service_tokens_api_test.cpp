@@ -72,7 +72,8 @@ TEST_F(ServiceTokensApiTest, TheTokenIsShownOnceAndAuthenticatesAsTheAccount) {
 }
 
 TEST_F(ServiceTokensApiTest, AnUnstorableTokenIsNotHandedOut) {
-  blockWrites(tokenPath("deploy"));
+  admin();  // the caller's token first: the block covers the whole token directory
+  if (!blockWrites(tokenPath("deploy"))) GTEST_SKIP() << "no immutable files here";
   EXPECT_TRUE(isError(mint("ci", "deploy"), 500, "could not store token"));
   EXPECT_FALSE(fs::exists(tokenPath("deploy")));
 }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "http/json.h"
@@ -26,12 +27,16 @@ constexpr const char* kFileNotFound = "file not found";
 class BuildApiTest : public ApiTest {
  protected:
   void SetUp() override { start(false); }
-  http::Response readBuild(const std::string& id) { return asAdmin(Req("GET", "/api/builds/" + id)); }
+  http::Response readBuild(const std::string& id) {
+    return asAdmin(Req("GET", "/api/builds/" + id));
+  }
   http::Response download(const std::string& id, const std::string& path) {
     return asAdmin(Req("GET", "/api/builds/" + id + "/files").q("path", path));
   }
   http::Response listBuilds() { return asAdmin(Req("GET", "/api/builds")); }
-  http::Response remove(const std::string& id) { return asAdmin(Req("DELETE", "/api/builds/" + id)); }
+  http::Response remove(const std::string& id) {
+    return asAdmin(Req("DELETE", "/api/builds/" + id));
+  }
   http::Response disable(const std::string& id, std::optional<std::string> value = std::nullopt) {
     Req req("POST", "/api/builds/" + id + "/disabled");
     if (value) req.q("value", *value);
@@ -41,13 +46,12 @@ class BuildApiTest : public ApiTest {
 
 TEST_F(BuildApiTest, EveryBuildRouteRefusesAnInvalidIdFirst) {
   for (const std::string id : {"bad id", "Lpt9.zip"}) {
-    for (const Req& req : {Req("PUT", "/api/builds/" + id + "/files"),
-                           Req("PUT", "/api/builds/" + id + "/files").q("path", "ok.txt"),
-                           Req("POST", "/api/builds/" + id + "/finalize"),
-                           Req("GET", "/api/builds/" + id),
-                           Req("GET", "/api/builds/" + id + "/files").q("path", "a.txt"),
-                           Req("POST", "/api/builds/" + id + "/disabled"),
-                           Req("DELETE", "/api/builds/" + id)}) {
+    for (const Req& req :
+         {Req("PUT", "/api/builds/" + id + "/files"),
+          Req("PUT", "/api/builds/" + id + "/files").q("path", "ok.txt"),
+          Req("POST", "/api/builds/" + id + "/finalize"), Req("GET", "/api/builds/" + id),
+          Req("GET", "/api/builds/" + id + "/files").q("path", "a.txt"),
+          Req("POST", "/api/builds/" + id + "/disabled"), Req("DELETE", "/api/builds/" + id)}) {
       EXPECT_TRUE(isError(asAdmin(req), 400, kBadId)) << req.build().method << " " << id;
     }
   }
@@ -61,7 +65,8 @@ TEST_F(BuildApiTest, RillOnlyServerRefusesEveryUploadAfterTheGateAndBeforeAnyOth
   EXPECT_TRUE(isError(asAdmin(Req("PUT", "/api/builds/bad id/files")), 403, kRillOnly));
   EXPECT_TRUE(isError(upload("done", "app.bin", "x"), 403, kRillOnly));
   // The gate still answers first.
-  EXPECT_TRUE(isError(send(Req("PUT", "/api/builds/bad id/files")), 401, "missing or invalid token"));
+  EXPECT_TRUE(
+      isError(send(Req("PUT", "/api/builds/bad id/files")), 401, "missing or invalid token"));
   const std::string mia = seedUser("mia", "member");
   EXPECT_TRUE(isError(as(mia, Req("PUT", "/api/builds/b3/files").q("path", "a")), 403,
                       "this operation requires the admin role"));
@@ -98,7 +103,19 @@ TEST_F(BuildApiTest, UploadStoresTheBodyAtItsPathAndAReuploadReplacesIt) {
   EXPECT_EQ(readBytes(buildDir("b1") / "files" / path), "v2");
   // The atomic write leaves nothing beside the files themselves.
   EXPECT_EQ(filesIn(buildDir("b1") / "files"), 2u);
+  EXPECT_FALSE(fs::exists(buildDir("b1") / "incoming"));
   EXPECT_EQ(filesIn(buildDir("b1") / "files" / "Game Data"), 1u);
+
+  // Every upload has a temporary of its own: an empty upload of `x` leaves `x.tmp` alone.
+  ASSERT_TRUE(isOk(upload("b1", "x.tmp", "earlier")));
+  ASSERT_TRUE(isOk(upload("b1", "x", "")));
+  EXPECT_EQ(readBytes(buildDir("b1") / "files" / "x.tmp"), "earlier");
+
+  // A segment may be as long as a file name can be.
+  const std::string longest(255, 'n');
+  ASSERT_TRUE(isOk(upload("b1", "deep/" + longest, "long")));
+  EXPECT_EQ(readBytes(download("b1", "deep/" + longest).file), "long");
+  EXPECT_TRUE(isError(upload("b1", "deep/" + longest + "n", "x"), 400, kBadPath));
 
   // A path that collides with a file or a directory cannot be stored.
   ASSERT_TRUE(isOk(upload("b1", "plain", "a file")));
@@ -108,9 +125,14 @@ TEST_F(BuildApiTest, UploadStoresTheBodyAtItsPathAndAReuploadReplacesIt) {
 }
 
 TEST_F(BuildApiTest, FinalizeWritesTheManifestWithFilesInByteOrder) {
-  for (const auto& [path, content] : std::vector<std::pair<std::string, std::string>>{
-           {"a.txt", "1"}, {"B.txt", "22"}, {"dir2/y", "333"}, {"dir/x", "4444"},
-           {"dir.txt", "55555"}, {"z.txt", ""}, {"\xC3\xA9.txt", "666666"}}) {
+  for (const auto& [path, content] :
+       std::vector<std::pair<std::string, std::string>>{{"a.txt", "1"},
+                                                        {"B.txt", "22"},
+                                                        {"dir2/y", "333"},
+                                                        {"dir/x", "4444"},
+                                                        {"dir.txt", "55555"},
+                                                        {"z.txt", ""},
+                                                        {"\xC3\xA9.txt", "666666"}}) {
     ASSERT_TRUE(isOk(upload("b1", path, content)));
   }
   fs::create_directories(buildDir("b1") / "files" / "empty dir");
@@ -118,8 +140,8 @@ TEST_F(BuildApiTest, FinalizeWritesTheManifestWithFilesInByteOrder) {
   const std::string before = store::nowUtcText();
   auto res = finalize("b1");
   ASSERT_TRUE(isOk(res));
-  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"build", "created_at", "file_count", "files",
-                                                        "schema_version", "total_size"}));
+  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"build", "created_at", "file_count",
+                                                        "files", "schema_version", "total_size"}));
   Json::Value manifest = bodyOf(res);
   EXPECT_EQ(manifest["schema_version"], 1);
   EXPECT_EQ(manifest["build"], "b1");
@@ -129,8 +151,8 @@ TEST_F(BuildApiTest, FinalizeWritesTheManifestWithFilesInByteOrder) {
   EXPECT_EQ(manifest["total_size"], 21);
   std::vector<std::string> paths;
   for (const auto& f : manifest["files"]) paths.push_back(f["path"].asString());
-  EXPECT_EQ(paths, (std::vector<std::string>{"B.txt", "a.txt", "dir.txt", "dir/x", "dir2/y", "z.txt",
-                                             "\xC3\xA9.txt"}));
+  EXPECT_EQ(paths, (std::vector<std::string>{"B.txt", "a.txt", "dir.txt", "dir/x", "dir2/y",
+                                             "z.txt", "\xC3\xA9.txt"}));
   EXPECT_EQ(manifest["files"][3]["size"], 4);
 
   // The stored manifest is the one answered, in the indented form.
@@ -155,6 +177,60 @@ TEST_F(BuildApiTest, FinalizeNeedsAFilesDirectoryButNotAFile) {
   EXPECT_EQ(bodyOf(res)["total_size"], 0);
 }
 
+TEST_F(BuildApiTest, LinksLeftUnderABuildAreNeverFollowed) {
+  const fs::path outside = dir() / "outside";
+  fs::create_directories(outside / "dir");
+  writeText(outside / "secret.txt", "secret");
+  ASSERT_TRUE(isOk(upload("b1", "real.txt", "real")));
+  const fs::path files = buildDir("b1") / "files";
+  fs::create_directory_symlink(outside / "dir", files / "linked-dir");
+  fs::create_symlink(outside / "secret.txt", files / "linked-file");
+
+  EXPECT_TRUE(isError(upload("b1", "linked-dir/new.txt", "x"), 500, "could not store file"));
+  EXPECT_TRUE(fs::is_empty(outside / "dir"));
+  EXPECT_TRUE(isError(download("b1", "linked-file"), 404, kFileNotFound));
+  EXPECT_TRUE(isError(download("b1", "linked-dir/../secret.txt"), 400, kBadPath));
+  writeText(outside / "dir" / "inner.txt", "inner");
+  EXPECT_TRUE(isError(download("b1", "linked-dir/inner.txt"), 404, kFileNotFound));
+
+  // Finalize lists neither link nor what lies behind it.
+  auto res = finalize("b1");
+  ASSERT_TRUE(isOk(res));
+  EXPECT_EQ(http::toCompactJson(bodyOf(res)["files"]), R"([{"path":"real.txt","size":4}])");
+
+  // An upload over a link replaces the link, never the file it points at.
+  ASSERT_TRUE(isOk(upload("b2", "real.txt", "real")));
+  fs::create_symlink(outside / "secret.txt", buildDir("b2") / "files" / "over");
+  ASSERT_TRUE(isOk(upload("b2", "over", "replaced")));
+  EXPECT_FALSE(fs::is_symlink(buildDir("b2") / "files" / "over"));
+  EXPECT_EQ(readBytes(outside / "secret.txt"), "secret");
+
+  // A `files` that is itself a link is no files directory.
+  fs::create_directories(buildDir("b3"));
+  fs::create_directory_symlink(outside / "dir", buildDir("b3") / "files");
+  EXPECT_TRUE(isError(finalize("b3"), 404, kNoFiles));
+  EXPECT_TRUE(isError(upload("b3", "a.txt", "x"), 500, "could not store file"));
+}
+
+TEST_F(BuildApiTest, AnUploadRacingFinalizeIsListedOrRefusedNeverChangedAfterwards) {
+  for (int round = 0; round < 40; ++round) {
+    const std::string id = "r" + std::to_string(round);
+    ASSERT_TRUE(isOk(upload(id, "a.bin", "1")));
+    http::Response uploaded;
+    std::thread uploader([&] { uploaded = upload(id, "a.bin", std::string(20000, 'x')); });
+    http::Response finalized = finalize(id);
+    uploader.join();
+    ASSERT_TRUE(isOk(finalized));
+    const std::uint64_t listed = bodyOf(finalized)["files"][0]["size"].asUInt64();
+    EXPECT_EQ(fs::file_size(buildDir(id) / "files" / "a.bin"), listed) << round;
+    if (uploaded.status == 200u) {
+      EXPECT_EQ(listed, 20000u) << round;
+    } else {
+      EXPECT_TRUE(isError(uploaded, 409, kImmutable)) << round;
+    }
+  }
+}
+
 TEST_F(BuildApiTest, ReadAnnotatesTheManifestWithTheChannelsPointingAtIt) {
   EXPECT_TRUE(isError(readBuild("nobody"), 404, kNotFound));
   makeBuild("b1", {{"a.txt", "abc"}});
@@ -167,7 +243,8 @@ TEST_F(BuildApiTest, ReadAnnotatesTheManifestWithTheChannelsPointingAtIt) {
   writeText(data().channels() / "broken.json", R"({"build":"b1")");
   // Channel documents of any shape leave reads working.
   int odd = 0;
-  for (const char* text : {R"(["b1"])", R"("b1")", "7", "null", R"({"build": 5, "public": "yes"})"}) {
+  for (const char* text :
+       {R"(["b1"])", R"("b1")", "7", "null", R"({"build": 5, "public": "yes"})"}) {
     writeText(channelPath("odd" + std::to_string(++odd)), text);
   }
   fs::create_directories(data().channels() / "folder.json");
@@ -219,7 +296,8 @@ TEST_F(BuildApiTest, DisabledFlagIsFalseOnlyForTheExactWordFalse) {
   for (const auto& [value, disabled] : cases) {
     auto res = disable("b1", value);
     const std::string shown = value ? "'" + *value + "'" : "absent";
-    EXPECT_EQ(res.body, std::string(R"({"build":"b1","disabled":)") + (disabled ? "true" : "false") + "}")
+    EXPECT_EQ(res.body,
+              std::string(R"({"build":"b1","disabled":)") + (disabled ? "true" : "false") + "}")
         << shown;
     EXPECT_EQ(readDoc(buildDir("b1") / "state.json"),
               parseJson(std::string(R"({"disabled":)") + (disabled ? "true" : "false") +
@@ -288,7 +366,8 @@ TEST_F(BuildApiTest, ListingSummarisesFinalizedBuildsInByteOrder) {
   Json::Value b = readDoc(buildDir("b") / "manifest.json");
   EXPECT_EQ(http::toCompactJson(builds[3]),
             R"({"build":"b","channels":["alpha","zed"],"created_at":")" +
-                b["created_at"].asString() + R"(","disabled":false,"file_count":1,"total_size":5})");
+                b["created_at"].asString() +
+                R"(","disabled":false,"file_count":1,"total_size":5})");
   EXPECT_EQ(builds[2]["disabled"], true);
   EXPECT_EQ(http::toCompactJson(builds[4]),
             R"({"build":"not an id","channels":["odd"],"created_at":"2020-02-02T02:02:02Z",)"
@@ -309,7 +388,10 @@ TEST_F(BuildApiTest, ListingOfManyBuildsAgreesWithEachBuildsOwnRead) {
   for (int k = 0; k < 60; ++k) {
     // Pairs of channels share a build; some point nowhere or at a missing build.
     writeChannel((k % 3 ? "ch" : "CH") + std::to_string(k),
-                 k % 11 == 0 ? "" : k % 13 == 0 ? "gone" : idOf((k / 2) * 19 % kBuilds), k % 2 == 0);
+                 k % 11 == 0   ? ""
+                 : k % 13 == 0 ? "gone"
+                               : idOf((k / 2) * 19 % kBuilds),
+                 k % 2 == 0);
   }
   const Json::Value builds = bodyOf(listBuilds())["builds"];
   ASSERT_EQ(builds.size(), static_cast<Json::ArrayIndex>(kBuilds));

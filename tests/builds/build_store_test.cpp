@@ -3,12 +3,14 @@
 #include "builds/build_store.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
 #include <string>
 
 #include "builds/content_type.h"
+#include "support/temp_dir.h"
 #include "support/temp_dir_test_base.h"
 
 namespace quill::builds {
@@ -39,6 +41,37 @@ TEST_F(BuildStoreTest, OnlyAStoredTrueDisables) {
   fs::remove(build.state);
   fs::create_directories(build.state);
   EXPECT_FALSE(isDisabled(build));
+}
+
+TEST_F(BuildStoreTest, UploadsAreStagedOnTheFileSystemOfTheirBuild) {
+  EXPECT_EQ(uploadStaging(data_, "new"), data_.builds() / "~incoming");
+  fs::create_directories(buildPaths(data_, "here").dir);
+  EXPECT_EQ(uploadStaging(data_, "here"), data_.builds() / "~incoming");
+
+  // A build kept on another volume stages inside itself.
+  const test::TempDir elsewhere("/dev/shm");
+  struct stat a {
+  }, b{};
+  if (elsewhere.path().empty() || ::stat(elsewhere.path().c_str(), &a) != 0 ||
+      ::stat(data_.builds().c_str(), &b) != 0 || a.st_dev == b.st_dev) {
+    GTEST_SKIP() << "no second file system at /dev/shm";
+  }
+  fs::create_directory_symlink(elsewhere.path(), buildPaths(data_, "away").dir);
+  EXPECT_EQ(uploadStaging(data_, "away"), buildPaths(data_, "away").dir / "incoming");
+}
+
+TEST_F(BuildStoreTest, StartUpRemovesWhatBrokenUploadsLeftAndNothingElse) {
+  write(data_.root() / "incoming" / "old", "partial");
+  write(data_.builds() / "~incoming" / "x.tmp", "partial");
+  write(buildPaths(data_, "b1").dir / "incoming" / "y.tmp", "partial");
+  write(buildPaths(data_, "b1").files / "incoming" / "kept", "a file of the build");
+  write(buildPaths(data_, "b1").manifest, "{}");
+  removeUploadLeftovers(data_);
+  EXPECT_FALSE(fs::exists(data_.root() / "incoming"));
+  EXPECT_FALSE(fs::exists(data_.builds() / "~incoming"));
+  EXPECT_FALSE(fs::exists(buildPaths(data_, "b1").dir / "incoming"));
+  EXPECT_TRUE(fs::exists(buildPaths(data_, "b1").files / "incoming" / "kept"));
+  EXPECT_TRUE(fs::exists(buildPaths(data_, "b1").manifest));
 }
 
 TEST(ContentType, FollowsTheExtensionWhateverItsCase) {

@@ -125,7 +125,7 @@ class BuildsE2E : public ::testing::Test {
   }
   fs::path buildDir(const std::string& id) const { return fs::path(*dataDir) / "builds" / id; }
   // Where upload bodies are streamed while they arrive.
-  fs::path incoming() const { return fs::path(*dataDir) / "incoming"; }
+  fs::path incoming() const { return fs::path(*dataDir) / "builds" / "~incoming"; }
 
   // The head of a PUT that announces `length` body bytes.
   static std::string uploadHead(const std::string& target, std::uint64_t length, bool expect,
@@ -275,12 +275,13 @@ TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
   const std::string v1 = randomBytes(5000, 11);
   ASSERT_EQ(upload("cut", "keep/over.bin", v1).status, 200);
 
-  for (const char* path : {"keep%2Fover.bin", "new%2Fpartial.bin"}) {
+  for (const char* target : {"cut/files?path=keep%2Fover.bin", "cut/files?path=new%2Fpartial.bin",
+                             "fresh/files?path=a.bin"}) {
     {
       RawConnection raw(server->port());
       ASSERT_TRUE(raw.connected());
-      ASSERT_TRUE(raw.send(uploadHead(std::string("/api/builds/cut/files?path=") + path,
-                                      10 * 1000 * 1000, false, *adminToken)));
+      ASSERT_TRUE(raw.send(
+          uploadHead(std::string("/api/builds/") + target, 10 * 1000 * 1000, false, *adminToken)));
       ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 12)));
       ASSERT_TRUE(eventually([&] { return holdsBytes(incoming()); })) << "the body is being stored";
     }  // the connection closes here, 9 MB short
@@ -289,6 +290,7 @@ TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
   }
 
   EXPECT_FALSE(fs::exists(buildDir("cut") / "files" / "new" / "partial.bin"));
+  EXPECT_FALSE(fs::exists(buildDir("fresh"))) << "a broken first upload makes no build";
   auto kept = asAdmin("GET", "/api/builds/cut/files?path=keep%2Fover.bin");
   EXPECT_EQ(kept.status, 200);
   EXPECT_TRUE(kept.body == v1) << "the earlier whole upload stays";
@@ -326,6 +328,40 @@ TEST_F(BuildsE2E, ConcurrentUploadsOfOnePathEachLandWhole) {
   }
   EXPECT_TRUE(eventually([&] { return filesBelow(incoming()).empty(); }));
   EXPECT_EQ(filesBelow(buildDir("race") / "files"), std::vector<std::string>{"data/blob.bin"});
+}
+
+// Builds kept on another file system than the data directory: all of `builds/`, or one build.
+TEST(BuildsOnAnotherVolume, UploadsLandAndDownload) {
+  TempDir tmp;
+  TempDir volume("/dev/shm");
+  if (volume.path().empty()) GTEST_SKIP() << "no /dev/shm";
+  const fs::path data = tmp.path() / "data";
+  const std::string token = offlineAdminToken(data.string());
+  fs::create_directories(volume.path() / "builds" / "away");
+  fs::remove_all(data / "builds");
+  fs::create_directory_symlink(volume.path() / "builds", data / "builds");
+  ServerProcess server(kBinary, {"--data-dir", data.string()});
+  ASSERT_TRUE(server.waitUntilListening());
+  fs::create_directories(tmp.path() / "away");
+  fs::create_directory_symlink(tmp.path() / "away", volume.path() / "builds" / "linked");
+
+  Client client;
+  const std::vector<std::string> auth = {"Authorization: Bearer " + token};
+  const std::string body = randomBytes(300000, 5);
+  for (const char* build : {"onvolume", "linked"}) {
+    const std::string files = std::string("/api/builds/") + build + "/files?path=dir%2Fa.bin";
+    auto put = client.fetch("PUT", server.url(files), body, auth);
+    EXPECT_EQ(put.status, 200) << build << " " << put.body;
+    EXPECT_EQ(
+        client
+            .fetch("POST", server.url(std::string("/api/builds/") + build + "/finalize"), "", auth)
+            .status,
+        200)
+        << build;
+    auto got = client.fetch("GET", server.url(files), "", auth);
+    EXPECT_TRUE(got.status == 200 && got.body == body) << build << " " << got.status;
+  }
+  EXPECT_TRUE(fs::is_regular_file(tmp.path() / "away" / "files" / "dir" / "a.bin"));
 }
 
 }  // namespace

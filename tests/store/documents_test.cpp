@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/temp_dir_test_base.h"
 
@@ -21,6 +25,11 @@ class DocumentsTest : public test::TempDirTest {
   static std::string readRaw(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  }
+
+  static std::size_t filesIn(const fs::path& path) {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(path), fs::directory_iterator()));
   }
 
   static Json::Value record(const std::string& name) {
@@ -41,7 +50,7 @@ TEST_F(DocumentsTest, WriteCreatesParentsAndOverwriteReplacesTheWholeDocument) {
   Json::Value read;
   ASSERT_TRUE(readJsonFile(path, read));
   EXPECT_EQ(read, record("alice"));  // display_name is gone
-  EXPECT_FALSE(fs::exists(dir() / "users" / "alice.json.tmp"));
+  EXPECT_EQ(filesIn(dir() / "users"), 1u);
 }
 
 TEST_F(DocumentsTest, WrittenMembersAreInAscendingByteOrderOfKeys) {
@@ -58,11 +67,67 @@ TEST_F(DocumentsTest, WrittenMembersAreInAscendingByteOrderOfKeys) {
   EXPECT_EQ(text.back(), '\n');
 }
 
-TEST_F(DocumentsTest, ALongerLeftoverTemporaryFileIsTruncatedAndReused) {
-  writeRaw(dir() / "state.json.tmp", std::string(4096, 'x'));
+TEST_F(DocumentsTest, AFailedWriteRemovesItsTemporaryAndLeavesOthersAlone) {
+  // Another writer's temporary (or one left by a crash) is not this write's to touch.
+  writeRaw(dir() / "state.json.tmp", "theirs");
+  fs::create_directories(dir() / "taken.json" / "inside");  // a rename cannot replace it
+  EXPECT_FALSE(writeFileAtomic(dir() / "taken.json", "{}"));
   ASSERT_TRUE(writeFileAtomic(dir() / "state.json", "{}"));
-  EXPECT_EQ(readRaw(dir() / "state.json"), "{}");
-  EXPECT_FALSE(fs::exists(dir() / "state.json.tmp"));
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir())) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"state.json", "state.json.tmp", "taken.json"}));
+  EXPECT_EQ(readRaw(dir() / "state.json.tmp"), "theirs");
+}
+
+TEST_F(DocumentsTest, ConcurrentWritersOfOneDocumentNeverShowATornOrMissingFile) {
+  // Documents of different sizes, so that two writes run together would not parse.
+  const fs::path path = dir() / "channels" / "beta.json";
+  std::vector<Json::Value> versions;
+  for (int i = 0; i < 4; ++i) {
+    Json::Value doc = record("beta");
+    doc["padding"] = std::string(1000 * (i + 1), static_cast<char>('a' + i));
+    versions.push_back(doc);
+  }
+  ASSERT_TRUE(writeJsonFile(path, versions[0]));
+
+  std::atomic<bool> writing{true};
+  std::atomic<int> failedWrites{0};
+  std::vector<std::thread> writers;
+  for (const Json::Value& doc : versions) {
+    writers.emplace_back([&, doc] {
+      for (int n = 0; n < 150; ++n) failedWrites += writeJsonFile(path, doc) ? 0 : 1;
+    });
+  }
+  int reads = 0;
+  int unreadable = 0;
+  std::thread reader([&] {
+    while (writing) {
+      Json::Value read;
+      ++reads;
+      if (!readJsonFile(path, read) ||
+          std::find(versions.begin(), versions.end(), read) == versions.end()) {
+        ++unreadable;
+      }
+    }
+  });
+  for (auto& writer : writers) writer.join();
+  writing = false;
+  reader.join();
+
+  EXPECT_EQ(failedWrites, 0);
+  EXPECT_EQ(unreadable, 0) << "of " << reads << " reads";
+  EXPECT_EQ(filesIn(path.parent_path()), 1u) << "no temporary is left behind";
+}
+
+TEST_F(DocumentsTest, NestingTooDeepToParseIsNotAnObject) {
+  const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+  EXPECT_FALSE(parseJsonObject("{\"a\":" + deep + "}"));
+  EXPECT_FALSE(parseJsonObject(deep));
+  writeRaw(dir() / "deep.json", "{\"a\":" + deep + "}");
+  Json::Value value;
+  EXPECT_FALSE(readJsonFile(dir() / "deep.json", value));
+  EXPECT_TRUE(parseJsonObject("{\"a\":" + std::string(50, '[') + std::string(50, ']') + "}"));
 }
 
 TEST_F(DocumentsTest, MissingOrMalformedFilesReadAsAbsentAndLeaveTheValueAlone) {

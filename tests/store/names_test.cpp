@@ -58,10 +58,17 @@ TEST(Names, SafeRelativePathLimitsCountBytesAndSegments) {
   EXPECT_TRUE(isSafeRelativePath(thirtyTwo));
   EXPECT_FALSE(isSafeRelativePath(thirtyTwo + "/a"));
 
-  EXPECT_TRUE(isSafeRelativePath(std::string(1024, 'a')));
-  EXPECT_FALSE(isSafeRelativePath(std::string(1025, 'a')));
-  std::string wide;  // 512 two-byte letters are 1024 bytes
-  for (int i = 0; i < 512; ++i) wide += "\xC3\xA9";
+  // 255 + 255 + 255 + 254 + 1 bytes and four slashes make 1024; a file name holds at most 255.
+  const std::string longest = std::string(255, 'a');
+  const std::string full =
+      longest + "/" + longest + "/" + longest + "/" + std::string(254, 'a') + "/b";
+  ASSERT_EQ(full.size(), 1024u);
+  EXPECT_TRUE(isSafeRelativePath(full));
+  EXPECT_FALSE(isSafeRelativePath(full + "d"));
+  EXPECT_FALSE(isSafeRelativePath(longest + "a"));
+  EXPECT_FALSE(isSafeRelativePath("dir/" + longest + "a"));
+  std::string wide = "x";  // 127 two-byte letters after one byte: a 255-byte segment
+  for (int i = 0; i < 127; ++i) wide += "\xC3\xA9";
   EXPECT_TRUE(isSafeRelativePath(wide));
   EXPECT_FALSE(isSafeRelativePath(wide + "a"));
 }

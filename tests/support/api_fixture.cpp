@@ -1,6 +1,10 @@
 #include "support/api_fixture.h"
 
+#include <fcntl.h>
 #include <json/reader.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -258,10 +262,35 @@ void ApiTest::writeText(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary) << text;
 }
-void ApiTest::blockWrites(const fs::path& record) {
-  fs::path tmp = record;
-  tmp += ".tmp";
-  fs::create_directories(tmp);
+namespace {
+
+// Sets or clears the immutable attribute of `path`; false when that is not possible here.
+bool markImmutable(const fs::path& path, bool on) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  int flags = 0;
+  bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+  done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  ::close(fd);
+  return done;
+}
+
+}  // namespace
+
+ApiTest::~ApiTest() {
+  for (const fs::path& path : immutable_) markImmutable(path, false);
+}
+
+bool ApiTest::blockWrites(const fs::path& record) {
+  fs::path target = record;
+  if (!fs::exists(record)) {
+    target = record.parent_path();
+    fs::create_directories(target);
+  }
+  if (!markImmutable(target, true)) return false;
+  immutable_.push_back(target);
+  return true;
 }
 
 }  // namespace quill::test

@@ -56,6 +56,7 @@ std::size_t filesIn(const fs::path& dir);
 
 class ApiTest : public TempDirTest {
  protected:
+  ~ApiTest() override;
   void SetUp() override { start(); }
 
   // A fresh context and router over the same data directory.
@@ -106,14 +107,17 @@ class ApiTest : public TempDirTest {
   Json::Value readDoc(const fs::path& path);
   void writeDoc(const fs::path& path, const Json::Value& doc);
   void writeText(const fs::path& path, const std::string& text);
-  // Makes the next atomic write of `record` fail: its temporary file's name is a directory.
-  static void blockWrites(const fs::path& record);
+  // Makes every atomic write of `record` fail while it stays readable: an existing record is
+  // marked immutable, a missing one's directory is. False where the file system or the caller's
+  // privileges do not allow the mark; the test should then skip.
+  [[nodiscard]] bool blockWrites(const fs::path& record);
 
  private:
   std::unique_ptr<Context> ctx_;
   std::unique_ptr<http::Router> router_;
   std::string adminToken_;
   int peers_ = 0;
+  std::vector<fs::path> immutable_;  // cleared again on teardown, so the directory can be removed
 };
 
 }  // namespace quill::test

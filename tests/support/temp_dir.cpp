@@ -7,8 +7,10 @@
 
 namespace quill::test {
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "quill-test-XXXXXX").string();
+TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path()) {}
+
+TempDir::TempDir(const std::filesystem::path& parent) {
+  std::string pattern = (parent / "quill-test-XXXXXX").string();
   if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
 }
 

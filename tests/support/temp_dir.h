@@ -8,6 +8,9 @@ namespace quill::test {
 class TempDir {
  public:
   TempDir();
+  // A fresh directory in `parent` instead (for example on another file system); the path is empty
+  // when it could not be made.
+  explicit TempDir(const std::filesystem::path& parent);
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -1,0 +1,100 @@
+#include "builds/build_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+#include <vector>
+
+#include "store/durable_file.h"
+
+namespace quill::builds {
+
+namespace {
+
+// Owns one file descriptor; -1 when empty.
+class Fd {
+ public:
+  explicit Fd(int fd = -1) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  Fd& operator=(Fd&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+std::vector<std::string> splitPath(const std::string& path) {
+  std::vector<std::string> segments;
+  std::size_t start = 0;
+  for (std::size_t slash; (slash = path.find('/', start)) != std::string::npos; start = slash + 1) {
+    segments.push_back(path.substr(start, slash - start));
+  }
+  segments.push_back(path.substr(start));
+  return segments;
+}
+
+// The directory `name` inside `parent`, refusing a link. With `create`, a missing directory is
+// made first and its parent flushed.
+Fd openDirectoryBelow(const Fd& parent, const std::string& name, bool create) {
+  if (create) {
+    if (::mkdirat(parent.get(), name.c_str(), 0777) == 0) {
+      if (!store::syncDirectory(parent.get())) return Fd();
+    } else if (errno != EEXIST) {
+      return Fd();
+    }
+  }
+  return Fd(::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// The directory that holds `<buildDir>/files/<path>`, every step below the build refusing links.
+// Sets `leaf` to the path's last segment.
+Fd openParentOf(const fs::path& buildDir, const std::string& path, bool create, std::string& leaf) {
+  if (create && !store::makeDirectories(buildDir)) return Fd();
+  Fd dir(::open(buildDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return dir;
+  dir = openDirectoryBelow(dir, "files", create);
+  std::vector<std::string> segments = splitPath(path);
+  leaf = segments.back();
+  segments.pop_back();
+  for (const std::string& segment : segments) {
+    if (!dir) return dir;
+    dir = openDirectoryBelow(dir, segment, create);
+  }
+  return dir;
+}
+
+}  // namespace
+
+bool placeBuildFile(const fs::path& buildDir, const std::string& path, const fs::path& source) {
+  std::string leaf;
+  const Fd parent = openParentOf(buildDir, path, true, leaf);
+  if (!parent) return false;
+  {
+    const Fd file(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file || !store::syncFile(file.get())) return false;
+  }
+  // renameat replaces a link at the target rather than writing through it.
+  if (::renameat(AT_FDCWD, source.c_str(), parent.get(), leaf.c_str()) != 0) return false;
+  return store::syncDirectory(parent.get());
+}
+
+bool isBuildFile(const fs::path& buildDir, const std::string& path) {
+  std::string leaf;
+  const Fd parent = openParentOf(buildDir, path, false, leaf);
+  if (!parent) return false;
+  struct stat st {};
+  return ::fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISREG(st.st_mode);
+}
+
+}  // namespace quill::builds

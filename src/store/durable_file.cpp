@@ -1,0 +1,65 @@
+#include "store/durable_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <vector>
+
+#include "store/random.h"
+
+namespace quill::store {
+
+namespace {
+
+constexpr std::size_t kTemporaryTagLength = 12;
+
+}  // namespace
+
+fs::path temporaryBeside(const fs::path& target) {
+  fs::path tmp = target;
+  tmp += "." + randomString(kTemporaryTagLength) + ".tmp";
+  return tmp;
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+bool syncFile(int fd) { return ::fdatasync(fd) == 0; }
+
+bool syncDirectory(int dirFd) { return ::fsync(dirFd) == 0; }
+
+bool syncDirectory(const fs::path& dir) {
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = syncDirectory(fd);
+  ::close(fd);
+  return synced;
+}
+
+bool makeDirectories(const fs::path& dir) {
+  std::error_code ec;
+  if (fs::is_directory(dir, ec)) return true;
+  // Outermost missing ancestor first, so each mkdir's parent exists.
+  std::vector<fs::path> missing;
+  for (fs::path p = dir; !p.empty() && !fs::exists(p, ec); p = p.parent_path()) {
+    missing.push_back(p);
+    if (p == p.parent_path()) break;
+  }
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    if (::mkdir(it->c_str(), 0777) != 0 && errno != EEXIST) return false;
+    if (!syncDirectory(it->parent_path())) return false;
+  }
+  return fs::is_directory(dir, ec);
+}
+
+}  // namespace quill::store
