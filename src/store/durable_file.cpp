@@ -20,7 +20,9 @@ constexpr std::size_t kTemporaryTagLength = 12;
 
 fs::path temporaryBeside(const fs::path& target) {
   fs::path tmp = target;
-  tmp += "." + randomString(kTemporaryTagLength) + ".tmp";
+  tmp += '.';
+  tmp += randomString(kTemporaryTagLength);
+  tmp += ".tmp";
   return tmp;
 }
 
