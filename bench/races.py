@@ -8,8 +8,10 @@ launch:   four clients each send LAUNCH_REQUESTS `POST /api/channels/beta/launch
 finalize: FINALIZE_ROUNDS times, a build holds `a.bin` of 1 byte; a re-upload of 200,000 bytes
           and the finalize are sent at once. Passes when every round's file on disk has the size
           its manifest lists, and the upload was either listed (200) or refused (409).
+kill:     the server is killed (SIGKILL) while two uploads stream, one to a new build; after a
+          restart no partial body is left and the new build does not exist.
 
-Usage: bench/races.py [launch|finalize ...]   (default: both)
+Usage: bench/races.py [launch|finalize|kill ...]   (default: all three)
 Environment: QUILL_BIN (default build-a/quillmoord), LAUNCH_ROUNDS=3, LAUNCH_REQUESTS=1500,
 FINALIZE_ROUNDS=400. Exits 1 when a trial fails.
 """
@@ -48,8 +50,13 @@ def free_port():
 
 class Server:
     def __init__(self, data):
+        self.data = data
         self.port = free_port()
-        self.log = open(os.path.join(os.path.dirname(data), "server.log"), "wb")
+        self.log = open(os.path.join(os.path.dirname(data), "server.log"), "ab")
+        self.start()
+
+    def start(self):
+        data = self.data
         self.proc = subprocess.Popen(
             [QUILL, "--data-dir", data, "--bind", "127.0.0.1", "--port", str(self.port)],
             stdout=self.log, stderr=subprocess.STDOUT)
@@ -192,8 +199,46 @@ def finalize_trial(port, token, data):
     return 0 if ok else 1
 
 
+def kill_trial(server, token, data):
+    """Kills the server in the middle of uploads to a new and to an existing build, restarts it,
+    and checks that the partial bodies are gone and no build came of them."""
+    admin = Client(server.port, token)
+    if admin.send("PUT", "/api/builds/kept/files?path=a.bin", b"kept")[0] != 200:
+        raise SystemExit("races: the first upload failed")
+    socks = []
+    for build in ("kept", "never"):
+        s = socket.create_connection(("127.0.0.1", server.port))
+        s.sendall(("PUT /api/builds/%s/files?path=big.bin HTTP/1.1\r\nHost: x\r\n"
+                   "Authorization: Bearer %s\r\nContent-Length: %d\r\n\r\n"
+                   % (build, token, 50 << 20)).encode())
+        s.sendall(os.urandom(1 << 20))
+        socks.append(s)
+    staging = os.path.join(data, "builds", "~incoming")
+    for _ in range(100):
+        if os.path.isdir(staging) and len(os.listdir(staging)) == 2:
+            break
+        time.sleep(0.05)
+    partial = len(os.listdir(staging)) if os.path.isdir(staging) else 0
+    server.proc.kill()
+    server.proc.wait()
+    for s in socks:
+        s.close()
+    server.start()
+    left = os.listdir(staging) if os.path.isdir(staging) else []
+    status, body = Client(server.port, token).send("GET", "/api/builds/kept/files?path=a.bin")
+    ok = (partial == 2 and not left and not os.path.exists(os.path.join(data, "builds", "never"))
+          and status == 200 and body == b"kept")
+    print("kill during uploads: %d partial bodies before the kill, %d left after the restart; "
+          "new build %s; earlier file %s -> %s"
+          % (partial, len(left),
+             "absent" if not os.path.exists(os.path.join(data, "builds", "never")) else "PRESENT",
+             "kept" if status == 200 and body == b"kept" else "LOST", "PASS" if ok else "FAIL"),
+          flush=True)
+    return 0 if ok else 1
+
+
 def main():
-    trials = sys.argv[1:] or ["launch", "finalize"]
+    trials = sys.argv[1:] or ["launch", "finalize", "kill"]
     if not os.access(QUILL, os.X_OK):
         raise SystemExit("races: no quillmoord binary at %s (set QUILL_BIN)" % QUILL)
     with tempfile.TemporaryDirectory(prefix="races.") as work:
@@ -208,6 +253,8 @@ def main():
                 failures += launch_trial(server.port, token, data)
             if "finalize" in trials:
                 failures += finalize_trial(server.port, token, data)
+            if "kill" in trials:
+                failures += kill_trial(server, token, data)
         finally:
             server.stop()
     sys.exit(1 if failures else 0)
