@@ -206,6 +206,13 @@ TEST_F(BuildApiTest, LinksLeftUnderABuildAreNeverFollowed) {
   EXPECT_FALSE(fs::is_symlink(buildDir("b2") / "files" / "over"));
   EXPECT_EQ(readBytes(outside / "secret.txt"), "secret");
 
+  // Nor are the build's documents read through links.
+  writeText(outside / "manifest.json", R"({"build":"b4","files":[]})");
+  ASSERT_TRUE(isOk(upload("b4", "a.txt", "x")));
+  fs::create_symlink(outside / "manifest.json", buildDir("b4") / "manifest.json");
+  EXPECT_TRUE(isError(readBuild("b4"), 404, kNotFound));
+  EXPECT_TRUE(isError(upload("b4", "a.txt", "y"), 409, kImmutable));
+
   // A `files` that is itself a link is no files directory.
   fs::create_directories(buildDir("b3"));
   fs::create_directory_symlink(outside / "dir", buildDir("b3") / "files");
