@@ -11,6 +11,8 @@
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
+#include "sso/config_api.h"
+#include "sso/sign_in_api.h"
 
 namespace quill {
 
@@ -37,6 +39,12 @@ using ContextHandler = Response (*)(const Request&, Context&);
 
 http::Route route(const char* method, const char* path, Context& ctx, ContextHandler handler) {
   return route(method, path, [&ctx, handler](const Request& req) { return handler(req, ctx); });
+}
+
+// A route whose handler waits on a remote service, run on the blocking pool.
+http::Route blocking(http::Route r) {
+  r.blocking = true;
+  return r;
 }
 
 // A route whose body is streamed to disk after a check on the head alone.
@@ -106,16 +114,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("PUT", "/api/storage"),
       route("DELETE", "/api/storage"),
       route("POST", "/api/storage/test"),
-      route("GET", "/api/sso/config"),
-      route("PUT", "/api/sso/config"),
-      route("DELETE", "/api/sso/config"),
-      route("POST", "/api/sso/config/test"),
-      route("GET", "/api/sso/mapping"),
-      route("PUT", "/api/sso/mapping"),
-      route("GET", "/api/sso/status"),
-      route("GET", "/api/sso/start"),
-      route("GET", "/api/sso/callback"),
-      route("POST", "/api/sso/handoff"),
+      route("GET", "/api/sso/config", ctx, sso::readConfig),
+      blocking(route("PUT", "/api/sso/config", ctx, sso::putConfig)),
+      route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
+      blocking(route("POST", "/api/sso/config/test", ctx, sso::testConfig)),
+      route("GET", "/api/sso/mapping", ctx, sso::readMapping),
+      route("PUT", "/api/sso/mapping", ctx, sso::putMapping),
+      route("GET", "/api/sso/status", ctx, sso::ssoStatus),
+      blocking(route("GET", "/api/sso/start", ctx, sso::startSignIn)),
+      blocking(route("GET", "/api/sso/callback", ctx, sso::callback)),
+      route("POST", "/api/sso/handoff", ctx, sso::handoff),
       route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
       route("GET", "/", [](const Request&) { return landingPage(); }),
   };
