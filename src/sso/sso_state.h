@@ -30,7 +30,9 @@ class SsoState {
 
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
   explicit SsoState(Clock clock = [] { return std::chrono::steady_clock::now(); })
-      : pending(kPendingLifetime, kCapacity, clock), handoffs(kHandoffLifetime, kCapacity, clock) {}
+      : pending(kPendingLifetime, kCapacity, clock),
+        handoffs(kHandoffLifetime, kCapacity, clock),
+        providers(fetchDiscovery, fetchKeys, clock) {}
 
   ExpiringStore<PendingSignIn> pending;
   ExpiringStore<Json::Value> handoffs;
