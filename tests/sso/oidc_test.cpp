@@ -83,7 +83,8 @@ TEST(SsoDiscovery, AnswersAreCheckedInOrder) {
 }
 
 TEST(SsoKeySet, KeepsRsaSigningKeysOnlyInOrder) {
-  JwtSigner a("a"), b("");
+  const JwtSigner& a = JwtSigner::shared("a");
+  const JwtSigner& b = JwtSigner::shared("");
   Json::Value set = test::keySet({&a, &b});
   Json::Value encryption = a.publicJwk();
   encryption["use"] = "enc";
@@ -155,7 +156,9 @@ class SsoSignature : public ::testing::Test {
   static std::vector<Jwk> keysOf(std::initializer_list<const JwtSigner*> signers) {
     return parseKeySet(200, http::toCompactJson(test::keySet(signers))).value();
   }
-  JwtSigner withKid_{"k1"}, otherKid_{"k2"}, noKid_{""};
+  const JwtSigner& withKid_ = JwtSigner::shared("k1");
+  const JwtSigner& otherKid_ = JwtSigner::shared("k2");
+  const JwtSigner& noKid_ = JwtSigner::shared("");
 };
 
 TEST_F(SsoSignature, AcceptsTheSigningKeyAndAnswersThePayload) {

@@ -135,7 +135,7 @@ class SsoApi : public ApiTest {
 
   std::chrono::steady_clock::time_point now_{};
   StaticProvider idp_;
-  JwtSigner key_{"k1"};
+  const JwtSigner& key_ = JwtSigner::shared("k1");
 };
 
 TEST_F(SsoApi, ConfigIsSavedAfterDiscoveryAndNeverShowsTheSecret) {
@@ -472,7 +472,7 @@ TEST_F(SsoApi, ARotatedKeyIsFetchedOnceTheRefetchIntervalAllows) {
   configure();
   ASSERT_EQ(signIn().status, 302u);
   const int fetches = idp_.hits("/jwks");
-  JwtSigner rotated("k2");
+  const JwtSigner& rotated = JwtSigner::shared("k2");
   idp_.serve("/jwks", http::toCompactJson(keySet({&rotated, &key_})));
 
   Started started = start();

@@ -4,6 +4,9 @@
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
+#include <map>
+#include <mutex>
+
 #include "http/json.h"
 #include "sso/base64url.h"
 
@@ -32,6 +35,15 @@ JwtSigner::JwtSigner(std::string kid) : kid_(std::move(kid)), key_(std::make_uni
 }
 
 JwtSigner::~JwtSigner() = default;
+
+const JwtSigner& JwtSigner::shared(const std::string& kid) {
+  static std::mutex mutex;
+  static std::map<std::string, std::unique_ptr<JwtSigner>> signers;
+  std::lock_guard lock(mutex);
+  auto& signer = signers[kid];
+  if (!signer) signer = std::make_unique<JwtSigner>(kid);
+  return *signer;
+}
 
 Json::Value JwtSigner::publicJwk() const {
   Json::Value jwk(Json::objectValue);

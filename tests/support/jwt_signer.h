@@ -4,6 +4,7 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,8 @@ namespace quill::test {
 class JwtSigner {
  public:
   explicit JwtSigner(std::string kid);
+  // One signer per kid for the whole test program: RSA key generation is slow.
+  static const JwtSigner& shared(const std::string& kid);
   ~JwtSigner();
   JwtSigner(const JwtSigner&) = delete;
   JwtSigner& operator=(const JwtSigner&) = delete;
