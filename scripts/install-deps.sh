@@ -9,6 +9,7 @@ packages=(
   libboost1.81-dev libjsoncpp-dev libsodium-dev libssl-dev libcurl4-openssl-dev libzstd-dev
   librust-blake3-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   curl wrk nginx-light b3sum
+  chromium
 )
 
 missing=()
@@ -34,4 +35,7 @@ if [ -f tests/node/package.json ]; then
 fi
 if [ -f tests/rill-peers/package.json ]; then
   (cd tests/rill-peers && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
+fi
+if [ -f tests/sso-peers/package.json ]; then
+  (cd tests/sso-peers && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
 fi

@@ -142,8 +142,8 @@ Response putMapping(const Request& req, Context& ctx) {
   if (!body.isObject()) return http::errorResponse(400, text::kJsonRequired);
   auto config = loadSsoConfig(ctx.data);
   if (!config) return http::errorResponse(409, text::kProviderFirst);
-  // Members left out of the body keep their stored values.
-  auto mapping = applyMapping(config.value().mapping, body);
+  // The body is the whole mapping: members left out take their defaults.
+  auto mapping = applyMapping(Mapping{}, body);
   if (!mapping) return http::errorResponse(400, mapping.error());
   std::set<std::string> targets;
   for (const auto& [value, group] : mapping.value().groups) {

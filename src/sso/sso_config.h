@@ -50,8 +50,8 @@ bool isRole(std::string_view role);
 // result is the default; callers carry the stored one over.
 Result<SsoConfig> validateProvider(const Json::Value& body, bool issuerOnly);
 
-// Applies the members present in `body` onto `mapping` after checking each of them; the first
-// broken member names the failure and leaves `mapping` as it was.
+// `mapping` with the members present in `body`, each checked first; the first broken member
+// names the failure.
 Result<Mapping> applyMapping(const Mapping& mapping, const Json::Value& body);
 
 // Loads `sso.json`: "SSO is not configured" when it does not read, "sso.json is incomplete" when

@@ -271,14 +271,16 @@ TEST_F(SsoApi, MappingIsValidatedAndMarksTheTargetGroups) {
     EXPECT_EQ(group["sso_managed"], group["name"] != "manual") << group;
   }
 
-  // Members left out keep their values; the mapping survives a new provider configuration.
-  ASSERT_TRUE(isOk(putMapping(R"({"groups":{"b":"beta"}})")));
-  EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], false);
+  // The mapping survives a new provider configuration; a new mapping replaces it whole.
   ASSERT_TRUE(isOk(putConfig(providerBody(idp_.origin()))));
   Json::Value mapping = bodyOf(asAdmin(Req("GET", "/api/sso/mapping")))["mapping"];
   EXPECT_EQ(mapping["roles_claim"], "realm");
   EXPECT_EQ(mapping["roles"]["ops"], "admin");
-  EXPECT_EQ(mapping["groups"], parseJson(R"({"b":"beta"})"));
+  res = putMapping(R"({"groups":{"b":"beta"}})");
+  EXPECT_EQ(bodyOf(res)["mapping"],
+            parseJson(R"({"default_role":"member","groups":{"b":"beta"},"groups_claim":"groups",)"
+                      R"("roles":{},"roles_claim":"roles"})"));
+  EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], false);
 }
 
 TEST_F(SsoApi, StartChecksThePortAndSendsTheBrowserToTheProvider) {
