@@ -10,9 +10,9 @@
 //             URI http://127.0.0.1/api/sso/callback (any port matches), RS256 ID tokens
 //   quill-hs  the same, but ID tokens signed with HS256 (which the server must refuse)
 //
-// Accounts: the file maps a login to its claims ({"ann": {"sub": "...", "roles": [...]}}); it is
-// read at every sign-in, so a test can change a person's claims between sign-ins. The login form
-// of the development pages accepts any login; an unknown one gets only its login as subject.
+// Accounts: the file maps a login to its claims ({"ann": {"preferred_username": "...", "roles":
+// [...]}}); the login is the subject. The file is read at every sign-in, so a test can change a
+// person's claims between sign-ins. The development login page accepts any login and password.
 
 import { readFileSync } from 'node:fs';
 import { createServer } from 'node:http';
