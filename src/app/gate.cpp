@@ -4,6 +4,7 @@
 #include <array>
 
 #include "handler/caller.h"
+#include "handler/common.h"
 #include "http/json.h"
 #include "store/documents.h"
 #include "store/names.h"
@@ -15,10 +16,6 @@ namespace {
 
 constexpr std::array<std::string_view, 4> kCredentialPaths = {
     "/api/invites/redeem", "/api/claim", "/api/access-requests", "/api/sso/handoff"};
-
-bool isLoopbackPeer(std::string_view peer) {
-  return peer == "::1" || peer.starts_with("127.") || peer.starts_with("::ffff:127.");
-}
 
 std::string_view trimBlanks(std::string_view text) {
   auto first = text.find_first_not_of(" \t");
@@ -53,7 +50,7 @@ std::optional<std::string_view> matchSegment(std::string_view path, std::string_
 }
 
 std::string clientKey(const http::Request& req) {
-  if (!isLoopbackPeer(req.peer)) return req.peer;
+  if (!handler::isLoopbackPeer(req.peer)) return req.peer;
   std::string_view forwarded = req.header("x-forwarded-for");
   return std::string(trimBlanks(forwarded.substr(0, forwarded.find(','))));
 }

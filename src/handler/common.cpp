@@ -6,6 +6,10 @@
 
 namespace quill::handler {
 
+bool isLoopbackPeer(std::string_view peer) {
+  return peer == "::1" || peer.starts_with("127.") || peer.starts_with("::ffff:127.");
+}
+
 std::optional<Response> refuseInvalidName(std::string_view name, std::string_view message) {
   if (store::isValidName(name)) return std::nullopt;
   return http::errorResponse(400, message);

@@ -23,6 +23,10 @@ using http::Response;
 template <typename T>
 using OrError = std::variant<T, Response>;
 
+// Whether the peer address is loopback ("::1", "127.*", "::ffff:127.*"): a reverse proxy on this
+// machine, whose forwarded headers are believed.
+bool isLoopbackPeer(std::string_view peer);
+
 // 400 `message` unless `name` passes the name rule.
 std::optional<Response> refuseInvalidName(std::string_view name, std::string_view message);
 

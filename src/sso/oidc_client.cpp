@@ -7,6 +7,7 @@
 #include "sso/web_text.h"
 #include "store/documents.h"
 #include "store/random.h"
+#include "store/users.h"
 
 namespace quill::sso {
 
@@ -25,11 +26,6 @@ constexpr const char* kTokenNotUrl = "token endpoint is not a URL";
 constexpr const char* kTokenUnreachable = "token endpoint unreachable";
 constexpr const char* kNoIdToken = "token endpoint returned no id_token";
 }  // namespace text
-
-std::string stringMember(const Json::Value& doc, const char* name) {
-  const Json::Value& value = doc[name];
-  return value.isString() ? value.asString() : "";
-}
 
 }  // namespace
 
@@ -57,10 +53,10 @@ Result<Discovery> parseDiscovery(long status, const std::string& body, const std
   auto doc = store::parseJsonObject(body);
   if (!doc) return Failure{text::kDiscoveryNotJson};
   Discovery discovery;
-  discovery.issuer = stringMember(*doc, "issuer");
-  discovery.authorizationEndpoint = stringMember(*doc, "authorization_endpoint");
-  discovery.tokenEndpoint = stringMember(*doc, "token_endpoint");
-  discovery.jwksUri = stringMember(*doc, "jwks_uri");
+  discovery.issuer = store::textOf(*doc, "issuer");
+  discovery.authorizationEndpoint = store::textOf(*doc, "authorization_endpoint");
+  discovery.tokenEndpoint = store::textOf(*doc, "token_endpoint");
+  discovery.jwksUri = store::textOf(*doc, "jwks_uri");
   if (discovery.issuer != issuer) {
     return Failure{"discovery issuer '" + discovery.issuer +
                    "' does not match the configured issuer"};
@@ -85,12 +81,12 @@ Result<std::vector<Jwk>> parseKeySet(long status, const std::string& body) {
   if (!doc) return Failure{text::kKeysNotJson};
   std::vector<Jwk> keys;
   for (const auto& key : (*doc)["keys"]) {
-    if (!key.isObject() || stringMember(key, "kty") != "RSA") continue;
-    if (key.isMember("use") && stringMember(key, "use") != "sig") continue;
-    auto n = base64urlDecode(stringMember(key, "n"));
-    auto e = base64urlDecode(stringMember(key, "e"));
+    if (!key.isObject() || store::textOf(key, "kty") != "RSA") continue;
+    if (key.isMember("use") && store::textOf(key, "use") != "sig") continue;
+    auto n = base64urlDecode(store::textOf(key, "n"));
+    auto e = base64urlDecode(store::textOf(key, "e"));
     if (!n || !e || n->empty() || e->empty()) continue;
-    keys.push_back({stringMember(key, "kid"), std::move(*n), std::move(*e)});
+    keys.push_back({store::textOf(key, "kid"), std::move(*n), std::move(*e)});
   }
   if (keys.empty()) return Failure{text::kNoRsaKeys};
   return keys;

@@ -37,10 +37,6 @@ std::optional<std::uint16_t> loopbackPort(std::optional<std::string_view> value)
   return static_cast<std::uint16_t>(port);
 }
 
-bool loopbackPeer(std::string_view peer) {
-  return peer == "::1" || peer.starts_with("127.") || peer.starts_with("::ffff:127.");
-}
-
 // The channels the user's groups follow, first occurrences in group order.
 Json::Value groupChannels(const store::DataDir& data, const Json::Value& user) {
   Json::Value groupsOnly(Json::objectValue);
@@ -91,7 +87,8 @@ handler::OrError<Json::Value> verifiedClaims(const Request& req, SsoState& state
 }  // namespace
 
 std::string callbackUri(const Request& req, const Context& ctx) {
-  const bool https = loopbackPeer(req.peer) && req.header("x-forwarded-proto") == "https";
+  const bool https =
+      handler::isLoopbackPeer(req.peer) && req.header("x-forwarded-proto") == "https";
   std::string host(req.header("host"));
   if (host.empty()) host = "127.0.0.1:" + std::to_string(ctx.settings.port);
   return std::string(https ? "https://" : "http://") + host + "/api/sso/callback";

@@ -1,6 +1,7 @@
 #include "sso/sso_config.h"
 
 #include "store/documents.h"
+#include "store/users.h"
 
 namespace quill::sso {
 
@@ -14,12 +15,6 @@ constexpr const char* kNoSecret = "client_secret is required";
 constexpr const char* kIncomplete = "sso.json is incomplete";
 constexpr const char* kBadDefaultRole = "default_role must be admin, publisher or member";
 }  // namespace text
-
-// A member of another type than string counts as empty.
-std::string stringMember(const Json::Value& body, const char* name) {
-  const Json::Value& value = body[name];
-  return value.isString() ? value.asString() : "";
-}
 
 bool issuerAllowed(std::string_view issuer) {
   return issuer.starts_with("https://") || issuer.starts_with("http://localhost") ||
@@ -80,11 +75,11 @@ bool isRole(std::string_view role) {
 Result<SsoConfig> validateProvider(const Json::Value& body, bool issuerOnly) {
   if (!body.isObject()) return Failure{text::kJsonRequired};
   SsoConfig config;
-  config.issuer = normalizeText(stringMember(body, "issuer"));
-  config.clientId = normalizeText(stringMember(body, "client_id"));
-  config.scopes = normalizeText(stringMember(body, "scopes"));
+  config.issuer = normalizeText(store::textOf(body, "issuer"));
+  config.clientId = normalizeText(store::textOf(body, "client_id"));
+  config.scopes = normalizeText(store::textOf(body, "scopes"));
   if (config.scopes.empty()) config.scopes = kDefaultScopes;
-  config.clientSecret = stringMember(body, "client_secret");
+  config.clientSecret = store::textOf(body, "client_secret");
   if (!issuerAllowed(config.issuer)) return Failure{text::kBadIssuer};
   if (issuerOnly) return config;
   if (config.clientId.empty()) return Failure{text::kNoClientId};
@@ -125,13 +120,13 @@ Result<SsoConfig> loadSsoConfig(const store::DataDir& data) {
   Json::Value doc;
   if (!store::readJsonFile(ssoConfigPath(data), doc)) return Failure{kNotConfigured};
   SsoConfig config;
-  config.issuer = stringMember(doc, "issuer");
-  config.clientId = stringMember(doc, "client_id");
-  config.clientSecret = stringMember(doc, "client_secret");
+  config.issuer = store::textOf(doc, "issuer");
+  config.clientId = store::textOf(doc, "client_id");
+  config.clientSecret = store::textOf(doc, "client_secret");
   if (config.issuer.empty() || config.clientId.empty() || config.clientSecret.empty()) {
     return Failure{text::kIncomplete};
   }
-  config.scopes = stringMember(doc, "scopes");
+  config.scopes = store::textOf(doc, "scopes");
   if (config.scopes.empty()) config.scopes = kDefaultScopes;
   config.mapping = mappingOf(doc);
   return config;
