@@ -43,7 +43,8 @@ std::filesystem::path programOnPath(const std::string& name) {
   return {};
 }
 
-NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args) {
+NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args,
+                   const std::vector<std::string>& nodeFlags) {
   const auto node = programOnPath("node");
   if (node.empty()) {
     failure_ = "node is not installed (scripts/install-deps.sh)";
@@ -61,7 +62,9 @@ NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::s
     failure_ = "pipe failed";
     return;
   }
-  std::vector<std::string> words{node.string(), script.string()};
+  std::vector<std::string> words{node.string()};
+  words.insert(words.end(), nodeFlags.begin(), nodeFlags.end());
+  words.push_back(script.string());
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& word : words) argv.push_back(word.data());

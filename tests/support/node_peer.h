@@ -17,8 +17,10 @@ std::filesystem::path programOnPath(const std::string& name);
 
 class NodePeer {
  public:
-  // Runs `node <script> <args...>` and waits up to 30 seconds for its "ready" line.
-  NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args);
+  // Runs `node <nodeFlags...> <script> <args...>` and waits up to 30 seconds for its "ready"
+  // line. The peer's standard error is discarded.
+  NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args,
+           const std::vector<std::string>& nodeFlags = {});
   ~NodePeer();
   NodePeer(const NodePeer&) = delete;
   NodePeer& operator=(const NodePeer&) = delete;
