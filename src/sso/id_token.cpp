@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 
+#include <limits>
 #include <memory>
 
 #include "sso/base64url.h"
@@ -100,10 +101,15 @@ bool audienceHolds(const Json::Value& aud, const std::string& clientId) {
   return false;
 }
 
+// Seconds since the epoch; 0 when missing or not a number. Fractions are cut, and numbers beyond
+// the 64-bit range are clamped rather than converted.
 std::int64_t expiryOf(const Json::Value& payload) {
   const Json::Value& exp = payload["exp"];
   if (exp.isInt64()) return exp.asInt64();
-  if (exp.isDouble()) return static_cast<std::int64_t>(exp.asDouble());
+  if (!exp.isNumeric()) return 0;
+  const double seconds = exp.asDouble();
+  if (seconds >= 9.2e18) return std::numeric_limits<std::int64_t>::max();
+  if (seconds > -9.2e18) return static_cast<std::int64_t>(seconds);
   return 0;
 }
 

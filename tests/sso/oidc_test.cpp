@@ -218,6 +218,9 @@ TEST(SsoClaims, CheckedInOrderWithoutSkew) {
   EXPECT_EQ(with("aud", test::strings({"other"})), "token audience mismatch");
   EXPECT_EQ(with("exp", Json::Int64(now - 1)), "token expired");
   EXPECT_EQ(with("exp", Json::Value()), "token expired");
+  EXPECT_EQ(with("exp", "1900000000"), "token expired");
+  EXPECT_EQ(with("exp", 1e300), "passed");
+  EXPECT_EQ(with("exp", -1e300), "token expired");
   EXPECT_EQ(with("nonce", "n2"), "token nonce mismatch");
   // Order: a token wrong in everything reports the issuer first.
   Json::Value bad(Json::objectValue);
