@@ -429,9 +429,14 @@ TEST_F(SsoApi, ProviderTextsReachThePageEscaped) {
 
 TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
   configure();
-  // Each claim check has its own unit test; here the page it leads to.
-  EXPECT_TRUE(isPage(signIn([](Json::Value& c) { c["exp"] = Json::Int64(std::time(nullptr) - 5); }),
-                     401, "Sign-in rejected", "token expired"));
+  const std::pair<std::function<void(Json::Value&)>, const char*> rejected[] = {
+      {[](Json::Value& c) { c["aud"] = strings({"someone-else"}); }, "token audience mismatch"},
+      {[&](Json::Value& c) { c["iss"] = idp_.origin() + "/"; }, "token issuer mismatch"},
+      {[](Json::Value& c) { c["exp"] = Json::Int64(std::time(nullptr) - 1); }, "token expired"},
+  };
+  for (const auto& [edit, detail] : rejected) {
+    EXPECT_TRUE(isPage(signIn(edit), 401, "Sign-in rejected", detail)) << detail;
+  }
   JwtSigner stranger("k1");
   Started started = start();
   serveToken(stranger.sign(claims(started)));
@@ -443,6 +448,18 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
   ASSERT_EQ(signIn().status, 302u);
   setMember(userPath("ann.lee"), "disabled", true);
   EXPECT_TRUE(isPage(signIn(), 403, "Sign-in refused", "this account is disabled - ask the admin"));
+
+  // A token endpoint nobody answers at.
+  started = start();
+  Json::Value discovery =
+      parseJson(R"({"authorization_endpoint":"a","jwks_uri":")" + idp_.origin() +
+                R"(/jwks","token_endpoint":"http://127.0.0.1:1/t"})");
+  discovery["issuer"] = idp_.origin();
+  idp_.serve(kDiscoveryPath, http::toCompactJson(discovery));
+  now_ += sso::ProviderCache::kLifetime;
+  EXPECT_TRUE(isPage(callback(started.state), 502, "Sign-in failed",
+                     "identity provider: token endpoint unreachable"));
+  serveDiscovery(idp_.origin());
 
   // The provider goes away once the cached documents are old.
   started = start();
