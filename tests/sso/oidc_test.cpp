@@ -19,7 +19,7 @@ namespace {
 
 using test::JwtSigner;
 
-TEST(SsoEncoding, Base64urlAndPercentEncodingAndUrlSplitting) {
+TEST(SsoEncoding, Base64urlPercentAndHtmlEscapingAndPkceSecrets) {
   for (std::string bytes : {"", "f", "fo", "foo", "foob", "\xff\xfe\x00\x3e"}) {
     const std::string encoded = base64urlEncode(bytes);
     EXPECT_EQ(encoded.find('='), std::string::npos);
