@@ -11,6 +11,8 @@
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
+#include "sso/config_api.h"
+#include "sso/sign_in_api.h"
 
 namespace quill {
 
@@ -45,6 +47,12 @@ constexpr std::uint64_t kJsonBodyLimit = 1 << 20;
 // A route that reads a JSON document from its body (every other route drops a body unread).
 http::Route withJsonBody(http::Route r) {
   r.bodyLimit = kJsonBodyLimit;
+  return r;
+}
+
+// A route whose handler waits on a remote service, run on the blocking pool.
+http::Route blocking(http::Route r) {
+  r.blocking = true;
   return r;
 }
 
@@ -115,16 +123,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("PUT", "/api/storage"),
       route("DELETE", "/api/storage"),
       route("POST", "/api/storage/test"),
-      route("GET", "/api/sso/config"),
-      route("PUT", "/api/sso/config"),
-      route("DELETE", "/api/sso/config"),
-      route("POST", "/api/sso/config/test"),
-      route("GET", "/api/sso/mapping"),
-      route("PUT", "/api/sso/mapping"),
-      route("GET", "/api/sso/status"),
-      route("GET", "/api/sso/start"),
-      route("GET", "/api/sso/callback"),
-      route("POST", "/api/sso/handoff"),
+      route("GET", "/api/sso/config", ctx, sso::readConfig),
+      blocking(withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
+      route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
+      blocking(withJsonBody(route("POST", "/api/sso/config/test", ctx, sso::testConfig))),
+      route("GET", "/api/sso/mapping", ctx, sso::readMapping),
+      withJsonBody(route("PUT", "/api/sso/mapping", ctx, sso::putMapping)),
+      route("GET", "/api/sso/status", ctx, sso::ssoStatus),
+      blocking(route("GET", "/api/sso/start", ctx, sso::startSignIn)),
+      blocking(route("GET", "/api/sso/callback", ctx, sso::callback)),
+      withJsonBody(route("POST", "/api/sso/handoff", ctx, sso::handoff)),
       route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
       route("GET", "/", [](const Request&) { return landingPage(); }),
   };
