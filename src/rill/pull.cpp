@@ -9,7 +9,9 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "rill/chunk_codec.h"
 #include "rill/chunk_reader.h"
@@ -60,6 +62,8 @@ class FileAssembly {
   FileAssembly& operator=(const FileAssembly&) = delete;
 
   const ScannedFile& file() const { return file_; }
+  const fs::path& finalPath() const { return final_; }
+  const fs::path& partPath() const { return part_; }
 
   Result<bool> write(std::uint64_t offset, std::string_view bytes) {
     {
@@ -138,6 +142,12 @@ class ChunkFetches {
       }
     }
     if (!reused) {
+      if (auto copied = copyWritten(ref)) {
+        bytes = std::move(*copied);
+        reused = true;
+      }
+    }
+    if (!reused) {
       auto object = source_.chunk(ref.h);
       if (!object) return fail(object.error());
       objectBytes = object.value().size();
@@ -146,6 +156,10 @@ class ChunkFetches {
       bytes = std::move(decoded).value();
     }
     if (auto written = assembly.write(offset, bytes); !written) return fail(written.error());
+    {
+      std::lock_guard lock(mutex_);
+      written_.try_emplace(ref.h, &assembly, offset);
+    }
     if (assembly.chunkWritten()) {
       if (auto done = assembly.finish(); !done) return fail(done.error());
     }
@@ -175,6 +189,22 @@ class ChunkFetches {
     if (!failed_.exchange(true)) failure_ = std::move(reason);
   }
 
+  // A chunk this pull has already written elsewhere (a file seen twice in one build), read back
+  // from its ".part" file or, once that is complete, from the file itself.
+  std::optional<std::string> copyWritten(const ChunkRef& ref) {
+    std::pair<FileAssembly*, std::uint64_t> where;
+    {
+      std::lock_guard lock(mutex_);
+      const auto found = written_.find(ref.h);
+      if (found == written_.end()) return std::nullopt;
+      where = found->second;
+    }
+    for (const fs::path& file : {where.first->partPath(), where.first->finalPath()}) {
+      if (auto bytes = readChunkAt(file, where.second, ref.n, ref.h)) return std::move(bytes).value();
+    }
+    return std::nullopt;
+  }
+
   PullSource& source_;
   const LocalIndex& index_;
   const PullOptions& options_;
@@ -182,6 +212,7 @@ class ChunkFetches {
   std::atomic<bool> failed_{false};
   std::string failure_;
   PullProgress progress_;
+  std::unordered_map<std::string, std::pair<FileAssembly*, std::uint64_t>> written_;
 };
 
 }  // namespace
@@ -241,6 +272,10 @@ Result<PullReport> pullChannel(PullSource& source, const fs::path& target,
   fetches.plan(chunks, bytes);
   {
     TaskPool pool(options.networkThreads ? options.networkThreads : defaultNetworkThreads());
+    // A chunk that occurs more than once is fetched once: its repeats wait for a second round,
+    // which copies them from where the first round wrote them.
+    std::unordered_set<std::string> planned;
+    std::vector<std::function<void()>> repeats;
     for (auto& assembly : assemblies) {
       if (assembly->file().chunks.empty()) {
         if (auto done = assembly->finish(); !done) return Failure{done.error()};
@@ -248,10 +283,17 @@ Result<PullReport> pullChannel(PullSource& source, const fs::path& target,
       }
       std::uint64_t offset = 0;
       for (std::size_t i = 0; i < assembly->file().chunks.size(); ++i) {
-        pool.submit([&fetches, a = assembly.get(), i, offset] { fetches.fetch(*a, i, offset); });
+        auto task = [&fetches, a = assembly.get(), i, offset] { fetches.fetch(*a, i, offset); };
+        if (planned.insert(assembly->file().chunks[i].h).second) {
+          pool.submit(std::move(task));
+        } else {
+          repeats.push_back(std::move(task));
+        }
         offset += assembly->file().chunks[i].n;
       }
     }
+    pool.wait();
+    for (auto& task : repeats) pool.submit(std::move(task));
     pool.wait();
   }
   if (fetches.failed()) return Failure{fetches.failure()};
