@@ -11,6 +11,8 @@
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
+#include "storage/storage_api.h"
+#include "storage/sync_api.h"
 
 namespace quill {
 
@@ -37,6 +39,12 @@ using ContextHandler = Response (*)(const Request&, Context&);
 
 http::Route route(const char* method, const char* path, Context& ctx, ContextHandler handler) {
   return route(method, path, [&ctx, handler](const Request& req) { return handler(req, ctx); });
+}
+
+// A route whose handler waits on a remote service (the bucket): it runs on the blocking pool.
+http::Route blocking(http::Route r) {
+  r.blocking = true;
+  return r;
 }
 
 // A route whose body is streamed to disk after a check on the head alone.
@@ -96,16 +104,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
-      route("GET", "/api/rill/sync/{channel}"),
+      blocking(route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
       route("POST", "/api/backup"),
       route("GET", "/api/backups"),
       route("PUT", "/api/backup/config"),
       route("POST", "/api/backup/init"),
       route("DELETE", "/api/backup/config"),
-      route("GET", "/api/storage"),
-      route("PUT", "/api/storage"),
-      route("DELETE", "/api/storage"),
-      route("POST", "/api/storage/test"),
+      route("GET", "/api/storage", ctx, storage::readStorage),
+      blocking(route("PUT", "/api/storage", ctx, storage::saveStorage)),
+      route("DELETE", "/api/storage", ctx, storage::forgetStorage),
+      blocking(route("POST", "/api/storage/test", ctx, storage::testStorage)),
       route("GET", "/api/sso/config"),
       route("PUT", "/api/sso/config"),
       route("DELETE", "/api/sso/config"),
