@@ -107,7 +107,10 @@ class FileAssembly {
     std::error_code ec;
     fs::rename(part_, final_, ec);
     if (ec) {
-      return Failure{"'" + final_.string() + "' is in use - could not replace it (" + ec.message() + ")"};
+      // Appended piece by piece: GCC 12 misreads "'" + std::string as an overlapping copy.
+      std::string reason(1, '\'');
+      reason.append(final_.string()).append("' is in use - could not replace it (");
+      return Failure{reason.append(ec.message()).append(")")};
     }
     return true;
   }
