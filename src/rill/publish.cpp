@@ -21,7 +21,12 @@ namespace {
 class ChunkUploads {
  public:
   ChunkUploads(StorageProvider& store, const PublishOptions& options)
-      : store_(store), options_(options), slots_(static_cast<std::ptrdiff_t>(cpuThreads())) {}
+      : store_(store),
+        options_(options),
+        slots_(static_cast<std::ptrdiff_t>(options.cpuThreads ? options.cpuThreads
+                                                              : defaultCpuThreads())),
+        transfers_(static_cast<std::ptrdiff_t>(
+            options.transferThreads ? options.transferThreads : defaultTransferThreads())) {}
 
   void found() {
     std::lock_guard lock(mutex_);
@@ -38,16 +43,11 @@ class ChunkUploads {
     if (!info) return fail("HEAD failed: " + error);
     std::uint64_t stored = 0;
     if (!info->present) {
-      std::string object;
-      {
-        slots_.acquire();
-        auto bytes = readChunkAt(file, offset, length, id);
-        if (bytes) object = encodeChunk(bytes.value(), options_.compress);
-        slots_.release();
-        if (!bytes) return fail(bytes.error());
-      }
-      if (!store_.put(key, object, &error)) return fail("PUT failed: " + error);
-      stored = object.size();
+      transfers_.acquire();
+      const auto put = transfer(file, offset, length, id, key);
+      transfers_.release();
+      if (!put) return fail(put.error());
+      stored = put.value();
     }
     std::lock_guard lock(mutex_);
     ++progress_.chunksDone;
@@ -70,8 +70,18 @@ class ChunkUploads {
   }
 
  private:
-  std::size_t cpuThreads() const {
-    return options_.cpuThreads ? options_.cpuThreads : defaultCpuThreads();
+  // Reads, checks, encodes and stores one chunk; the stored size.
+  Result<std::uint64_t> transfer(const fs::path& file, std::uint64_t offset, std::uint64_t length,
+                                 const std::string& id, const std::string& key) {
+    std::string object;
+    slots_.acquire();
+    auto bytes = readChunkAt(file, offset, length, id);
+    if (bytes) object = encodeChunk(bytes.value(), options_.compress);
+    slots_.release();
+    if (!bytes) return Failure{bytes.error()};
+    std::string error;
+    if (!store_.put(key, object, &error)) return Failure{"PUT failed: " + error};
+    return static_cast<std::uint64_t>(object.size());
   }
 
   void fail(std::string reason) {
@@ -81,7 +91,8 @@ class ChunkUploads {
 
   StorageProvider& store_;
   const PublishOptions& options_;
-  std::counting_semaphore<> slots_;
+  std::counting_semaphore<> slots_;      // chunks being compressed
+  std::counting_semaphore<> transfers_;  // chunks held in memory
   std::mutex mutex_;
   std::atomic<bool> failed_{false};
   std::string failure_;
@@ -106,7 +117,7 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
   ChunkUploads uploads(store, options);
   Result<TreeScan> scan = Failure{""};
   {
-    TaskPool pool(options.networkThreads ? options.networkThreads : defaultNetworkThreads());
+    TaskPool pool(options.checkThreads ? options.checkThreads : defaultCheckThreads());
     std::unordered_set<std::string> queued;
     scan = scanTree(dir, options.chunker, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
       for (const Chunk& chunk : chunks) {

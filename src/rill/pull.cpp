@@ -274,7 +274,7 @@ Result<PullReport> pullChannel(PullSource& source, const fs::path& target,
   ChunkFetches fetches(source, index.value(), options);
   fetches.plan(chunks, bytes);
   {
-    TaskPool pool(options.networkThreads ? options.networkThreads : defaultNetworkThreads());
+    TaskPool pool(options.networkThreads ? options.networkThreads : defaultTransferThreads());
     // A chunk that occurs more than once is fetched once: its repeats wait for a second round,
     // which copies them from where the first round wrote them.
     std::unordered_set<std::string> planned;

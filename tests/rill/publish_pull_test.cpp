@@ -40,7 +40,8 @@ class PublishPullTest : public quill::test::TempDirTest {
     o.created = "2026-01-01T00:00:00Z";
     o.force = force;
     o.chunker = test::kSmallChunks;
-    o.networkThreads = 4;
+    o.checkThreads = 4;
+    o.transferThreads = 3;
     o.cpuThreads = 2;
     return o;
   }
