@@ -68,16 +68,26 @@ start_peer() {
   ENDPOINT="http://127.0.0.1:$(echo "$line" | awk '{print $2}')"
 }
 
-# Runs the tool with the peer's storage options; prints its summary and wall time.
+# User + system CPU seconds that process $1 has used so far.
+cpu_seconds() {
+  awk -v hz="$(getconf CLK_TCK)" '{print ($14 + $15) / hz}' "/proc/$1/stat"
+}
+
+# Runs the tool with the peer's storage options; prints its summary, the wall time, the CPU time
+# it and the peer used, and its peak resident memory.
 run() {
-  local started ended
+  local started ended peer_before peer_after rss user sys
+  peer_before=$(cpu_seconds "$PEER")
   started=$(date +%s.%N)
-  /usr/bin/time -f "%M" -o "$WORK/rss" "$tool" "$@" --endpoint "$ENDPOINT" --bucket bench \
-    --access-key S3RVER --secret-key S3RVER >"$WORK/out"
+  /usr/bin/time -f "%M %U %S" -o "$WORK/usage" "$tool" "$@" --endpoint "$ENDPOINT" \
+    --bucket bench --access-key S3RVER --secret-key S3RVER >"$WORK/out"
   ended=$(date +%s.%N)
+  peer_after=$(cpu_seconds "$PEER")
   WALL=$(echo "$ended - $started" | bc)
-  printf '  %-28s %6.2f s  peak RSS %4d MiB  %s\n' "$LABEL" "$WALL" "$(($(cat "$WORK/rss") / 1024))" \
-    "$(cat "$WORK/out")"
+  read -r rss user sys <"$WORK/usage"
+  printf '  %-30s %6.2f s wall; CPU tool %5.1f s, peer %5.1f s; peak RSS %4d MiB\n    %s\n' \
+    "$LABEL" "$WALL" "$(echo "$user + $sys" | bc)" "$(echo "$peer_after - $peer_before" | bc)" \
+    "$((rss / 1024))" "$(cat "$WORK/out")"
 }
 
 make_tree
@@ -98,9 +108,11 @@ first=$WALL
 LABEL="unchanged re-publish" run publish "$tree" --channel bench --force
 LABEL="pull, empty directory" run pull bench "$WORK/client"
 cp -r "$tree" "$WORK/next"
-# 1% of the bytes: 5 MiB rewritten inside one random file, 5 MiB of text files replaced.
+# About 1% of the bytes: 5 MiB rewritten inside each of two random files, a line added to 64 of
+# the text files.
 dd if=/dev/urandom of="$WORK/next/random/blob3.bin" bs=1M seek=20 count=5 conv=notrunc status=none
-for i in $(seq 0 1279); do echo "changed $i" >>"$WORK/next/text/t$i.txt"; done
+dd if=/dev/urandom of="$WORK/next/random/blob6.bin" bs=1M seek=40 count=5 conv=notrunc status=none
+for i in $(seq 0 63); do echo "changed $i" >>"$WORK/next/text/t$i.txt"; done
 LABEL="publish of the next build" run publish "$WORK/next" --channel bench --force
 LABEL="pull of the next build" run pull bench "$WORK/client"
 cmp -s "$WORK/next/random/blob3.bin" "$WORK/client/random/blob3.bin" || die "pulled tree differs"

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <mutex>
 #include <semaphore>
+#include <thread>
 #include <unordered_set>
 
 #include "rill/chunk_codec.h"
@@ -33,13 +34,20 @@ class ChunkUploads {
     ++progress_.chunksFound;
   }
 
+  // The chunk keys a listing of the store found, once it is complete.
+  void listed(std::unordered_set<std::string> keys) {
+    std::lock_guard lock(mutex_);
+    listed_ = std::move(keys);
+    listingDone_ = true;
+  }
+
   // Makes sure the chunk `id` of `length` bytes at `offset` of `file` is in the store.
   void upload(const fs::path& file, std::uint64_t offset, std::uint64_t length,
               const std::string& id) {
     if (failed_) return;
     const std::string key = store_.chunkKey(id);
     std::string error;
-    const auto info = store_.exists(key, &error);
+    const auto info = inListing(key) ? ObjectInfo{true, -1} : store_.exists(key, &error);
     if (!info) return fail("HEAD failed: " + error);
     std::uint64_t stored = 0;
     if (!info->present) {
@@ -70,6 +78,11 @@ class ChunkUploads {
   }
 
  private:
+  bool inListing(const std::string& key) {
+    std::lock_guard lock(mutex_);
+    return listingDone_ && listed_.contains(key);
+  }
+
   // Reads, checks, encodes and stores one chunk; the stored size.
   Result<std::uint64_t> transfer(const fs::path& file, std::uint64_t offset, std::uint64_t length,
                                  const std::string& id, const std::string& key) {
@@ -97,7 +110,21 @@ class ChunkUploads {
   std::atomic<bool> failed_{false};
   std::string failure_;
   PublishProgress progress_;
+  bool listingDone_ = false;
+  std::unordered_set<std::string> listed_;
 };
+
+// Lists the store's chunk keys for `uploads`. A listing answers for a thousand chunks per request,
+// where a check answers for one: a re-publish of a large tree then costs a few requests instead of
+// one per chunk. Chunks checked before the listing is complete, and chunks it does not show, are
+// checked one by one; a failed listing only means that every chunk is.
+void listChunks(StorageProvider& store, ChunkUploads& uploads) {
+  const auto entries = store.list("chunks/");
+  if (!entries) return;
+  std::unordered_set<std::string> keys;
+  for (const ObjectEntry& entry : *entries) keys.insert(entry.key);
+  uploads.listed(std::move(keys));
+}
 
 }  // namespace
 
@@ -117,6 +144,7 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
   ChunkUploads uploads(store, options);
   Result<TreeScan> scan = Failure{""};
   {
+    std::jthread lister([&store, &uploads] { listChunks(store, uploads); });
     TaskPool pool(options.checkThreads ? options.checkThreads : defaultCheckThreads());
     std::unordered_set<std::string> queued;
     scan = scanTree(dir, options.chunker, [&](const fs::path& file, const std::vector<Chunk>& chunks) {

@@ -50,7 +50,8 @@ struct PublishReport {
 // channel's manifest ("cannot reach store: <reason>"); an existing one stops the publish unless
 // forced ("channel '<channel>' already published (use --force to overwrite)"); the tree is scanned
 // (the scan's messages) while each distinct chunk, as soon as it is found, is checked with
-// `exists` ("HEAD failed: <reason>") and, when absent, re-read and re-hashed from its file (the
+// `exists` ("HEAD failed: <reason>"), unless a listing of "chunks/" made meanwhile already showed
+// it, and, when absent, re-read and re-hashed from its file (the
 // messages of readChunkAt), encoded and stored under its chunk key ("PUT failed: <reason>"); then
 // the manifest and the signature are put ("PUT failed: <reason>").
 // Checks run on a pool of `checkThreads` workers; a chunk found missing is read, compressed and
