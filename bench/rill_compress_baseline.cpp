@@ -1,10 +1,14 @@
 // The reference for publishing speed: how long one core needs to compress every distinct chunk of
-// a tree at the store's level (12), with the same chunking as a publish and nothing else.
+// a tree at the store's level (12), with the same chunking as a publish and nothing else; and,
+// beside it, a whole publish of the tree into a store held in memory, which is the publisher's own
+// cost without any network or store behind it.
 //
 //   rill_compress_baseline <dir>
 //
-// Prints "bytes <n> compressed <n> seconds <s>" for the compression alone (the scan is not timed).
+// Prints "bytes <n> compressed <n> seconds <s>" for the compression alone (the scan is not timed),
+// then "memory-publish wall <s> cpu <s>".
 
+#include <sys/resource.h>
 #include <zstd.h>
 
 #include <chrono>
@@ -12,6 +16,8 @@
 #include <unordered_set>
 
 #include "rill/chunk_reader.h"
+#include "rill/memory_provider.h"
+#include "rill/publish.h"
 #include "rill/tree_scan.h"
 
 int main(int argc, char** argv) {
@@ -56,5 +62,24 @@ int main(int argc, char** argv) {
   ZSTD_freeCCtx(ctx);
   std::printf("bytes %llu compressed %llu seconds %.2f\n", static_cast<unsigned long long>(in),
               static_cast<unsigned long long>(out), seconds);
+
+  const auto cpu = [] {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  };
+  quill::rill::MemoryProvider memory;
+  quill::rill::PublishOptions options;
+  options.channel = "reference";
+  const double cpuBefore = cpu();
+  const auto start = std::chrono::steady_clock::now();
+  auto published = quill::rill::publishDirectory(memory, argv[1], options);
+  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (!published) {
+    std::fprintf(stderr, "%s\n", published.error().c_str());
+    return 1;
+  }
+  std::printf("memory-publish wall %.2f cpu %.2f\n", wall, cpu() - cpuBefore);
   return 0;
 }

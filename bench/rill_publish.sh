@@ -92,8 +92,9 @@ run() {
 
 make_tree
 echo "tree: $(du -sh --apparent-size "$tree" | cut -f1) in $(find "$tree" -type f | wc -l) files; $(nproc) cores"
-read -r _ bytes _ packed _ one_core < <("$baseline" "$tree")
+{ read -r _ bytes _ packed _ one_core; read -r _ _ memory_wall _ memory_cpu; } < <("$baseline" "$tree")
 echo "reference: one core compresses the distinct chunks ($((bytes / 1048576)) MiB -> $((packed / 1048576)) MiB) at level 12 in $one_core s"
+echo "publish into a store in memory (no network): $memory_wall s wall, $memory_cpu s CPU; ratio $(echo "scale=2; $memory_wall / $one_core" | bc)"
 
 # Each peer's standard input stays open (a fifo held by sleep) until the script ends.
 for d in 0 "$delay"; do
