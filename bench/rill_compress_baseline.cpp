@@ -32,7 +32,8 @@ int main(int argc, char** argv) {
   std::vector<Piece> pieces;
   std::unordered_set<std::string> seen;
   auto scan = quill::rill::scanTree(
-      argv[1], {}, [&](const std::filesystem::path& file, const std::vector<quill::rill::Chunk>& cs) {
+      argv[1], {},
+      [&](const std::filesystem::path& file, const std::vector<quill::rill::Chunk>& cs) {
         for (const auto& c : cs) {
           if (seen.insert(c.hash).second) pieces.push_back({file, c});
         }
@@ -75,7 +76,8 @@ int main(int argc, char** argv) {
   const double cpuBefore = cpu();
   const auto start = std::chrono::steady_clock::now();
   auto published = quill::rill::publishDirectory(memory, argv[1], options);
-  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double wall =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (!published) {
     std::fprintf(stderr, "%s\n", published.error().c_str());
     return 1;

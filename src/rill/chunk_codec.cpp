@@ -84,8 +84,7 @@ bool looksCompressible(ZSTD_CCtx* ctx, std::string_view chunk) {
   if (chunk.size() <= kSampleSlices * kSampleSize) {
     const std::size_t bound = ZSTD_compressBound(chunk.size());
     std::string out(bound, '\0');
-    const std::size_t n = ZSTD_compressCCtx(ctx, out.data(), bound, chunk.data(),
-                                            chunk.size(), 1);
+    const std::size_t n = ZSTD_compressCCtx(ctx, out.data(), bound, chunk.data(), chunk.size(), 1);
     return !ZSTD_isError(n) && static_cast<double>(n) < kWorthwhileRatio * chunk.size();
   }
   std::string out(ZSTD_compressBound(kSampleSize), '\0');
@@ -93,8 +92,8 @@ bool looksCompressible(ZSTD_CCtx* ctx, std::string_view chunk) {
   std::size_t compressed = 0;
   const std::size_t stride = (chunk.size() - kSampleSize) / (kSampleSlices - 1);
   for (std::size_t i = 0; i < kSampleSlices; ++i) {
-    const std::size_t n = ZSTD_compressCCtx(ctx, out.data(), out.size(),
-                                            chunk.data() + i * stride, kSampleSize, 1);
+    const std::size_t n =
+        ZSTD_compressCCtx(ctx, out.data(), out.size(), chunk.data() + i * stride, kSampleSize, 1);
     if (ZSTD_isError(n)) return false;
     in += kSampleSize;
     compressed += n;
@@ -111,17 +110,17 @@ Failure corrupt(const std::string& id) {
 }
 
 bool hasZstdMagic(std::string_view object) {
-  return object.size() >= 4 && std::equal(kMagic, kMagic + 4, object.begin(),
-                                          [](std::uint8_t m, char c) {
-                                            return m == static_cast<std::uint8_t>(c);
-                                          });
+  return object.size() >= 4 &&
+         std::equal(kMagic, kMagic + 4, object.begin(),
+                    [](std::uint8_t m, char c) { return m == static_cast<std::uint8_t>(c); });
 }
 
 }  // namespace
 
 std::string rawZstdFrame(std::string_view chunk) {
   std::string out;
-  const std::size_t blocks = std::max<std::size_t>(1, (chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
+  const std::size_t blocks =
+      std::max<std::size_t>(1, (chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
   out.reserve(chunk.size() + 13 + 3 * blocks);
   out.append(reinterpret_cast<const char*>(kMagic), 4);
   // Frame header: single segment (the window is the content), 4- or 8-byte content size.
@@ -147,7 +146,8 @@ std::string encodeChunk(std::string_view chunk, bool compress) {
   std::string out(ZSTD_compressBound(chunk.size()), '\0');
   const std::size_t n = ZSTD_compressCCtx(ctx.get(), out.data(), out.size(), chunk.data(),
                                           chunk.size(), kChunkCompressionLevel);
-  const std::size_t rawSize = 9 + chunk.size() + 3 * ((chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
+  const std::size_t rawSize =
+      9 + chunk.size() + 3 * ((chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
   if (ZSTD_isError(n) || n >= rawSize) return rawZstdFrame(chunk);
   out.resize(n);
   return out;

@@ -138,7 +138,8 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
   const auto existing = store.exists(manifestKey(options.channel), &error);
   if (!existing) return Failure{"cannot reach store: " + error};
   if (existing->present && !options.force) {
-    return Failure{"channel '" + options.channel + "' already published (use --force to overwrite)"};
+    return Failure{"channel '" + options.channel +
+                   "' already published (use --force to overwrite)"};
   }
 
   ChunkUploads uploads(store, options);
@@ -147,15 +148,16 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
     std::jthread lister([&store, &uploads] { listChunks(store, uploads); });
     TaskPool pool(options.checkThreads ? options.checkThreads : defaultCheckThreads());
     std::unordered_set<std::string> queued;
-    scan = scanTree(dir, options.chunker, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
-      for (const Chunk& chunk : chunks) {
-        if (uploads.failed() || !queued.insert(chunk.hash).second) continue;
-        uploads.found();
-        pool.submit([&uploads, file, chunk] {
-          uploads.upload(file, chunk.offset, chunk.length, chunk.hash);
+    scan =
+        scanTree(dir, options.chunker, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
+          for (const Chunk& chunk : chunks) {
+            if (uploads.failed() || !queued.insert(chunk.hash).second) continue;
+            uploads.found();
+            pool.submit([&uploads, file, chunk] {
+              uploads.upload(file, chunk.offset, chunk.length, chunk.hash);
+            });
+          }
         });
-      }
-    });
     pool.wait();
   }
   if (uploads.failed()) return Failure{uploads.failure()};
@@ -171,13 +173,15 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
     if (!signed_) return Failure{signed_.error()};
     signature = std::move(signed_).value();
   }
-  if (!store.put(manifestKey(options.channel), text, &error)) return Failure{"PUT failed: " + error};
+  if (!store.put(manifestKey(options.channel), text, &error))
+    return Failure{"PUT failed: " + error};
   if (!signature.empty() && !store.put(signatureKey(options.channel), signature, &error)) {
     return Failure{"PUT failed: " + error};
   }
   // A signature left from an earlier signed publish would no longer match: take it away, so a
   // verifying reader is told the build is unsigned rather than tampered with.
-  if (signature.empty() && existing->present && !store.remove(signatureKey(options.channel), &error)) {
+  if (signature.empty() && existing->present &&
+      !store.remove(signatureKey(options.channel), &error)) {
     return Failure{"DELETE failed: " + error};
   }
   const PublishProgress done = uploads.progress();

@@ -28,9 +28,9 @@ struct PublishOptions {
   std::string channel;
   std::string build;
   std::string created;
-  bool force = false;       // replace an existing manifest of the channel
-  std::string signingKey;   // hexadecimal secret key; empty: no signature
-  bool compress = true;     // store chunks as zstd frames
+  bool force = false;      // replace an existing manifest of the channel
+  std::string signingKey;  // hexadecimal secret key; empty: no signature
+  bool compress = true;    // store chunks as zstd frames
   ChunkerParams chunker;
   std::size_t cpuThreads = 0;       // chunks compressed at once; 0: the number of cores
   std::size_t checkThreads = 0;     // existence checks at once; 0: 64

@@ -41,7 +41,8 @@ Result<LocalIndex> indexTarget(const fs::path& target, const ChunkerParams& para
   std::error_code ec;
   if (!fs::is_directory(target, ec)) return index;
   auto scan = scanTree(target, params, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
-    for (const Chunk& chunk : chunks) index.chunks.try_emplace(chunk.hash, LocalChunk{file, chunk.offset});
+    for (const Chunk& chunk : chunks)
+      index.chunks.try_emplace(chunk.hash, LocalChunk{file, chunk.offset});
   });
   if (!scan) return Failure{scan.error()};
   for (ScannedFile& file : scan.value().files) index.files[file.path] = std::move(file.chunks);
@@ -53,7 +54,9 @@ Result<LocalIndex> indexTarget(const fs::path& target, const ChunkerParams& para
 class FileAssembly {
  public:
   FileAssembly(const ScannedFile& file, const fs::path& target)
-      : file_(file), final_(target / file.path), part_(final_.string() + ".part"),
+      : file_(file),
+        final_(target / file.path),
+        part_(final_.string() + ".part"),
         remaining_(file.chunks.size()) {}
   ~FileAssembly() {
     if (fd_ >= 0) ::close(fd_);
@@ -203,7 +206,8 @@ class ChunkFetches {
       where = found->second;
     }
     for (const fs::path& file : {where.first->partPath(), where.first->finalPath()}) {
-      if (auto bytes = readChunkAt(file, where.second, ref.n, ref.h)) return std::move(bytes).value();
+      if (auto bytes = readChunkAt(file, where.second, ref.n, ref.h))
+        return std::move(bytes).value();
     }
     return std::nullopt;
   }

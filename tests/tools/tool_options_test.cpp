@@ -46,9 +46,9 @@ TEST_F(ToolOptionsTest, OptionsOverRillJsonOverEnvironment) {
   EXPECT_EQ(parseToolOptions({"publish", "out", "--channel", "c", "--bucket", "b"}, {}).error(),
             "the storage is required: --endpoint, --bucket, --access-key and --secret-key (or "
             "--from <rill.json>)");
-  EXPECT_EQ(parseToolOptions({"publish", "out", "--channel", "c", "--from", "/nope.json"}, env)
-                .error(),
-            "cannot read /nope.json");
+  EXPECT_EQ(
+      parseToolOptions({"publish", "out", "--channel", "c", "--from", "/nope.json"}, env).error(),
+      "cannot read /nope.json");
   EXPECT_EQ(parseToolOptions({"keygen", "--force"}, env).error(), "unknown option --force");
   EXPECT_TRUE(parseToolOptions({"pull", "--help"}, env).value().help);
 }
