@@ -13,6 +13,8 @@
 #include "http/json.h"
 #include "sso/config_api.h"
 #include "sso/sign_in_api.h"
+#include "storage/storage_api.h"
+#include "storage/sync_api.h"
 
 namespace quill {
 
@@ -113,16 +115,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
-      route("GET", "/api/rill/sync/{channel}"),
+      blocking(route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
       route("POST", "/api/backup"),
       route("GET", "/api/backups"),
       route("PUT", "/api/backup/config"),
       route("POST", "/api/backup/init"),
       route("DELETE", "/api/backup/config"),
-      route("GET", "/api/storage"),
-      route("PUT", "/api/storage"),
-      route("DELETE", "/api/storage"),
-      route("POST", "/api/storage/test"),
+      route("GET", "/api/storage", ctx, storage::readStorage),
+      blocking(withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
+      route("DELETE", "/api/storage", ctx, storage::forgetStorage),
+      blocking(withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),
       route("GET", "/api/sso/config", ctx, sso::readConfig),
       blocking(withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
       route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
