@@ -118,9 +118,9 @@ Result<std::string> parseTokenAnswer(long status, const std::string& body) {
   auto doc = store::parseJsonObject(body);
   if (status != 200) {
     std::string reason = "token exchange failed: HTTP " + std::to_string(status);
-    if (doc && (*doc)["error"].isString()) reason += " " + (*doc)["error"].asString();
+    if (doc && (*doc)["error"].isString()) reason.append(" ").append((*doc)["error"].asString());
     if (doc && (*doc)["error_description"].isString()) {
-      reason += ": " + (*doc)["error_description"].asString();
+      reason.append(": ").append((*doc)["error_description"].asString());
     }
     return Failure{reason};
   }
