@@ -10,7 +10,11 @@
 #   bench/rill_publish.sh [build dir]      (default build-release, configured with -DQUILL_BENCH=ON)
 #
 # Environment: TREE (default /tmp/quill-rill-bench-tree), DELAY_MS (default 20), NICE (e.g. -15,
-# needs root: a scheduling group of its own at that nice level on a shared machine).
+# needs root: a scheduling group of its own at that nice level on a shared machine), VIA (front:
+# through the peer's signature-checking front, which hashes every body again and reads every
+# object back after its PUT; direct, the default: straight to s3rver, so that the peer's own CPU
+# competes less with the publisher on a small machine). The run with added delay always goes
+# through the front, which adds the delay.
 set -euo pipefail
 if [ -n "${NICE:-}" ] && [ -z "${QUILL_RILL_PUBLISH_NICED:-}" ]; then
   export QUILL_RILL_PUBLISH_NICED=1
@@ -65,7 +69,9 @@ start_peer() {
   local line
   read -r line <"$WORK/ready"
   rm "$WORK/ready"
-  ENDPOINT="http://127.0.0.1:$(echo "$line" | awk '{print $2}')"
+  local field=3
+  [ "${VIA:-direct}" = front ] || [ "$1" != 0 ] && field=2
+  ENDPOINT="http://127.0.0.1:$(echo "$line" | awk -v f="$field" '{print $f}')"
 }
 
 # User + system CPU seconds that process $1 has used so far.

@@ -85,7 +85,7 @@ NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::s
     failure_ = "cannot start node";
     return;
   }
-  const std::string line = readLine(out[0], std::chrono::seconds(30));
+  const std::string line = readLine(out[0], std::chrono::seconds(90));
   ::close(out[0]);
   std::istringstream parts(line);
   std::string ready;

@@ -17,8 +17,8 @@ std::filesystem::path programOnPath(const std::string& name);
 
 class NodePeer {
  public:
-  // Runs `node <nodeFlags...> <script> <args...>` and waits up to 30 seconds for its "ready"
-  // line. The peer's standard error is discarded.
+  // Runs `node <nodeFlags...> <script> <args...>` and waits up to 90 seconds (node starts slowly
+  // on a loaded machine) for its "ready" line. The peer's standard error is discarded.
   NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args,
            const std::vector<std::string>& nodeFlags = {});
   ~NodePeer();
