@@ -1,6 +1,6 @@
 #pragma once
-// Blocking HTTP(S) transfers with libcurl: one easy handle per request, created and cleaned up
-// around it, so any number of threads may call at once.
+// Blocking HTTP(S) transfers with libcurl: one easy handle per calling thread, reused from request
+// to request so that connections stay open, so any number of threads may call at once.
 
 #include <cstdint>
 #include <string>

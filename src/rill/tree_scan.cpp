@@ -45,7 +45,8 @@ Result<std::vector<FoundFile>> listFiles(const fs::path& root) {
 
 }  // namespace
 
-Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params) {
+Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
+                          const ScannedFileCallback& onFile) {
   std::error_code ec;
   if (!fs::exists(root, ec)) return Failure{"path not found: " + root.string()};
   auto found = listFiles(root);
@@ -62,17 +63,18 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params) {
     scanned.chunks.reserve(chunks.value().size());
     std::uint64_t position = 0;
     bool gap = false;
-    for (Chunk& chunk : chunks.value()) {
+    for (const Chunk& chunk : chunks.value()) {
       gap = gap || chunk.offset != position;
       position += chunk.length;
       if (seen.insert(chunk.hash).second) {
         ++scan.stats.unique_chunks;
         scan.stats.unique_bytes += chunk.length;
       }
-      scanned.chunks.push_back({std::move(chunk.hash), chunk.length});
+      scanned.chunks.push_back({chunk.hash, chunk.length});
     }
     if (gap) return Failure{"chunk gap in " + full.string()};
     if (position != scanned.size) return Failure{"chunk coverage mismatch in " + full.string()};
+    if (onFile) onFile(full, chunks.value());
 
     ++scan.stats.files;
     scan.stats.total_bytes += scanned.size;

@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "rill/chunker.h"
+#include "rill/file_chunker.h"
 #include "rill/result.h"
 
 namespace quill::rill {
@@ -47,6 +49,13 @@ struct TreeScan {
 // "cannot stat <path>", the file chunker's messages, or the consistency guards
 // "chunk gap in <path>" and "chunk coverage mismatch in <path>" (a file that changed under us).
 // Requires valid `params`.
-Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params);
+//
+// `onFile`, when given, is called on the calling thread after each file passed its checks, with
+// the file's full path and its chunks (with offsets), so that work on them can start while the
+// scan goes on.
+using ScannedFileCallback =
+    std::function<void(const std::filesystem::path& file, const std::vector<Chunk>& chunks)>;
+Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params,
+                          const ScannedFileCallback& onFile = {});
 
 }  // namespace quill::rill

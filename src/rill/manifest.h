@@ -1,0 +1,48 @@
+#pragma once
+// The manifest of a Rill build: which files, cut into which chunks, published to which channel.
+// It is what a store holds at "channels/<channel>/manifest.json", with the chunks it names beside
+// it and, when signed, a detached signature at the manifest key + ".sig".
+
+#include <string>
+#include <string_view>
+
+#include "rill/chunker.h"
+#include "rill/result.h"
+#include "rill/tree_scan.h"
+
+namespace quill::rill {
+
+inline constexpr int kManifestSchema = 1;
+inline constexpr const char* kChunkerAlgo = "fastcdc-gear";
+
+struct Manifest {
+  ChunkerParams chunker;
+  std::string channel;
+  std::string build;
+  std::string created;  // UTC publication time
+  TreeScan tree;        // files in path order, and their statistics
+};
+
+// "channels/" + channel + "/manifest.json", and the signature beside it.
+std::string manifestKey(std::string_view channel);
+std::string signatureKey(std::string_view channel);
+
+// The stored form: JSON with two-space indentation, members in ascending order, a final newline.
+std::string serializeManifest(const Manifest& manifest);
+
+// Reads the stored form. Fails with "manifest parse error: <reason>" when the text is not a
+// manifest (not JSON, a member missing or of the wrong type, a chunk id that is not 64 lower-case
+// hexadecimal characters, chunk lengths that do not add up to the file size) and with
+// "unsupported manifest schema" when `schema` is not 1. File paths are not judged here (see
+// isSafeManifestPath).
+Result<Manifest> parseManifest(std::string_view text);
+
+// True for a relative path of forward-slash segments, none empty, "." or "..", without a drive or
+// backslash: the only paths a pull writes.
+bool isSafeManifestPath(std::string_view path);
+
+// The channel a manifest must be for; fails with
+// "manifest is for channel '<found>', not '<requested>'".
+Result<bool> checkManifestChannel(const Manifest& manifest, std::string_view requested);
+
+}  // namespace quill::rill

@@ -1,0 +1,61 @@
+#pragma once
+// Publishing a directory as a Rill build: scan, upload the chunks the store lacks, then the
+// manifest, then (with a signing key) its signature.
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "rill/chunker.h"
+#include "rill/manifest.h"
+#include "rill/result.h"
+#include "rill/storage_provider.h"
+
+namespace quill::rill {
+
+// Where a running publish stands; handed to the progress callback.
+struct PublishProgress {
+  std::uint64_t chunksDone = 0;   // distinct chunks checked (present, or uploaded)
+  std::uint64_t chunksFound = 0;  // distinct chunks the scan has found so far
+  std::uint64_t bytesDone = 0;    // chunk bytes (uncompressed) of the chunks done
+  std::uint64_t uploaded = 0;     // chunks uploaded
+  std::uint64_t storedBytes = 0;  // object bytes uploaded
+};
+
+struct PublishOptions {
+  std::string channel;
+  std::string build;
+  std::string created;
+  bool force = false;       // replace an existing manifest of the channel
+  std::string signingKey;   // hexadecimal secret key; empty: no signature
+  bool compress = true;     // store chunks as zstd frames
+  ChunkerParams chunker;
+  std::size_t cpuThreads = 0;      // chunks compressed at once; 0: the number of cores
+  std::size_t networkThreads = 0;  // store requests at once; 0: a default above the cores
+  // Called from worker threads after each chunk, one call at a time.
+  std::function<void(const PublishProgress&)> progress;
+};
+
+struct PublishReport {
+  Manifest manifest;
+  std::uint64_t uploaded = 0;     // chunks the store lacked
+  std::uint64_t storedBytes = 0;  // object bytes of those chunks
+};
+
+// Publishes `dir` to `options.channel` in `store`, in this order, stopping at the first failure:
+// the signing key is checked ("bad secret key (need 64-byte hex)"); the store is asked for the
+// channel's manifest ("cannot reach store: <reason>"); an existing one stops the publish unless
+// forced ("channel '<channel>' already published (use --force to overwrite)"); the tree is scanned
+// (the scan's messages) while each distinct chunk, as soon as it is found, is checked with
+// `exists` ("HEAD failed: <reason>") and, when absent, re-read and re-hashed from its file (the
+// messages of readChunkAt), encoded and stored under its chunk key ("PUT failed: <reason>"); then
+// the manifest and the signature are put ("PUT failed: <reason>").
+// Checks, compression and uploads run on a bounded pool; at most one chunk is held per network
+// worker, and raw chunk bytes only by the `cpuThreads` workers that compress. Nothing is rolled
+// back on failure: chunks are content-addressed, so a later publish reuses them.
+Result<PublishReport> publishDirectory(StorageProvider& store, const std::filesystem::path& dir,
+                                       const PublishOptions& options);
+
+}  // namespace quill::rill

@@ -1,0 +1,26 @@
+#pragma once
+// The sync descriptor of a Rill channel: presigned links to its manifest, signature and chunks,
+// which a server hands to clients so that they download straight from the bucket.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <json/value.h>
+
+#include "rill/manifest.h"
+#include "rill/pull_source.h"
+#include "rill/result.h"
+#include "rill/s3_client.h"
+
+namespace quill::rill {
+
+// `manifest_url`, `manifest_sig_url`, `build`, `created`, `channel` and `chunks` (every chunk id
+// of the manifest's files -> a presigned GET of its default chunk key), links valid `ttlSeconds`.
+Json::Value buildSyncDescriptor(const S3Client& bucket, const Manifest& manifest,
+                                std::int64_t ttlSeconds);
+
+// The links of a descriptor as a server answered it. Fails with "sync descriptor: <what>".
+Result<PresignedLinks> parseSyncDescriptor(std::string_view text);
+
+}  // namespace quill::rill

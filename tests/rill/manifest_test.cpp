@@ -1,0 +1,140 @@
+// The manifest's stored form, its signature and the chunk objects: what a reader accepts and
+// refuses.
+
+#include "rill/manifest.h"
+
+#include <gtest/gtest.h>
+#include <zstd.h>
+
+#include "rill/chunk_codec.h"
+#include "rill/chunk_id.h"
+#include "rill/manifest_signature.h"
+#include "rill_trees.h"
+
+namespace quill::rill {
+namespace {
+
+Manifest sample() {
+  Manifest m;
+  m.channel = "nightly";
+  m.build = "b-1";
+  m.created = "2026-01-02T03:04:05Z";
+  const std::string a = chunkId("aaaa");
+  m.tree.files = {{"dir/x.bin", 4, {{a, 4}}}, {"empty", 0, {}}};
+  m.tree.stats = {2, 1, 4, 4};
+  return m;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  const auto at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  return text.replace(at, from.size(), to);
+}
+
+TEST(ManifestTest, StoredFormRoundTrips) {
+  const std::string text = serializeManifest(sample());
+  EXPECT_NE(text.find("\n  \"build\" : \"b-1\""), std::string::npos) << text;
+  EXPECT_NE(text.find("\"algo\" : \"fastcdc-gear\""), std::string::npos);
+  auto back = parseManifest(text);
+  ASSERT_TRUE(back) << back.error();
+  EXPECT_EQ(back.value().tree.files, sample().tree.files);
+  EXPECT_EQ(back.value().tree.stats, sample().tree.stats);
+  EXPECT_EQ(back.value().created, "2026-01-02T03:04:05Z");
+  EXPECT_EQ(serializeManifest(back.value()), text);
+}
+
+TEST(ManifestTest, RefusesWhatIsNotAManifest) {
+  const std::string good = serializeManifest(sample());
+  EXPECT_EQ(parseManifest(replaced(good, "\"schema\" : 1", "\"schema\" : 2")).error(),
+            "unsupported manifest schema");
+  const struct {
+    std::string text;
+    std::string starts;
+  } cases[] = {
+      {"not json", "manifest parse error: "},
+      {"[1]", "manifest parse error: not a JSON object"},
+      {replaced(good, "\"size\" : 4", "\"size\" : 5"), "manifest parse error: files[0] chunks"},
+      {replaced(good, "\"n\" : 4", "\"n\" : \"4\""), "manifest parse error: files[0] has a"},
+      {replaced(good, chunkId("aaaa"), "ABC"), "manifest parse error: files[0] has a"},
+      {replaced(good, "\"channel\" : \"nightly\"", "\"channel\" : 7"), "manifest parse error: "},
+      {replaced(good, "\"min\" : 1048576", "\"min\" : 99999999"), "manifest parse error: chunker"},
+  };
+  for (const auto& c : cases) {
+    auto parsed = parseManifest(c.text);
+    ASSERT_FALSE(parsed) << c.text;
+    EXPECT_EQ(parsed.error().rfind(c.starts, 0), 0u) << parsed.error();
+  }
+  Manifest beta = sample();
+  beta.channel = "beta";
+  EXPECT_EQ(checkManifestChannel(beta, "nightly").error(),
+            "manifest is for channel 'beta', not 'nightly'");
+}
+
+TEST(ManifestTest, OnlySafeRelativePathsArePulled) {
+  for (const char* path : {"a", "a/b.txt", "dir/.hidden", "x..y", "ab:c"}) {
+    EXPECT_TRUE(isSafeManifestPath(path)) << path;
+  }
+  for (const char* path : {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x",
+                           "a\\..\\x", "."}) {
+    EXPECT_FALSE(isSafeManifestPath(path)) << path;
+  }
+}
+
+TEST(ManifestSignatureTest, SignsAndVerifiesExactBytes) {
+  const SigningKeyPair keys = generateSigningKeyPair();
+  EXPECT_EQ(keys.secretKeyHex.size(), 128u);
+  EXPECT_EQ(publicKeyOf(keys.secretKeyHex).value(), keys.publicKeyHex);
+  auto signature = signManifest("manifest bytes", keys.secretKeyHex);
+  ASSERT_TRUE(signature) << signature.error();
+  EXPECT_TRUE(verifyManifest("manifest bytes", signature.value() + "\n", keys.publicKeyHex));
+  EXPECT_EQ(verifyManifest("manifest bytes ", signature.value(), keys.publicKeyHex).error(),
+            "signature does not verify");
+  EXPECT_EQ(verifyManifest("manifest bytes", signature.value(),
+                           generateSigningKeyPair().publicKeyHex)
+                .error(),
+            "signature does not verify");
+
+  const std::string badSecret = "bad secret key (need 64-byte hex)";
+  EXPECT_EQ(signManifest("m", keys.secretKeyHex.substr(2)).error(), badSecret);
+  EXPECT_EQ(signManifest("m", "zz" + keys.secretKeyHex.substr(2)).error(), badSecret);
+  EXPECT_EQ(verifyManifest("m", signature.value(), keys.secretKeyHex).error(), "bad public key");
+  EXPECT_EQ(verifyManifest("m", signature.value().substr(1), keys.publicKeyHex).error(),
+            "bad signature");
+}
+
+TEST(ChunkCodecTest, EveryStoredFormDecodesAndVerifies) {
+  const std::string text = test::textBytes(3000, 1);
+  const std::string noise = test::randomBytes(300 * 1024, 2);
+  const ChunkRef textRef{chunkId(text), text.size()};
+  const ChunkRef noiseRef{chunkId(noise), noise.size()};
+
+  const std::string packed = encodeChunk(text, true);
+  EXPECT_LT(packed.size(), text.size() / 4);
+  // Noise is not worth level 12: stored as raw blocks, a few bytes over the chunk, readable by any
+  // zstd decoder.
+  const std::string raw = encodeChunk(noise, true);
+  EXPECT_LE(raw.size(), noise.size() + 9 + 3 * 3);
+  std::string plain(noise.size(), '\0');
+  EXPECT_EQ(ZSTD_decompress(plain.data(), plain.size(), raw.data(), raw.size()), noise.size());
+  EXPECT_EQ(plain, noise);
+  EXPECT_EQ(rawZstdFrame("").size(), 12u);
+
+  for (const auto& [object, ref] :
+       {std::pair{packed, textRef}, {raw, noiseRef}, {encodeChunk(text, false), textRef}}) {
+    auto decoded = decodeChunk(object, ref);
+    ASSERT_TRUE(decoded) << decoded.error();
+    EXPECT_EQ(chunkId(decoded.value()), ref.h);
+  }
+
+  std::string tampered = raw;
+  tampered[tampered.size() / 2] ^= 1;
+  EXPECT_EQ(decodeChunk(tampered, noiseRef).error(),
+            "chunk " + noiseRef.h + " failed to decode/verify (corrupt or tampered)");
+  EXPECT_EQ(decodeChunk(packed, {textRef.h, text.size() + 1}).error(),
+            "chunk size mismatch for " + textRef.h);
+  // A frame that claims more than the manifest's length is refused, not decoded into a huge buffer.
+  EXPECT_FALSE(decodeChunk(packed, {textRef.h, 10}));
+}
+
+}  // namespace
+}  // namespace quill::rill

@@ -1,0 +1,216 @@
+// Publishing and pulling through providers held in memory, with faults injected where a store or
+// a network would fail.
+
+#include <gtest/gtest.h>
+
+#include "rill/channel_store.h"
+#include "rill/chunk_id.h"
+#include "rill/chunk_reader.h"
+#include "rill/fault_injecting_provider.h"
+#include "rill/manifest_signature.h"
+#include "rill/memory_provider.h"
+#include "rill/publish.h"
+#include "rill/pull.h"
+#include "rill_trees.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::rill {
+namespace {
+
+namespace fs = std::filesystem;
+using test::treeContent;
+using test::writeFile;
+
+class PublishPullTest : public quill::test::TempDirTest {
+ protected:
+  void SetUp() override {
+    auto memory = std::make_unique<MemoryProvider>();
+    memory_ = memory.get();
+    store_ = std::make_unique<FaultInjectingProvider>(std::move(memory));
+    test::writeBuild(source());
+  }
+
+  fs::path source() const { return dir() / "source"; }
+  fs::path target() const { return dir() / "target"; }
+
+  PublishOptions options(const std::string& channel = "nightly", bool force = false) const {
+    PublishOptions o;
+    o.channel = channel;
+    o.build = "b1";
+    o.created = "2026-01-01T00:00:00Z";
+    o.force = force;
+    o.chunker = test::kSmallChunks;
+    o.networkThreads = 4;
+    o.cpuThreads = 2;
+    return o;
+  }
+
+  Result<PublishReport> publish(const PublishOptions& o) {
+    return publishDirectory(*store_, source(), o);
+  }
+
+  Result<PullReport> pull(const std::string& channel = "nightly", const std::string& key = "") {
+    StorePullSource src(*store_, channel);
+    PullOptions o;
+    o.channel = channel;
+    o.verifyKey = key;
+    o.networkThreads = 3;
+    return pullChannel(src, target(), o);
+  }
+
+  MemoryProvider* memory_ = nullptr;
+  std::unique_ptr<FaultInjectingProvider> store_;
+};
+
+TEST_F(PublishPullTest, PullRebuildsThePublishedTreeAndRepublishReusesEveryChunk) {
+  auto first = publish(options());
+  ASSERT_TRUE(first) << first.error();
+  const Manifest& m = first.value().manifest;
+  EXPECT_EQ(m.tree.stats.files, 4u);
+  EXPECT_EQ(first.value().uploaded, m.tree.stats.unique_chunks);
+  // The duplicate text file costs nothing; the noise is stored raw, the text compressed.
+  EXPECT_LT(first.value().storedBytes, m.tree.stats.unique_bytes);
+
+  auto pulled = pull();
+  ASSERT_TRUE(pulled) << pulled.error();
+  EXPECT_EQ(treeContent(target()), treeContent(source()));
+  EXPECT_EQ(pulled.value().totals.downloaded + pulled.value().totals.reused,
+            pulled.value().totals.chunksTotal);
+
+  EXPECT_EQ(publish(options()).error(),
+            "channel 'nightly' already published (use --force to overwrite)");
+  const std::size_t objects = memory_->size();
+  auto again = publish(options("nightly", true));
+  ASSERT_TRUE(again) << again.error();
+  EXPECT_EQ(again.value().uploaded, 0u);
+  EXPECT_EQ(memory_->size(), objects);
+
+  // Pulling the same build again touches no file.
+  auto same = pull();
+  ASSERT_TRUE(same) << same.error();
+  EXPECT_EQ(same.value().unchangedFiles, 4u);
+  EXPECT_EQ(same.value().totals.chunksTotal, 0u);
+}
+
+TEST_F(PublishPullTest, NextBuildDownloadsOnlyTheChangedChunks) {
+  ASSERT_TRUE(publish(options()));
+  ASSERT_TRUE(pull());
+  std::string app = test::readFile(source() / "bin/app.so");
+  app[150 * 1024] ^= 0x55;
+  writeFile(source() / "bin/app.so", app);
+  writeFile(source() / "new.txt", "new file");
+  auto next = publish(options("nightly", true));
+  ASSERT_TRUE(next) << next.error();
+  EXPECT_LE(next.value().uploaded, 3u);
+
+  auto update = pull();
+  ASSERT_TRUE(update) << update.error();
+  EXPECT_EQ(treeContent(target()), treeContent(source()));
+  EXPECT_EQ(update.value().totals.downloaded, next.value().uploaded);
+  EXPECT_GT(update.value().totals.reused, 10u);
+}
+
+TEST_F(PublishPullTest, InterruptedPullCompletesOnTheNextRunReusingWhatArrived) {
+  const std::uint64_t total = publish(options()).value().manifest.tree.stats.unique_chunks;
+  store_->failNth(FaultInjectingProvider::Operation::kGet, 30);
+  auto broken = pull();
+  ASSERT_FALSE(broken);
+  EXPECT_NE(broken.error().find("injected failure: get chunks/"), std::string::npos)
+      << broken.error();
+  EXPECT_NE(treeContent(target()), treeContent(source()));
+
+  auto resumed = pull();
+  ASSERT_TRUE(resumed) << resumed.error();
+  EXPECT_EQ(treeContent(target()), treeContent(source()));
+  EXPECT_LT(resumed.value().totals.downloaded, total);
+  for (const auto& [path, content] : treeContent(target())) {
+    EXPECT_FALSE(path.ends_with(".part")) << path;
+  }
+}
+
+TEST_F(PublishPullTest, PullRefusesTamperedWrongAndUnsignedBuilds) {
+  const SigningKeyPair keys = generateSigningKeyPair();
+  PublishOptions signedOptions = options();
+  signedOptions.signingKey = keys.secretKeyHex;
+  ASSERT_TRUE(publish(signedOptions));
+  ASSERT_TRUE(pull("nightly", keys.publicKeyHex));
+  EXPECT_EQ(pull("nightly", generateSigningKeyPair().publicKeyHex).error(),
+            "signature does not verify");
+
+  // A manifest edited in the store no longer matches its signature.
+  std::string text;
+  ASSERT_TRUE(memory_->get(manifestKey("nightly"), text));
+  ASSERT_TRUE(memory_->put(manifestKey("nightly"), text + " "));
+  EXPECT_EQ(pull("nightly", keys.publicKeyHex).error(), "signature does not verify");
+
+  // A forced unsigned publish takes the old signature away.
+  ASSERT_TRUE(publish(options("nightly", true)));
+  EXPECT_EQ(pull("nightly", keys.publicKeyHex).error(),
+            "channel 'nightly' has no signature but verification is required");
+
+  // Another channel's manifest under this channel's key.
+  ASSERT_TRUE(publish(options("beta")));
+  ASSERT_TRUE(memory_->get(manifestKey("beta"), text));
+  ASSERT_TRUE(memory_->put(manifestKey("nightly"), text));
+  EXPECT_EQ(pull("nightly").error(), "manifest is for channel 'beta', not 'nightly'");
+
+  // A chunk stored under its id with other content.
+  auto beta = publish(options("beta", true));
+  ASSERT_TRUE(beta) << beta.error();
+  const std::string id = beta.value().manifest.tree.files[1].chunks[0].h;
+  ASSERT_TRUE(memory_->put(memory_->chunkKey(id), "other bytes"));
+  fs::remove_all(target());  // else the chunk would be copied from the earlier pull
+  EXPECT_EQ(pull("beta").error(),
+            "chunk " + id + " failed to decode/verify (corrupt or tampered)");
+}
+
+TEST_F(PublishPullTest, PublishStopsAtTheFirstStoreFailure) {
+  using Op = FaultInjectingProvider::Operation;
+  store_->failNth(Op::kExists, 1);
+  EXPECT_EQ(publish(options()).error(),
+            "cannot reach store: injected failure: exists channels/nightly/manifest.json");
+  store_->failNth(Op::kExists, 5);
+  EXPECT_EQ(publish(options()).error().rfind("HEAD failed: injected failure: exists chunks/", 0),
+            0u);
+  store_->failNth(Op::kPut, 3);
+  EXPECT_EQ(publish(options()).error().rfind("PUT failed: injected failure: put chunks/", 0), 0u);
+  EXPECT_FALSE(memory_->exists(manifestKey("nightly"))->present);
+
+  PublishOptions badKey = options();
+  badKey.signingKey = "abcd";
+  EXPECT_EQ(publish(badKey).error(), "bad secret key (need 64-byte hex)");
+
+  const std::string bytes = test::readFile(source() / "data/notes.txt");
+  EXPECT_EQ(readChunkAt(source() / "data/notes.txt", 0, 10, chunkId(bytes.substr(1, 10))).error(),
+            "chunk hash mismatch reading " + (source() / "data/notes.txt").string() +
+                " (file changed under us?)");
+  EXPECT_EQ(readChunkAt(source() / "Empty", 0, 10, "x").error(),
+            "cannot read chunk bytes from " + (source() / "Empty").string());
+}
+
+TEST_F(PublishPullTest, DeletedChannelLeavesOnlyItsOwnChunksToTheSweep) {
+  auto nightly = publish(options("nightly"));
+  ASSERT_TRUE(nightly) << nightly.error();
+  writeFile(source() / "only-in-beta.bin", test::randomBytes(40 * 1024, 9));
+  auto beta = publish(options("beta"));
+  ASSERT_TRUE(beta) << beta.error();
+  ASSERT_TRUE(memory_->put("chunks/zz/stray", "x"));
+
+  auto live = readChannelManifests(*store_);
+  ASSERT_TRUE(live) << live.error();
+  EXPECT_EQ(live.value().size(), 2u);
+  auto swept = sweepChunks(*store_, live.value());
+  ASSERT_TRUE(swept) << swept.error();
+  EXPECT_EQ(swept.value().removed, 1u);
+
+  ASSERT_TRUE(deleteChannelBuild(*store_, "beta"));
+  EXPECT_FALSE(memory_->exists(manifestKey("beta"))->present);
+  swept = sweepChunks(*store_, readChannelManifests(*store_).value());
+  ASSERT_TRUE(swept) << swept.error();
+  EXPECT_EQ(swept.value().removed, beta.value().uploaded);
+  EXPECT_EQ(swept.value().kept, nightly.value().manifest.tree.stats.unique_chunks);
+  ASSERT_TRUE(pull("nightly"));
+}
+
+}  // namespace
+}  // namespace quill::rill

@@ -1,0 +1,188 @@
+#include "tool_commands.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "progress_line.h"
+#include "rill/http_transport.h"
+#include "rill/manifest_signature.h"
+#include "rill/prefixed_provider.h"
+#include "rill/publish.h"
+#include "rill/pull.h"
+#include "rill/s3_provider.h"
+#include "rill/sync_descriptor.h"
+
+namespace quill::rilltool {
+
+namespace {
+
+using rill::Failure;
+using rill::Result;
+
+int failed(const std::string& message) {
+  std::fprintf(stderr, "%s\n", message.c_str());
+  return 1;
+}
+
+std::string utcNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm tm{};
+  ::gmtime_r(&now, &tm);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return text;
+}
+
+rill::StorageProviderPtr openStore(const StorageOptions& storage) {
+  auto bucket = std::make_unique<rill::S3Provider>(storage.s3);
+  if (storage.prefix.empty()) return bucket;
+  return std::make_unique<rill::PrefixedProvider>(storage.prefix, std::move(bucket));
+}
+
+// A signing key given as a file holding it, or as the hexadecimal text itself.
+std::string signingKeyText(const std::string& argument) {
+  std::ifstream file(argument);
+  if (!file) return argument;
+  std::string text(4096, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
+  return text;
+}
+
+// The presigned links the server hands out for `channel`.
+Result<rill::PresignedLinks> askServer(const ToolOptions& o) {
+  std::string base = o.server;
+  while (base.ends_with('/')) base.pop_back();
+  rill::HttpRequest request{"GET", base + "/api/rill/sync/" + o.channel, {}, {}};
+  if (!o.token.empty()) request.headers.push_back("Authorization: Bearer " + o.token);
+  const rill::HttpResponse response = rill::performHttp(request);
+  if (!response.error.empty()) return Failure{"cannot reach server: " + response.error};
+  if (response.status != 200) {
+    std::string reason = response.body.substr(0, 300);
+    Json::Value doc;
+    std::istringstream in(response.body);
+    if (Json::parseFromStream(Json::CharReaderBuilder(), in, &doc, nullptr) && doc.isObject() &&
+        doc["error"].isString()) {
+      reason = doc["error"].asString();
+    }
+    return Failure{"server answered HTTP " + std::to_string(response.status) + ": " + reason};
+  }
+  return rill::parseSyncDescriptor(response.body);
+}
+
+}  // namespace
+
+int runKeygen(const ToolOptions& o) {
+  const rill::SigningKeyPair keys = rill::generateSigningKeyPair();
+  if (o.secretFile.empty()) {
+    std::printf("secret key: %s\npublic key: %s\n", keys.secretKeyHex.c_str(),
+                keys.publicKeyHex.c_str());
+    return 0;
+  }
+  const int fd = ::open(o.secretFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return failed("cannot create " + o.secretFile + " (it must not exist yet)");
+  const std::string line = keys.secretKeyHex + "\n";
+  const bool written = ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+  if (::close(fd) != 0 || !written) return failed("write failed for " + o.secretFile);
+  std::printf("secret key written to %s\npublic key: %s\n", o.secretFile.c_str(),
+              keys.publicKeyHex.c_str());
+  return 0;
+}
+
+int runPublish(const ToolOptions& o) {
+  auto store = openStore(o.storage);
+  rill::PublishOptions options;
+  options.channel = o.channel;
+  options.created = utcNow();
+  options.build = o.build.empty() ? options.created : o.build;
+  options.force = o.force;
+  options.compress = o.compress;
+  if (!o.signKey.empty()) options.signingKey = signingKeyText(o.signKey);
+  ProgressLine progress(stderr);
+  options.progress = [&progress](const rill::PublishProgress& p) {
+    progress.update(p.bytesDone, p.chunksDone, p.chunksFound);
+  };
+  auto report = rill::publishDirectory(*store, o.dir, options);
+  progress.finish();
+  if (!report) return failed(report.error());
+  const rill::ScanStats& stats = report.value().manifest.tree.stats;
+  std::printf(
+      "published %s build %s: files %llu, chunks %llu, new %llu, bytes %llu, stored %llu, "
+      "time %.2f s\n",
+      o.channel.c_str(), options.build.c_str(), static_cast<unsigned long long>(stats.files),
+      static_cast<unsigned long long>(stats.unique_chunks),
+      static_cast<unsigned long long>(report.value().uploaded),
+      static_cast<unsigned long long>(stats.total_bytes),
+      static_cast<unsigned long long>(report.value().storedBytes), progress.seconds());
+  return 0;
+}
+
+int runPull(const ToolOptions& o) {
+  ProgressLine progress(stderr);
+  std::unique_ptr<rill::PullSource> source;
+  rill::StorageProviderPtr store;
+  if (!o.server.empty()) {
+    auto links = askServer(o);
+    if (!links) return failed(links.error());
+    source = std::make_unique<rill::PresignedPullSource>(std::move(links).value());
+  } else {
+    store = openStore(o.storage);
+    source = std::make_unique<rill::StorePullSource>(*store, o.channel);
+  }
+  rill::PullOptions options;
+  options.channel = o.channel;
+  options.verifyKey = o.verifyKey;
+  options.progress = [&progress](const rill::PullProgress& p) {
+    progress.update(p.bytesDone, p.chunksDone, p.chunksTotal);
+  };
+  auto report = rill::pullChannel(*source, o.dir, options);
+  progress.finish();
+  if (!report) return failed(report.error());
+  const rill::ScanStats& stats = report.value().manifest.tree.stats;
+  const rill::PullProgress& totals = report.value().totals;
+  std::printf(
+      "pulled %s build %s: files %llu, chunks %llu, new %llu, reused %llu, unchanged files %llu, "
+      "bytes %llu, downloaded %llu, time %.2f s\n",
+      o.channel.c_str(), report.value().manifest.build.c_str(),
+      static_cast<unsigned long long>(stats.files),
+      static_cast<unsigned long long>(stats.unique_chunks),
+      static_cast<unsigned long long>(totals.downloaded),
+      static_cast<unsigned long long>(totals.reused),
+      static_cast<unsigned long long>(report.value().unchangedFiles),
+      static_cast<unsigned long long>(stats.total_bytes),
+      static_cast<unsigned long long>(totals.downloadedBytes), progress.seconds());
+  return 0;
+}
+
+int runTool(const std::vector<std::string>& args) {
+  auto options = parseToolOptions(args, processEnvironment());
+  if (!options) {
+    return failed(options.error());
+  }
+  const ToolOptions& o = options.value();
+  if (o.help) {
+    std::fputs(usageText(o.command).c_str(), stdout);
+    return 0;
+  }
+  switch (o.command) {
+    case Command::kPublish:
+      return runPublish(o);
+    case Command::kPull:
+      return runPull(o);
+    case Command::kKeygen:
+      return runKeygen(o);
+    case Command::kNone:
+      break;
+  }
+  return 1;
+}
+
+}  // namespace quill::rilltool

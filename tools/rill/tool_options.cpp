@@ -1,0 +1,235 @@
+#include "tool_options.h"
+
+#include <json/reader.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace quill::rilltool {
+
+namespace {
+
+using rill::Failure;
+
+const char* const kEnvNames[] = {"AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY", "QUILLMOOR_TOKEN"};
+
+bool isChannelName(const std::string& name) {
+  if (name.empty() || name.size() > 128 || name == "." || name == "..") return false;
+  for (const char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '-' || c == '.' || c == '_';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// Fills the members of `out` that rill.json at `path` carries (the server's own settings file).
+rill::Result<bool> readRillJson(const std::string& path, StorageOptions& out) {
+  std::ifstream in(path);
+  if (!in) return Failure{"cannot read " + path};
+  Json::Value doc;
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  if (!Json::parseFromStream(builder, in, &doc, &errors) || !doc.isObject()) {
+    return Failure{path + " is not a JSON object"};
+  }
+  const auto take = [&doc](const char* name, std::string& into) {
+    if (doc[name].isString()) into = doc[name].asString();
+  };
+  take("endpoint", out.s3.endpoint);
+  take("region", out.s3.region);
+  take("bucket", out.s3.bucket);
+  take("access_key", out.s3.accessKey);
+  take("secret_key", out.s3.secretKey);
+  take("prefix", out.prefix);
+  return true;
+}
+
+struct Parser {
+  const std::vector<std::string>& args;
+  std::size_t at = 1;  // args[0] is the command
+  std::vector<std::string> positional;
+
+  // The value after option `name`, or a failure.
+  rill::Result<std::string> value(const std::string& name) {
+    if (at + 1 >= args.size()) return Failure{name + " needs a value"};
+    at += 2;
+    return args[at - 1];
+  }
+};
+
+}  // namespace
+
+Environment processEnvironment() {
+  Environment env;
+  for (const char* name : kEnvNames) {
+    if (const char* v = std::getenv(name); v && *v) env[name] = v;
+  }
+  return env;
+}
+
+rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
+                                           const Environment& env) {
+  ToolOptions o;
+  if (args.empty()) return Failure{"a command is required: publish, pull or keygen"};
+  const std::string& name = args[0];
+  if (name == "--help" || name == "-h" || name == "help") {
+    o.help = true;
+    o.command = Command::kNone;
+    return o;
+  }
+  if (name == "publish") o.command = Command::kPublish;
+  else if (name == "pull") o.command = Command::kPull;
+  else if (name == "keygen") o.command = Command::kKeygen;
+  else return Failure{"unknown command '" + name + "'"};
+
+  // Options that take a value, and where the value goes.
+  std::map<std::string, std::string*> valued = {
+      {"--endpoint", &o.storage.s3.endpoint}, {"--bucket", &o.storage.s3.bucket},
+      {"--access-key", &o.storage.s3.accessKey}, {"--secret-key", &o.storage.s3.secretKey},
+      {"--region", &o.storage.s3.region}, {"--prefix", &o.storage.prefix}};
+  if (o.command == Command::kPublish) {
+    valued.insert({{"--channel", &o.channel}, {"--build", &o.build}, {"--sign-key", &o.signKey}});
+  } else if (o.command == Command::kPull) {
+    valued.insert({{"--server", &o.server}, {"--token", &o.token}, {"--verify-key", &o.verifyKey}});
+  } else {
+    valued = {{"--secret-file", &o.secretFile}};
+  }
+
+  Parser p{args, 1, {}};
+  std::string from;
+  StorageOptions given;  // what the options said, applied over --from
+  while (p.at < args.size()) {
+    const std::string& arg = args[p.at];
+    if (arg == "--help" || arg == "-h") {
+      o.help = true;
+      return o;
+    }
+    if (arg == "--force" && o.command == Command::kPublish) {
+      o.force = true;
+    } else if (arg == "--no-compress" && o.command == Command::kPublish) {
+      o.compress = false;
+    } else if (arg == "--from" && o.command != Command::kKeygen) {
+      auto v = p.value(arg);
+      if (!v) return Failure{v.error()};
+      from = v.value();
+      continue;
+    } else if (const auto it = valued.find(arg); it != valued.end()) {
+      auto v = p.value(arg);
+      if (!v) return Failure{v.error()};
+      *it->second = v.value();
+      continue;
+    } else if (arg.starts_with("--")) {
+      return Failure{"unknown option " + arg};
+    } else {
+      p.positional.push_back(arg);
+    }
+    ++p.at;
+  }
+
+  const std::size_t wanted = o.command == Command::kPublish ? 1 : o.command == Command::kPull ? 2 : 0;
+  if (p.positional.size() != wanted) {
+    static const char* const shapes[] = {"", "publish <dir> --channel <name>",
+                                         "pull <channel> <dir>", "keygen"};
+    return Failure{std::string("usage: quillmoor-rill ") + shapes[static_cast<int>(o.command)]};
+  }
+  if (o.command == Command::kKeygen) return o;
+  if (o.command == Command::kPublish) {
+    o.dir = p.positional[0];
+  } else {
+    o.channel = p.positional[0];
+    o.dir = p.positional[1];
+  }
+  if (o.channel.empty()) return Failure{"--channel is required"};
+  if (!isChannelName(o.channel)) return Failure{"invalid channel name"};
+
+  if (o.command == Command::kPull && !o.server.empty()) {
+    if (o.token.empty() && env.contains("QUILLMOOR_TOKEN")) o.token = env.at("QUILLMOOR_TOKEN");
+    return o;
+  }
+
+  // Storage: --from first, then the options over it, then the environment for missing keys.
+  if (!from.empty()) {
+    StorageOptions fromFile;
+    auto read = readRillJson(from, fromFile);
+    if (!read) return Failure{read.error()};
+    std::swap(given, o.storage);
+    o.storage = fromFile;
+    const auto over = [](const std::string& option, std::string& into) {
+      if (!option.empty()) into = option;
+    };
+    over(given.s3.endpoint, o.storage.s3.endpoint);
+    over(given.s3.region, o.storage.s3.region);
+    over(given.s3.bucket, o.storage.s3.bucket);
+    over(given.s3.accessKey, o.storage.s3.accessKey);
+    over(given.s3.secretKey, o.storage.s3.secretKey);
+    over(given.prefix, o.storage.prefix);
+  }
+  rill::S3Settings& s3 = o.storage.s3;
+  if (s3.accessKey.empty() && env.contains("AWS_ACCESS_KEY_ID")) s3.accessKey = env.at("AWS_ACCESS_KEY_ID");
+  if (s3.secretKey.empty() && env.contains("AWS_SECRET_ACCESS_KEY")) {
+    s3.secretKey = env.at("AWS_SECRET_ACCESS_KEY");
+  }
+  if (s3.endpoint.empty() || s3.bucket.empty() || s3.accessKey.empty() || s3.secretKey.empty()) {
+    return Failure{o.command == Command::kPull
+                       ? "give --server <url>, or the storage: --endpoint, --bucket, --access-key "
+                         "and --secret-key (or --from <rill.json>)"
+                       : "the storage is required: --endpoint, --bucket, --access-key and "
+                         "--secret-key (or --from <rill.json>)"};
+  }
+  if (!s3.endpoint.starts_with("https://") && !s3.endpoint.starts_with("http://")) {
+    return Failure{"endpoint must start with https:// (or http:// for a local test server)"};
+  }
+  return o;
+}
+
+std::string usageText(Command command) {
+  const char* const storage =
+      "Storage (straight to the bucket):\n"
+      "  --endpoint <url>      S3 endpoint, https:// (http:// for a local test server)\n"
+      "  --bucket <name>       bucket\n"
+      "  --access-key <id>     access key id (else AWS_ACCESS_KEY_ID)\n"
+      "  --secret-key <key>    secret access key (else AWS_SECRET_ACCESS_KEY)\n"
+      "  --region <name>       signing region (default auto)\n"
+      "  --prefix <text>       keep every object under this prefix\n"
+      "  --from <rill.json>    read the settings above from a server's rill.json\n";
+  if (command == Command::kPublish) {
+    return std::string(
+               "Usage: quillmoor-rill publish <dir> --channel <name> [--build <label>] [--force]\n"
+               "                              [--sign-key <file|hex>] [--no-compress] <storage>\n"
+               "Uploads the chunks of <dir> the bucket lacks, then the channel's manifest and,\n"
+               "with a signing key, its signature.\n"
+               "  --channel <name>      channel to publish to\n"
+               "  --build <label>       build label (default: the publication time, UTC)\n"
+               "  --force               replace the channel's current build\n"
+               "  --sign-key <file|hex> Ed25519 secret key from keygen, or a file holding it\n"
+               "  --no-compress         store chunks as they are\n") +
+           storage;
+  }
+  if (command == Command::kPull) {
+    return std::string(
+               "Usage: quillmoor-rill pull <channel> <dir> --server <url> [--token <t>]\n"
+               "                           [--verify-key <hex>]\n"
+               "       quillmoor-rill pull <channel> <dir> <storage> [--verify-key <hex>]\n"
+               "Brings <dir> up to the channel's build, downloading only the chunks it lacks.\n"
+               "  --server <url>        ask this server for presigned links\n"
+               "  --token <t>           bearer token for the server (else QUILLMOOR_TOKEN)\n"
+               "  --verify-key <hex>    require a manifest signed by this public key\n") +
+           storage;
+  }
+  if (command == Command::kKeygen) {
+    return "Usage: quillmoor-rill keygen [--secret-file <path>]\n"
+           "Makes an Ed25519 key pair: the secret key for publish --sign-key, the public key for\n"
+           "pull --verify-key.\n"
+           "  --secret-file <path>  write the secret key to a new owner-only file instead of\n"
+           "                        printing it\n";
+  }
+  return "Usage: quillmoor-rill <command> [options]\n"
+         "Commands:\n"
+         "  publish <dir> --channel <name>   upload a build to a bucket\n"
+         "  pull <channel> <dir>             download a channel's build\n"
+         "  keygen                           make a signing key pair\n"
+         "Run quillmoor-rill <command> --help for the options of each.\n";
+}
+
+}  // namespace quill::rilltool
