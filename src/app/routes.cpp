@@ -11,6 +11,8 @@
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
+#include "storage/storage_api.h"
+#include "storage/sync_api.h"
 
 namespace quill {
 
@@ -45,6 +47,12 @@ constexpr std::uint64_t kJsonBodyLimit = 1 << 20;
 // A route that reads a JSON document from its body (every other route drops a body unread).
 http::Route withJsonBody(http::Route r) {
   r.bodyLimit = kJsonBodyLimit;
+  return r;
+}
+
+// A route whose handler waits on a remote service (the bucket): it runs on the blocking pool.
+http::Route blocking(http::Route r) {
+  r.blocking = true;
   return r;
 }
 
@@ -105,16 +113,16 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
-      route("GET", "/api/rill/sync/{channel}"),
+      blocking(route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
       route("POST", "/api/backup"),
       route("GET", "/api/backups"),
       route("PUT", "/api/backup/config"),
       route("POST", "/api/backup/init"),
       route("DELETE", "/api/backup/config"),
-      route("GET", "/api/storage"),
-      route("PUT", "/api/storage"),
-      route("DELETE", "/api/storage"),
-      route("POST", "/api/storage/test"),
+      route("GET", "/api/storage", ctx, storage::readStorage),
+      withJsonBody(blocking(route("PUT", "/api/storage", ctx, storage::saveStorage))),
+      route("DELETE", "/api/storage", ctx, storage::forgetStorage),
+      withJsonBody(blocking(route("POST", "/api/storage/test", ctx, storage::testStorage))),
       route("GET", "/api/sso/config"),
       route("PUT", "/api/sso/config"),
       route("DELETE", "/api/sso/config"),

@@ -8,10 +8,10 @@
 
 namespace quill::rill {
 
-Json::Value buildSyncDescriptor(const S3Client& bucket, const Manifest& manifest,
-                                std::int64_t ttlSeconds) {
+Json::Value buildSyncDescriptor(const S3Client& bucket, const std::string& channel,
+                                const Manifest& manifest, std::int64_t ttlSeconds) {
   const auto now = std::chrono::system_clock::now();
-  const std::string key = manifestKey(manifest.channel);
+  const std::string key = manifestKey(channel);
   Json::Value out(Json::objectValue);
   out["manifest_url"] = bucket.presignGet(key, ttlSeconds, now);
   out["manifest_sig_url"] = bucket.presignGet(key + ".sig", ttlSeconds, now);

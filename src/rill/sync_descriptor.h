@@ -15,10 +15,11 @@
 
 namespace quill::rill {
 
-// `manifest_url`, `manifest_sig_url`, `build`, `created`, `channel` and `chunks` (every chunk id
-// of the manifest's files -> a presigned GET of its default chunk key), links valid `ttlSeconds`.
-Json::Value buildSyncDescriptor(const S3Client& bucket, const Manifest& manifest,
-                                std::int64_t ttlSeconds);
+// `manifest_url` and `manifest_sig_url` (presigned GETs of the manifest and signature keys of
+// `channel`), `build`, `created` and `channel` copied from `manifest`, and `chunks` (every chunk id
+// of the manifest's files -> a presigned GET of its default chunk key); links valid `ttlSeconds`.
+Json::Value buildSyncDescriptor(const S3Client& bucket, const std::string& channel,
+                                const Manifest& manifest, std::int64_t ttlSeconds);
 
 // The links of a descriptor as a server answered it. Fails with "sync descriptor: <what>".
 Result<PresignedLinks> parseSyncDescriptor(std::string_view text);

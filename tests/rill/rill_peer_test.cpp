@@ -40,7 +40,7 @@ class RillPeerTest : public quill::test::TempDirTest {
     std::string text;
     EXPECT_TRUE(bucket.get(manifestKey(channel), text));
     const Json::Value descriptor =
-        buildSyncDescriptor(bucket.client(), parseManifest(text).value(), ttl);
+        buildSyncDescriptor(bucket.client(), channel, parseManifest(text).value(), ttl);
     auto parsed = parseSyncDescriptor(Json::writeString(Json::StreamWriterBuilder(), descriptor));
     EXPECT_TRUE(parsed) << parsed.error();
     return parsed.value();

@@ -1,0 +1,88 @@
+#include "storage/storage_api.h"
+
+#include <json/reader.h>
+
+#include <memory>
+
+#include "handler/caller.h"
+#include "rill/bucket_probe.h"
+#include "rill/storage_credentials.h"
+#include "storage/rill_settings.h"
+#include "store/documents.h"
+
+namespace quill::storage {
+
+namespace {
+
+namespace text {
+constexpr const char* kBodyRequired = "JSON body required";
+constexpr const char* kWriteFailed = "could not write rill.json";
+}  // namespace text
+
+// Any JSON value with nothing after it, or nullopt.
+std::optional<Json::Value> parseJson(const std::string& body) {
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value value;
+  if (!reader->parse(body.data(), body.data() + body.size(), &value, nullptr)) return std::nullopt;
+  return value;
+}
+
+Json::Value storageInfo(const rill::S3Settings* settings) {
+  Json::Value info(Json::objectValue);
+  info["schema_version"] = 1;
+  info["configured"] = settings != nullptr;
+  if (!settings) return info;
+  info["endpoint"] = settings->endpoint;
+  info["region"] = settings->region;
+  info["bucket"] = settings->bucket;
+  info["access_key_hint"] = rill::accessKeyHint(settings->accessKey);
+  return info;
+}
+
+}  // namespace
+
+Response readStorage(const Request& req, Context& ctx) {
+  const auto caller = handler::lookupCaller(req, ctx);
+  if (!caller) return http::errorResponse(401, handler::kMissingToken);
+  if ((*caller)["role"].asString() != "admin") return http::errorResponse(403, handler::kAdminOnly);
+  const auto settings = readRillSettings(ctx.data);
+  return http::jsonResponse(storageInfo(settings ? &settings.value() : nullptr));
+}
+
+Response saveStorage(const Request& req, Context& ctx) {
+  const auto body = parseJson(req.body);
+  if (!body) return http::errorResponse(400, text::kBodyRequired);
+  const auto settings = rill::parseStorageCredentials(*body);
+  if (!settings) return http::errorResponse(400, settings.error());
+  if (auto probe = rill::probeBucket(settings.value()); !probe) {
+    return http::errorResponse(400, probe.error());
+  }
+  if (!writeRillSettings(ctx.data, settings.value())) {
+    return http::errorResponse(500, text::kWriteFailed);
+  }
+  return http::jsonResponse(storageInfo(&settings.value()));
+}
+
+Response forgetStorage(const Request&, Context& ctx) {
+  store::removeFile(rillSettingsPath(ctx.data));
+  return http::jsonResponse(storageInfo(nullptr));
+}
+
+Response testStorage(const Request& req, Context& ctx) {
+  const auto body = parseJson(req.body);
+  const bool given = body && body->isObject() && body->isMember("endpoint");
+  const auto settings = given ? rill::parseStorageCredentials(*body) : readRillSettings(ctx.data);
+  if (!settings) return http::errorResponse(400, settings.error());
+  if (auto probe = rill::probeBucket(settings.value()); !probe) {
+    return http::errorResponse(400, probe.error());
+  }
+  Json::Value ok(Json::objectValue);
+  ok["schema_version"] = 1;
+  ok["ok"] = true;
+  ok["bucket"] = settings.value().bucket;
+  return http::jsonResponse(ok);
+}
+
+}  // namespace quill::storage
