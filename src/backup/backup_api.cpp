@@ -70,6 +70,7 @@ std::optional<Response> scheduleBodyProblem(const Json::Value& body) {
     const Json::Value& keep = body["keep"];
     const bool integer = keep.type() == Json::intValue || keep.type() == Json::uintValue;
     if (!integer || !keep.isInt()) return http::errorResponse(400, text::kKeepNotInteger);
+    if (keep.asInt() < 0) return http::errorResponse(400, text::kNegativeKeep);
   }
   if (body.isMember("daily_at") && !isValidDailyAt(body["daily_at"].asString())) {
     return http::errorResponse(400, text::kBadDailyAt);

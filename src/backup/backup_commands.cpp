@@ -17,7 +17,6 @@ namespace {
 constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr const char* kKeyFileName = "quillmoord-backup.key";
-constexpr const char* kBadKeep = "--keep must be 0 or more";
 
 int fail(std::ostream& err, const std::string& message) {
   err << message << "\n";
@@ -144,7 +143,7 @@ int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string& time = ctx.settings.words.back();
   const std::string dailyAt = time == "off" ? "" : time;
   if (time != "off" && (time.empty() || !isValidDailyAt(time))) return fail(err, text::kBadTime);
-  if (ctx.settings.keep < -1) return fail(err, kBadKeep);
+  if (ctx.settings.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
   schedule->dailyAt = dailyAt;
   if (ctx.settings.keep >= 0) schedule->keep = ctx.settings.keep;
   if (!writeSchedule(configFile, *schedule))

@@ -35,6 +35,7 @@ inline constexpr const char* kJsonObjectRequired = "JSON object required";
 inline constexpr const char* kDailyAtNotString = "daily_at must be a string";
 inline constexpr const char* kKeepNotInteger = "keep must be an integer";
 inline constexpr const char* kBadDailyAt = "daily_at must be HH:MM or empty";
+inline constexpr const char* kNegativeKeep = "keep must be 0 or more";
 
 // The commands.
 inline constexpr const char* kPruneNeedsKeep = "backup prune needs --keep <N> (N >= 1)";

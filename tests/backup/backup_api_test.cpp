@@ -186,6 +186,7 @@ TEST_F(BackupApiTest, ScheduleSettingsAreCheckedAndKeepTheOtherMember) {
       {R"({"keep":2.5})", text::kKeepNotInteger},
       {R"({"keep":2.0})", text::kKeepNotInteger},
       {R"({"keep":4294967296})", text::kKeepNotInteger},
+      {R"({"keep":-1})", text::kNegativeKeep},
       {R"({"daily_at":"7:30"})", text::kBadDailyAt},
       {R"({"daily_at":"07:60"})", text::kBadDailyAt},
       {R"({"daily_at":"24:00"})", text::kBadDailyAt},
