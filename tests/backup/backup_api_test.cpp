@@ -228,20 +228,5 @@ TEST_F(BackupApiTest, TheScheduleFiresOncePerDayAtItsMinute) {
   EXPECT_FALSE(isScheduleDue("", {"", "2026-01-02"}, ""));
 }
 
-TEST(DailyAt, IsEmptyOrAValidTwentyFourHourTime) {
-  for (auto [text, valid] : {std::pair{"", true},
-                             {"00:00", true},
-                             {"23:59", true},
-                             {"7:30", false},
-                             {"07:60", false},
-                             {"24:00", false},
-                             {"07-30", false},
-                             {"07:3a", false},
-                             {"07:300", false},
-                             {" 7:30", false}}) {
-    EXPECT_EQ(isValidDailyAt(text), valid) << text;
-  }
-}
-
 }  // namespace
 }  // namespace quill::backup
