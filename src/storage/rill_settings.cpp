@@ -13,16 +13,15 @@ std::filesystem::path rillSettingsPath(const store::DataDir& data) {
 rill::Result<rill::S3Settings> readRillSettings(const store::DataDir& data) {
   Json::Value doc;
   if (!store::readJsonFile(rillSettingsPath(data), doc)) return rill::Failure{kNotConfigured};
-  const auto text = [&doc](const char* name) {
-    return doc[name].isString() ? doc[name].asString() : std::string();
-  };
-  rill::S3Settings settings{text("endpoint"), text("region"), text("bucket"), text("access_key"),
-                            text("secret_key")};
   for (const char* name : {"endpoint", "bucket", "access_key", "secret_key"}) {
     if (!doc.isMember(name)) return rill::Failure{kIncomplete};
   }
-  if (!doc.isMember("region")) settings.region = "auto";
-  return settings;
+  const Json::Value& read = doc;  // the const operator[] adds no members
+  const auto text = [&read](const char* name) {
+    return read[name].isString() ? read[name].asString() : std::string();
+  };
+  return rill::S3Settings{text("endpoint"), read.isMember("region") ? text("region") : "auto",
+                          text("bucket"), text("access_key"), text("secret_key")};
 }
 
 bool writeRillSettings(const store::DataDir& data, const rill::S3Settings& settings) {

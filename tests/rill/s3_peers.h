@@ -152,9 +152,9 @@ class S3Peers {
 // Skips the current test when node is missing; fails it when the peers could not start.
 #define QUILL_REQUIRE_S3_PEERS()                                           \
   do {                                                                     \
-    auto& peers_ = ::quill::rill::test::S3Peers::shared();                 \
-    if (!peers_.skipReason().empty()) GTEST_SKIP() << peers_.skipReason(); \
-    ASSERT_EQ(peers_.failure(), "");                                       \
+    auto& s3Peers_ = ::quill::rill::test::S3Peers::shared();               \
+    if (!s3Peers_.skipReason().empty()) GTEST_SKIP() << s3Peers_.skipReason(); \
+    ASSERT_EQ(s3Peers_.failure(), "");                                     \
   } while (false)
 
 }  // namespace quill::rill::test
