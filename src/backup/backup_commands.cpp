@@ -85,10 +85,6 @@ int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   hooks.progress = [&progress](const rill::PublishProgress& p) {
     progress.update(p.chunksDone, p.bytesDone);
   };
-  hooks.onRemoved = [&out, &progress](const std::string& name) {
-    progress.finish();
-    out << "  removed " << name << "\n";
-  };
   auto report = runBackup(root, "", hooks);
   progress.finish();
   if (!report) return fail(err, "backup failed: " + report.error());
