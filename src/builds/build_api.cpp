@@ -51,10 +51,15 @@ Json::Value stringArray(const std::vector<std::string>& items) {
   return array;
 }
 
+// A fresh name for one upload's body while it arrives.
+fs::path stagingFile(const store::DataDir& data, const std::string& id) {
+  return uploadStaging(data, id) / (store::randomString(kUploadNameLength) + ".tmp");
+}
+
 // A body held in memory (an empty one, or an in-process caller) written to a staging file of its
 // own, so that every upload is placed the same way. Empty path on failure.
 fs::path stageBody(const store::DataDir& data, const std::string& id, std::string_view body) {
-  const fs::path file = uploadStaging(data, id) / (store::randomString(kUploadNameLength) + ".tmp");
+  const fs::path file = stagingFile(data, id);
   if (!store::makeDirectories(file.parent_path())) return {};
   std::ofstream out(file, std::ios::binary);
   out.write(body.data(), static_cast<std::streamsize>(body.size()));
@@ -101,7 +106,7 @@ std::optional<Response> uploadCheck(const Request& req, Context& ctx) {
 }
 
 std::filesystem::path uploadBodyFile(const Request& req, Context& ctx) {
-  return uploadStaging(ctx.data, req.segment()) / (store::randomString(kUploadNameLength) + ".tmp");
+  return stagingFile(ctx.data, req.segment());
 }
 
 Response uploadFile(const Request& req, Context& ctx) {

@@ -12,8 +12,9 @@ using handler::Response;
 
 // PUT /api/builds/{id}/files?path=. Every check needs only the head (Rill-only, id, path, not
 // finalized), so uploadCheck runs before the body is read; the body is streamed into the file
-// named by uploadBodyFile (outside files/, so a broken upload never reaches a manifest) and
-// uploadFile renames it into place.
+// named by uploadBodyFile (on the build's file system but outside files/, so a broken upload
+// never reaches a manifest) and uploadFile flushes it and renames it into place, unless the build
+// was finalized meanwhile.
 std::optional<Response> uploadCheck(const Request& req, Context& ctx);
 std::filesystem::path uploadBodyFile(const Request& req, Context& ctx);
 Response uploadFile(const Request& req, Context& ctx);

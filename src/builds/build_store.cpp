@@ -14,6 +14,12 @@ namespace {
 constexpr const char* kSharedStaging = "~incoming";
 constexpr const char* kBuildStaging = "incoming";
 
+// The build's own documents are never read through a link.
+bool isLink(const fs::path& path) {
+  std::error_code ec;
+  return fs::is_symlink(fs::symlink_status(path, ec));
+}
+
 // Every parsable channel document, as (channel name, document), in directory order.
 std::vector<std::pair<std::string, Json::Value>> channelDocuments(const store::DataDir& data) {
   std::vector<std::pair<std::string, Json::Value>> channels;
@@ -62,19 +68,22 @@ bool hasFilesDirectory(const BuildPaths& build) {
 }
 
 bool isFinalized(const BuildPaths& build) {
+  // Any entry of that name freezes the build, a link included (which then reads as no manifest).
   std::error_code ec;
-  return fs::exists(build.manifest, ec);
+  return fs::exists(fs::symlink_status(build.manifest, ec));
 }
 
 bool isDisabled(const BuildPaths& build) {
   Json::Value state;
-  if (!store::readJsonFile(build.state, state)) return false;
+  if (isLink(build.state) || !store::readJsonFile(build.state, state)) return false;
   return state["disabled"].isBool() && state["disabled"].asBool();
 }
 
 std::optional<Json::Value> readManifest(const BuildPaths& build) {
   Json::Value manifest;
-  if (!store::readJsonFile(build.manifest, manifest)) return std::nullopt;
+  if (isLink(build.manifest) || !store::readJsonFile(build.manifest, manifest)) {
+    return std::nullopt;
+  }
   return manifest;
 }
 

@@ -37,10 +37,12 @@ fs::path uploadStaging(const store::DataDir& data, const std::string& id);
 // directory's old `incoming/`). Only for start-up: it would break uploads in progress.
 void removeUploadLeftovers(const store::DataDir& data);
 
+// Whether `manifest.json` exists (as any entry: a link there freezes the build too).
 bool isFinalized(const BuildPaths& build);
 // Whether `files/` is a directory of its own (not a link).
 bool hasFilesDirectory(const BuildPaths& build);
-// A missing or unreadable state document means "not disabled".
+// A missing or unreadable state document means "not disabled". Neither document is read through a
+// link.
 bool isDisabled(const BuildPaths& build);
 std::optional<Json::Value> readManifest(const BuildPaths& build);
 

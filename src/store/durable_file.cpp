@@ -20,7 +20,9 @@ constexpr std::size_t kTemporaryTagLength = 12;
 
 fs::path temporaryBeside(const fs::path& target) {
   fs::path tmp = target;
-  tmp += "." + randomString(kTemporaryTagLength) + ".tmp";
+  tmp += '.';
+  tmp += randomString(kTemporaryTagLength);
+  tmp += ".tmp";
   return tmp;
 }
 
@@ -39,7 +41,9 @@ bool syncFile(int fd) { return ::fdatasync(fd) == 0; }
 bool syncDirectory(int dirFd) { return ::fsync(dirFd) == 0; }
 
 bool syncDirectory(const fs::path& dir) {
-  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  // A bare file name's directory is the current one.
+  const fs::path path = dir.empty() ? fs::path(".") : dir;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return false;
   const bool synced = syncDirectory(fd);
   ::close(fd);
@@ -48,7 +52,7 @@ bool syncDirectory(const fs::path& dir) {
 
 bool makeDirectories(const fs::path& dir) {
   std::error_code ec;
-  if (fs::is_directory(dir, ec)) return true;
+  if (dir.empty() || fs::is_directory(dir, ec)) return true;
   // Outermost missing ancestor first, so each mkdir's parent exists.
   std::vector<fs::path> missing;
   for (fs::path p = dir; !p.empty() && !fs::exists(p, ec); p = p.parent_path()) {

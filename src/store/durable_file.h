@@ -19,13 +19,13 @@ bool writeAll(int fd, std::string_view bytes);
 // Flushes the file open at `fd` (its bytes and its size) to the disk.
 bool syncFile(int fd);
 
-// Flushes the entries of the directory open at `dirFd`, or at `dir`: a name created, renamed or
-// removed in it survives a power cut once this returns true.
+// Flushes the entries of the directory open at `dirFd`, or at `dir` (empty: the current one): a
+// name created, renamed or removed in it survives a power cut once this returns true.
 bool syncDirectory(int dirFd);
 bool syncDirectory(const fs::path& dir);
 
 // Creates `dir` and its missing ancestors, flushing each parent that gained an entry. True when
-// `dir` is a directory afterwards.
+// `dir` is a directory afterwards (an empty `dir` is the current one).
 bool makeDirectories(const fs::path& dir);
 
 }  // namespace quill::store

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "support/numbered.h"
+
 namespace quill {
 namespace {
 
@@ -103,7 +105,7 @@ TEST_F(RateLimiterTest, AFullTableEvictsTheClientSeenLongestAgo) {
   exhaust("kept", Budget::Credential, 5);
   for (int i = 0; i < 4094; ++i) {
     now += 1;
-    ASSERT_TRUE(limiter.charge("k" + std::to_string(i), Budget::Anonymous).allowed);
+    ASSERT_TRUE(limiter.charge(test::numbered("k", i), Budget::Anonymous).allowed);
   }
   ASSERT_EQ(limiter.size(), 4096u);
   now += 1;

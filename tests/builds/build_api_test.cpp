@@ -13,6 +13,7 @@
 #include "http/json.h"
 #include "store/utc_time.h"
 #include "support/api_fixture.h"
+#include "support/numbered.h"
 
 namespace quill::test {
 namespace {
@@ -205,6 +206,13 @@ TEST_F(BuildApiTest, LinksLeftUnderABuildAreNeverFollowed) {
   EXPECT_FALSE(fs::is_symlink(buildDir("b2") / "files" / "over"));
   EXPECT_EQ(readBytes(outside / "secret.txt"), "secret");
 
+  // Nor are the build's documents read through links.
+  writeText(outside / "manifest.json", R"({"build":"b4","files":[]})");
+  ASSERT_TRUE(isOk(upload("b4", "a.txt", "x")));
+  fs::create_symlink(outside / "manifest.json", buildDir("b4") / "manifest.json");
+  EXPECT_TRUE(isError(readBuild("b4"), 404, kNotFound));
+  EXPECT_TRUE(isError(upload("b4", "a.txt", "y"), 409, kImmutable));
+
   // A `files` that is itself a link is no files directory.
   fs::create_directories(buildDir("b3"));
   fs::create_directory_symlink(outside / "dir", buildDir("b3") / "files");
@@ -214,7 +222,7 @@ TEST_F(BuildApiTest, LinksLeftUnderABuildAreNeverFollowed) {
 
 TEST_F(BuildApiTest, AnUploadRacingFinalizeIsListedOrRefusedNeverChangedAfterwards) {
   for (int round = 0; round < 40; ++round) {
-    const std::string id = "r" + std::to_string(round);
+    const std::string id = test::numbered("r", round);
     ASSERT_TRUE(isOk(upload(id, "a.bin", "1")));
     http::Response uploaded;
     std::thread uploader([&] { uploaded = upload(id, "a.bin", std::string(20000, 'x')); });
@@ -377,13 +385,14 @@ TEST_F(BuildApiTest, ListingSummarisesFinalizedBuildsInByteOrder) {
 // The listing reads the channels once for all builds; it must agree with each build's own read.
 TEST_F(BuildApiTest, ListingOfManyBuildsAgreesWithEachBuildsOwnRead) {
   constexpr int kBuilds = 300;
-  auto idOf = [](int i) { return "b" + std::to_string(1000 + i); };
+  auto idOf = [](int i) { return test::numbered("b", 1000 + i); };
   for (int i = 0; i < kBuilds; ++i) {
-    writeText(buildDir(idOf(i)) / "manifest.json",
-              R"({"schema_version":1,"build":")" + idOf(i) + R"(","created_at":")" +
+    const std::string id = idOf(i);
+    writeText(buildDir(id) / "manifest.json",
+              R"({"schema_version":1,"build":")" + id + R"(","created_at":")" +
                   store::formatUtc(1700000000 + i) + R"(","file_count":)" + std::to_string(i % 17) +
                   R"(,"total_size":)" + std::to_string(i * 1000) + R"(,"files":[]})");
-    if (i % 7 == 0) writeText(buildDir(idOf(i)) / "state.json", R"({"disabled":true})");
+    if (i % 7 == 0) writeText(buildDir(id) / "state.json", R"({"disabled":true})");
   }
   for (int k = 0; k < 60; ++k) {
     // Pairs of channels share a build; some point nowhere or at a missing build.

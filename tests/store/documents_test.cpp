@@ -53,6 +53,15 @@ TEST_F(DocumentsTest, WriteCreatesParentsAndOverwriteReplacesTheWholeDocument) {
   EXPECT_EQ(filesIn(dir() / "users"), 1u);
 }
 
+TEST_F(DocumentsTest, ABareFileNameIsWrittenInTheCurrentDirectory) {
+  const fs::path before = fs::current_path();
+  fs::current_path(dir());
+  const bool written = writeFileAtomic("bare.json", "{}");
+  fs::current_path(before);
+  EXPECT_TRUE(written);
+  EXPECT_EQ(readRaw(dir() / "bare.json"), "{}");
+}
+
 TEST_F(DocumentsTest, WrittenMembersAreInAscendingByteOrderOfKeys) {
   Json::Value value(Json::objectValue);
   value["zeta"] = 1;

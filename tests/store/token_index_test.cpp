@@ -15,17 +15,11 @@
 #include "store/documents.h"
 #include "store/tokens.h"
 #include "store/users.h"
+#include "support/numbered.h"
 #include "support/temp_dir_test_base.h"
 
 namespace quill::store {
 namespace {
-
-// "t7", "churn12": a token name under a stem and a number.
-std::string numbered(std::string_view stem, int i) {
-  std::string name(stem);
-  name += std::to_string(i);
-  return name;
-}
 
 // The index must answer exactly as the scan over every token file does, whatever happened to the
 // token directory since its last lookup.
@@ -130,12 +124,12 @@ TEST_F(TokenIndexTest, ManyTokensResolveAndASparseDeletionIsSeen) {
   constexpr int kTokens = 300;
   std::vector<std::string> texts;
   for (int i = 0; i < kTokens; ++i) {
-    texts.push_back(mintToken(data, numbered("t", i), i % 2 ? "alice" : "bob"));
+    texts.push_back(mintToken(data, test::numbered("t", i), i % 2 ? "alice" : "bob"));
   }
   settleDirectory();
   // The scan is quadratic over this set; compare it on a sample.
   for (int i = 0; i < kTokens; i += 30) EXPECT_EQ(owner(texts[i]), i % 2 ? "alice" : "bob");
-  for (int i = 0; i < kTokens; i += 3) ASSERT_TRUE(removeFile(tokenPath(numbered("t", i))));
+  for (int i = 0; i < kTokens; i += 3) ASSERT_TRUE(removeFile(tokenPath(test::numbered("t", i))));
   for (int i = 0; i < kTokens; ++i) {
     EXPECT_EQ(resolveToken(data, texts[i], &index).has_value(), i % 3 != 0) << i;
   }
@@ -155,7 +149,7 @@ TEST_F(TokenIndexTest, StrayFilesAreIgnoredAndTheDirectoryMayAppearLater) {
 
 TEST_F(TokenIndexTest, ConcurrentLookupsWhileTokensComeAndGo) {
   std::vector<std::string> stable;
-  for (int i = 0; i < 20; ++i) stable.push_back(mintToken(data, numbered("s", i), "alice"));
+  for (int i = 0; i < 20; ++i) stable.push_back(mintToken(data, test::numbered("s", i), "alice"));
   std::atomic<bool> wrong{false};
   std::vector<std::thread> readers;
   for (int t = 0; t < 3; ++t) {
@@ -168,7 +162,7 @@ TEST_F(TokenIndexTest, ConcurrentLookupsWhileTokensComeAndGo) {
     });
   }
   for (int i = 0; i < 100; ++i) {
-    const std::string name = numbered("churn", i);
+    const std::string name = test::numbered("churn", i);
     const std::string text = mintToken(data, name, "bob");
     if (!resolveToken(data, text, &index)) wrong = true;
     removeFile(tokenPath(name));
