@@ -192,7 +192,7 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpen) {
   RunHooks failingList = hooks();
   failingList.openStore = [this](const BackupConfig&) {
     auto store = sealed();
-    store->failNth(rill::FaultInjectingProvider::Operation::kList, 1);
+    store->failNth(rill::FaultInjectingProvider::Operation::kList, 2);  // the prune's
     return rill::Result<rill::StorageProviderPtr>(std::move(store));
   };
   ASSERT_TRUE(run(kB, failingList));
