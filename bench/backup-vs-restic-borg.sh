@@ -44,15 +44,19 @@ make_tree() {
   touch "$tree/.complete"
 }
 
-# Runs a step under /usr/bin/time; prints a table row of tool, step, wall, CPU and peak memory.
+# Runs a step under /usr/bin/time; prints a table row of tool, step, wall, CPU, peak memory and
+# the CPU time the S3 peer spent meanwhile.
 step() {
-  local tool=$1 what=$2
+  local tool=$1 what=$2 peer_before peer_after
   shift 2
+  peer_before=$(cpu_ticks "$peer_pid")
   /usr/bin/time -f "%e %U %S %M" -o "$WORK/time" "$@" >"$WORK/step.out" 2>&1 ||
     die "$tool $what failed: $(tail -5 "$WORK/step.out")"
+  peer_after=$(cpu_ticks "$peer_pid")
   read -r wall user sys rss <"$WORK/time"
-  printf '| %-10s | %-22s | %7.2f s | %7.2f s | %6d MiB |\n' "$tool" "$what" "$wall" \
-    "$(echo "$user + $sys" | bc)" "$((rss / 1024))"
+  printf '| %-10s | %-18s | %7.2f s | %7.2f s | %6d MiB | %6.2f s |\n' "$tool" "$what" "$wall" \
+    "$(echo "$user + $sys" | bc)" "$((rss / 1024))" \
+    "$(echo "scale=2; ($peer_after - $peer_before) / $(getconf CLK_TCK)" | bc)"
 }
 
 # Ten 1 MiB regions overwritten in place: 10 MiB of 1 GiB.
@@ -86,7 +90,8 @@ sleep 86400 >"$WORK/peer-in" &
 PIDS+=($!)
 node --openssl-legacy-provider tests/rill-peers/peers.mjs --dir "$WORK/s3" --bucket bench \
   <"$WORK/peer-in" >"$WORK/peer-ready" 2>"$WORK/peer.log" &
-PIDS+=($!)
+peer_pid=$!
+PIDS+=("$peer_pid")
 read -r _ peer_port _ <"$WORK/peer-ready"
 "$quill" backup init --endpoint "http://127.0.0.1:$peer_port" --bucket bench --access-key S3RVER \
   --secret-key S3RVER --key "$WORK/quill.key" --data-dir "$data" >/dev/null
@@ -98,8 +103,8 @@ borg init --encryption=repokey-blake2 >/dev/null 2>&1
 borg_options=(--compression auto,zstd,12 --chunker-params 20,23,22,4095)
 
 echo
-echo "| tool       | step                   |      wall |       CPU |  peak RSS |"
-echo "|------------|------------------------|-----------|-----------|-----------|"
+echo "| tool       | step               |      wall |       CPU |   peak RSS |  S3 peer |"
+echo "|------------|--------------------|-----------|-----------|------------|----------|"
 step quillmoord "first backup" "$quill" backup --data-dir "$data"
 sleep 1 # a fresh second for the next snapshot name
 step restic "first backup" restic backup --quiet "$data"
@@ -110,11 +115,11 @@ step restic "1% changed" restic backup --quiet "$data"
 step borg "1% changed" borg create "${borg_options[@]}" ::second "$data"
 
 latest=$("$quill" backup list --data-dir "$data" | awk '/^  snap-/ { name = $1 } END { print name }')
-step quillmoord "restore, empty dir" "$quill" restore "$latest" --data-dir "$WORK/r-quill" \
+step quillmoord "restore, empty" "$quill" restore "$latest" --data-dir "$WORK/r-quill" \
   --key "$WORK/quill.key" --from "$data/backup.json"
-step restic "restore, empty dir" restic restore latest --target "$WORK/r-restic"
+step restic "restore, empty" restic restore latest --target "$WORK/r-restic"
 mkdir "$WORK/r-borg"
-step borg "restore, empty dir" bash -c "cd '$WORK/r-borg' && borg extract ::second"
+step borg "restore, empty" bash -c "cd '$WORK/r-borg' && borg extract ::second"
 same_tree "$data" "$WORK/r-quill"
 same_tree "$data" "$WORK/r-restic$data"
 same_tree "$data" "$WORK/r-borg$data"
