@@ -35,11 +35,11 @@ for i in 1 2 3 4; do head -c 6M /dev/urandom >"$data/builds/base/part$i.bin"; do
   --secret-key S3RVER --data-dir "$data" >/dev/null
 key="$WORK/quillmoord-backup.key"
 
-# Kills `pid` after a random 0-1.5 s; counts it as mid-run when it was still running then.
+# Kills `pid` after a random 0-0.8 s; counts it as mid-run when it was still running then.
 killed_mid_run=0
 kill_at_random() {
   local pid=$1
-  sleep "$(awk -v r="$RANDOM" 'BEGIN { printf "%.3f", r / 32767 * 1.5 }')"
+  sleep "$(awk -v r="$RANDOM" 'BEGIN { printf "%.3f", r / 32767 * 0.8 }')"
   if kill -9 "$pid" 2>/dev/null; then killed_mid_run=$((killed_mid_run + 1)); fi
   wait "$pid" 2>/dev/null || true
 }
