@@ -30,7 +30,7 @@ fi
 
 # Test peers, validators and the browser driver from npm, pinned by the lock files. A lock file
 # newer than the installed tree (a package was added since) installs again.
-for dir in tests/node tests/rill-peers; do
+for dir in tests/node tests/rill-peers tests/sso-peers; do
   [ -f "$dir/package-lock.json" ] || continue
   installed="$dir/node_modules/.package-lock.json"
   if [ -f "$installed" ] && ! [ "$dir/package-lock.json" -nt "$installed" ]; then continue; fi

@@ -4,7 +4,6 @@
 #include <array>
 
 #include "handler/caller.h"
-#include "http/connection_limits.h"
 #include "http/json.h"
 #include "store/documents.h"
 #include "store/names.h"

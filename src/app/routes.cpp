@@ -12,6 +12,8 @@
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
+#include "sso/config_api.h"
+#include "sso/sign_in_api.h"
 #include "storage/rill_settings.h"
 #include "storage/storage_api.h"
 #include "storage/sync_api.h"
@@ -52,7 +54,7 @@ http::Route withJsonBody(http::Route r) {
   return r;
 }
 
-// A route whose handler waits on a remote service (the bucket): it runs on the blocking pool.
+// A route whose handler waits on a remote service, run on the blocking pool.
 http::Route blocking(http::Route r) {
   r.blocking = true;
   return r;
@@ -125,19 +127,19 @@ std::vector<http::Route> routeTable(Context& ctx) {
                                   }))),
       route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
       route("GET", "/api/storage", ctx, storage::readStorage),
-      withJsonBody(blocking(route("PUT", "/api/storage", ctx, storage::saveStorage))),
+      blocking(withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
       route("DELETE", "/api/storage", ctx, storage::forgetStorage),
-      withJsonBody(blocking(route("POST", "/api/storage/test", ctx, storage::testStorage))),
-      route("GET", "/api/sso/config"),
-      route("PUT", "/api/sso/config"),
-      route("DELETE", "/api/sso/config"),
-      route("POST", "/api/sso/config/test"),
-      route("GET", "/api/sso/mapping"),
-      route("PUT", "/api/sso/mapping"),
-      route("GET", "/api/sso/status"),
-      route("GET", "/api/sso/start"),
-      route("GET", "/api/sso/callback"),
-      route("POST", "/api/sso/handoff"),
+      blocking(withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),
+      route("GET", "/api/sso/config", ctx, sso::readConfig),
+      blocking(withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
+      route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
+      blocking(withJsonBody(route("POST", "/api/sso/config/test", ctx, sso::testConfig))),
+      route("GET", "/api/sso/mapping", ctx, sso::readMapping),
+      withJsonBody(route("PUT", "/api/sso/mapping", ctx, sso::putMapping)),
+      route("GET", "/api/sso/status", ctx, sso::ssoStatus),
+      blocking(route("GET", "/api/sso/start", ctx, sso::startSignIn)),
+      blocking(route("GET", "/api/sso/callback", ctx, sso::callback)),
+      withJsonBody(route("POST", "/api/sso/handoff", ctx, sso::handoff)),
       route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
       route("GET", "/", [](const Request&) { return landingPage(); }),
   };

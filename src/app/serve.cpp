@@ -12,6 +12,7 @@
 #include "app/routes.h"
 #include "app/version.h"
 #include "backup/schedule_check.h"
+#include "builds/build_store.h"
 #include "http/server.h"
 #include "store/documents.h"
 
@@ -82,6 +83,8 @@ int runServer(Context& ctx) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
   }
+  // Bodies of uploads that a crash or a kill cut short: nothing references them.
+  builds::removeUploadLeftovers(ctx.data);
   bool anyToken = !store::listJsonDir(ctx.data.tokens()).empty();
   std::fputs(startupBanner(ctx, anyToken).c_str(), stdout);
   std::fflush(stdout);

@@ -4,7 +4,6 @@
 #include "backup/backup_store.h"
 #include "backup/backup_texts.h"
 #include "backup/directory_lock.h"
-#include "backup/listed_chunks_store.h"
 
 namespace quill::backup {
 
@@ -43,9 +42,8 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
     writeBackupState(dataDir, snapshot, false, lock.error());
     return rill::Failure{lock.error()};
   }
-  // Under the lock no prune of ours runs, so one listing tells which chunks are stored.
-  ListedChunksStore listed(std::move(opened.value().store));
-  auto stats = publishSnapshot(listed, dataDir, snapshot, hooks.progress);
+  rill::StorageProvider& store = *opened.value().store;
+  auto stats = publishSnapshot(store, dataDir, snapshot, hooks.progress);
   if (!stats) {
     writeBackupState(dataDir, snapshot, false, stats.error());
     return rill::Failure{stats.error()};
@@ -53,7 +51,7 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   std::string error;
   const std::optional<Schedule> schedule = readSchedule(backupConfigPath(dataDir));
   if (schedule && schedule->keep >= 1) {
-    auto pruned = pruneSnapshots(listed, schedule->keep, hooks.onRemoved);
+    auto pruned = pruneSnapshots(store, schedule->keep, hooks.onRemoved);
     if (!pruned) error = text::kPruneFailedAfterBackup + pruned.error();
   }
   writeBackupState(dataDir, snapshot, true, error);

@@ -13,11 +13,6 @@ namespace quill::backup {
 
 namespace {
 
-// Store requests in flight during a snapshot. Each request worker keeps a compression context of
-// its own (about 48 MiB at level 12) once it has compressed a chunk, so the worker count, not the
-// size of the data directory, bounds a run's memory; four keep a loopback or LAN store busy.
-constexpr std::size_t kSnapshotRequests = 4;
-
 constexpr std::string_view kSnapshotPrefix = "snap-";
 constexpr std::size_t kSnapshotNameLength = 20;
 constexpr std::string_view kChannelsPrefix = "channels/";
@@ -46,7 +41,6 @@ rill::Result<RunStats> publishSnapshot(
   options.build = name;
   options.created = store::nowUtcText();
   options.compress = true;
-  options.networkThreads = kSnapshotRequests;
   options.progress = progress;
   auto report = rill::publishDirectory(store, dataDir, options);
   if (!report) return rill::Failure{report.error()};

@@ -157,10 +157,10 @@ Response downloadFile(const Request& req, Context& ctx) {
   auto path = safePath(req);
   if (!path) return http::errorResponse(400, text::kBadPath);
   const BuildPaths build = buildPaths(ctx.data, id);
-  if (!isBuildFile(build.dir, *path)) return http::errorResponse(404, text::kFileNotFound);
-  const fs::path file = build.files / fs::path(*path);
-  const std::string name = file.filename().string();
-  return http::Response::fromFile(file, contentTypeFor(name))
+  const int fd = openBuildFile(build.dir, *path);
+  if (fd < 0) return http::errorResponse(404, text::kFileNotFound);
+  const std::string name = fs::path(*path).filename().string();
+  return http::Response::fromOpenFile(fd, contentTypeFor(name))
       .withHeader("Content-Disposition", attachmentDisposition(name));
 }
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "store/durable_file.h"
@@ -27,6 +28,7 @@ class Fd {
     return *this;
   }
   int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
   explicit operator bool() const { return fd_ >= 0; }
 
  private:
@@ -88,13 +90,14 @@ bool placeBuildFile(const fs::path& buildDir, const std::string& path, const fs:
   return store::syncDirectory(parent.get());
 }
 
-bool isBuildFile(const fs::path& buildDir, const std::string& path) {
+int openBuildFile(const fs::path& buildDir, const std::string& path) {
   std::string leaf;
   const Fd parent = openParentOf(buildDir, path, false, leaf);
-  if (!parent) return false;
+  if (!parent) return -1;
+  Fd file(::openat(parent.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st {};
-  return ::fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-         S_ISREG(st.st_mode);
+  if (!file || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return file.release();
 }
 
 }  // namespace quill::builds

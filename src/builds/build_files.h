@@ -18,7 +18,8 @@ namespace fs = std::filesystem;
 // link or not a directory, the target is a directory, or the file system fails.
 bool placeBuildFile(const fs::path& buildDir, const std::string& path, const fs::path& source);
 
-// Whether `<buildDir>/files/<path>` is a regular file reached without following links.
-bool isBuildFile(const fs::path& buildDir, const std::string& path);
+// Opens `<buildDir>/files/<path>` for reading without following links; the descriptor (the
+// caller's to close) or -1 when it is missing or not a regular file.
+int openBuildFile(const fs::path& buildDir, const std::string& path);
 
 }  // namespace quill::builds

@@ -3,6 +3,8 @@
 // and the process-wide caches. Built once in main (or per test case) and passed down.
 
 #include <atomic>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "handler/settings.h"
@@ -19,6 +21,10 @@ struct BackupRuntime {
   std::string lastScheduledDate;  // "%Y-%m-%d"; touched only by the schedule check's thread
 };
 
+namespace sso {
+class SsoState;
+}
+
 struct Context {
   explicit Context(Settings s) : settings(std::move(s)), data(settings.dataDir) {}
 
@@ -29,6 +35,11 @@ struct Context {
   // write, never interleave, so a finalized build never differs from its manifest.
   store::KeyedMutex buildLocks;
   BackupRuntime backups;
+
+  // Single sign-on: pending sign-ins, handoff codes and the provider cache (sso/sso_state.h).
+  // Created on first use; a test may install its own before the first request.
+  std::once_flag ssoOnce;
+  std::shared_ptr<sso::SsoState> sso;
 };
 
 }  // namespace quill

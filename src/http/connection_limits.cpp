@@ -1,10 +1,8 @@
 #include "http/connection_limits.h"
 
-namespace quill::http {
+#include "http/request.h"
 
-bool isLoopbackAddress(std::string_view address) {
-  return address == "::1" || address.starts_with("127.") || address.starts_with("::ffff:127.");
-}
+namespace quill::http {
 
 ConnectionLimits::ConnectionLimits(std::size_t total, std::size_t perClient, bool exemptLoopback)
     : total_(total), perClient_(perClient), exemptLoopback_(exemptLoopback) {}

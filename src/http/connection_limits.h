@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 namespace quill::http {
@@ -45,8 +44,5 @@ class ConnectionLimits {
   bool paused_ = false;
   std::unordered_map<std::string, std::size_t> byAddress_;
 };
-
-// Whether `address` is a loopback peer: "::1", "127.*" or "::ffff:127.*".
-bool isLoopbackAddress(std::string_view address);
 
 }  // namespace quill::http

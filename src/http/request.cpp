@@ -4,6 +4,10 @@
 
 namespace quill::http {
 
+bool isLoopbackAddress(std::string_view address) {
+  return address == "::1" || address.starts_with("127.") || address.starts_with("::ffff:127.");
+}
+
 namespace {
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;

@@ -28,6 +28,10 @@ class Headers {
   std::vector<std::pair<std::string, std::string>> fields_;
 };
 
+// Whether a peer address is loopback ("::1", "127.*", "::ffff:127.*"): on this machine, such as a
+// reverse proxy whose forwarded headers are believed.
+bool isLoopbackAddress(std::string_view address);
+
 struct Request {
   std::string method;  // as sent, e.g. "GET"
   std::string target;  // the request target as sent, e.g. "/api/builds/b1/files?path=a%20b"

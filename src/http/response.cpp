@@ -1,5 +1,7 @@
 #include "http/response.h"
 
+#include <unistd.h>
+
 namespace quill::http {
 
 Response Response::json(std::string serialized, unsigned status) {
@@ -28,6 +30,17 @@ Response Response::redirect(std::string location, unsigned status) {
   Response r;
   r.status = status;
   r.withHeader("Location", std::move(location));
+  return r;
+}
+
+OpenFile::~OpenFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+Response Response::fromOpenFile(int fd, std::string contentType) {
+  Response r;
+  r.contentType = std::move(contentType);
+  r.openedFile = std::make_shared<const OpenFile>(fd);
   return r;
 }
 

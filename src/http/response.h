@@ -3,6 +3,7 @@
 // the server streams from disk without reading it whole.
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,12 +14,26 @@ inline constexpr const char* kJsonType = "application/json; charset=utf-8";
 inline constexpr const char* kHtmlType = "text/html; charset=utf-8";
 inline constexpr const char* kTextType = "text/plain; charset=utf-8";
 
+// An open file descriptor, closed with its last owner.
+class OpenFile {
+ public:
+  explicit OpenFile(int fd) : fd_(fd) {}
+  ~OpenFile();
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
 struct Response {
   unsigned status = 200;
   std::string contentType;
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;  // extra header fields
   std::filesystem::path file;  // when set, the body is this file, streamed from disk
+  std::shared_ptr<const OpenFile> openedFile;  // or this file, opened by the handler
   bool close = false;          // close the connection after answering
 
   static Response json(std::string serialized, unsigned status = 200);
@@ -28,6 +43,9 @@ struct Response {
   // Streams `path`; the server answers 404 if it cannot be opened when the answer is sent.
   static Response fromFile(std::filesystem::path path,
                            std::string contentType = "application/octet-stream");
+  // Streams the file open at `fd` (taking ownership), for a handler that opened it with care of
+  // its own (not through links, say); the server answers 404 unless it is a regular file.
+  static Response fromOpenFile(int fd, std::string contentType = "application/octet-stream");
 
   Response& withHeader(std::string name, std::string value) {
     headers.emplace_back(std::move(name), std::move(value));

@@ -46,6 +46,10 @@ struct ServerCore {
   std::unique_ptr<ConnectionLimits> limits;  // set by listen()
   std::atomic<bool> stopping{false};
   asio::io_context ioc;
+  // Serving goes on while no I/O is pending (accepting paused at the bound, every connection's
+  // request with a worker); only stop() ends run().
+  asio::executor_work_guard<asio::io_context::executor_type> keepRunning =
+      asio::make_work_guard(ioc);
   asio::thread_pool workers;          // checks and quick handlers
   asio::thread_pool blockingWorkers;  // handlers that wait on remote services, timer tasks
   tcp::acceptor acceptor;
@@ -284,8 +288,8 @@ class Session : public std::enable_shared_from_this<Session> {
 
   void write(Response r, bool close) {
     bool keepAlive = keepAlive_ && !close && !r.close;
-    if (!r.file.empty()) {
-      if (openFile(r.file)) return writeFileHead(r, keepAlive);
+    if (r.openedFile || !r.file.empty()) {
+      if (takeFile(r)) return writeFileHead(r, keepAlive);
       r = errorResponse(404, "not found");
     }
     auto out = std::make_shared<std::pair<std::string, std::string>>(
@@ -302,11 +306,12 @@ class Session : public std::enable_shared_from_this<Session> {
 
   // --- file responses: the head, then the bytes with sendfile(2) --------------------------------
 
-  bool openFile(const std::filesystem::path& path) {
-    closeFile();
-    fileFd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // The answer's file, opened by the handler or here; false unless it is a regular file.
+  bool takeFile(const Response& r) {
+    file_ = r.openedFile;
+    if (!file_) file_ = std::make_shared<const OpenFile>(::open(r.file.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
-    if (fileFd_ < 0 || ::fstat(fileFd_, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (file_->fd() < 0 || ::fstat(file_->fd(), &st) != 0 || !S_ISREG(st.st_mode)) {
       closeFile();
       return false;
     }
@@ -315,10 +320,7 @@ class Session : public std::enable_shared_from_this<Session> {
     return true;
   }
 
-  void closeFile() {
-    if (fileFd_ >= 0) ::close(fileFd_);
-    fileFd_ = -1;
-  }
+  void closeFile() { file_.reset(); }
 
   void writeFileHead(const Response& r, bool keepAlive) {
     auto head = std::make_shared<std::string>(formatHead(r, version_, fileSize_, keepAlive));
@@ -327,7 +329,7 @@ class Session : public std::enable_shared_from_this<Session> {
         stream_, asio::buffer(*head),
         [self = shared_from_this(), head, keepAlive](beast::error_code ec, std::size_t) {
           if (ec) return self->closeFileAndConnection();
-          if (self->fileFd_ < 0) {
+          if (!self->file_) {
             if (!keepAlive) return self->closeGracefully();
             return self->readHead();
           }
@@ -344,7 +346,7 @@ class Session : public std::enable_shared_from_this<Session> {
     while (!ec && static_cast<std::uint64_t>(fileOffset_) < fileSize_) {
       const std::uint64_t left = fileSize_ - static_cast<std::uint64_t>(fileOffset_);
       const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(left, 1 << 30));
-      ssize_t sent = ::sendfile(socket.native_handle(), fileFd_, &fileOffset_, chunk);
+      ssize_t sent = ::sendfile(socket.native_handle(), file_->fd(), &fileOffset_, chunk);
       if (sent > 0) continue;
       if (sent < 0 && errno == EINTR) continue;
       if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -502,7 +504,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::size_t drained_ = 0;
   asio::steady_timer idleTimer_;
   bool onBlockingPool_ = false;
-  int fileFd_ = -1;
+  std::shared_ptr<const OpenFile> file_;  // the file being sent
   off_t fileOffset_ = 0;
   std::uint64_t fileSize_ = 0;
 };

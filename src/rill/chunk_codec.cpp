@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "rill/chunk_id.h"
 
@@ -28,24 +30,61 @@ struct DCtxDeleter {
   void operator()(ZSTD_DCtx* d) const { ZSTD_freeDCtx(d); }
 };
 
-// One compression context per thread: level 12 tables are large, and allocating them per chunk
-// costs more than compressing a small one.
-ZSTD_CCtx* threadCCtx() {
-  thread_local std::unique_ptr<ZSTD_CCtx, CCtxDeleter> ctx(ZSTD_createCCtx());
-  return ctx.get();
+// Compression contexts are lent out from a shared pool rather than kept per thread: a level 12
+// context for a large chunk holds tens of MiB, and a publish runs many more threads than it
+// compresses on at once. The pool grows to the largest number of compressions ever at the same
+// time.
+class CCtxPool {
+ public:
+  ZSTD_CCtx* take() {
+    {
+      std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        ZSTD_CCtx* ctx = free_.back().release();
+        free_.pop_back();
+        return ctx;
+      }
+    }
+    return ZSTD_createCCtx();
+  }
+  void give(ZSTD_CCtx* ctx) {
+    std::lock_guard lock(mutex_);
+    free_.emplace_back(ctx);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<ZSTD_CCtx, CCtxDeleter>> free_;
+};
+
+CCtxPool& cctxPool() {
+  static CCtxPool pool;
+  return pool;
 }
+
+// A context borrowed from the pool for one scope.
+class BorrowedCCtx {
+ public:
+  BorrowedCCtx() : ctx_(cctxPool().take()) {}
+  ~BorrowedCCtx() { cctxPool().give(ctx_); }
+  BorrowedCCtx(const BorrowedCCtx&) = delete;
+  BorrowedCCtx& operator=(const BorrowedCCtx&) = delete;
+  ZSTD_CCtx* get() const { return ctx_; }
+
+ private:
+  ZSTD_CCtx* ctx_;
+};
 
 ZSTD_DCtx* threadDCtx() {
   thread_local std::unique_ptr<ZSTD_DCtx, DCtxDeleter> ctx(ZSTD_createDCtx());
   return ctx.get();
 }
 
-bool looksCompressible(std::string_view chunk) {
+bool looksCompressible(ZSTD_CCtx* ctx, std::string_view chunk) {
   if (chunk.size() <= kSampleSlices * kSampleSize) {
     const std::size_t bound = ZSTD_compressBound(chunk.size());
     std::string out(bound, '\0');
-    const std::size_t n = ZSTD_compressCCtx(threadCCtx(), out.data(), bound, chunk.data(),
-                                            chunk.size(), 1);
+    const std::size_t n = ZSTD_compressCCtx(ctx, out.data(), bound, chunk.data(), chunk.size(), 1);
     return !ZSTD_isError(n) && static_cast<double>(n) < kWorthwhileRatio * chunk.size();
   }
   std::string out(ZSTD_compressBound(kSampleSize), '\0');
@@ -53,8 +92,8 @@ bool looksCompressible(std::string_view chunk) {
   std::size_t compressed = 0;
   const std::size_t stride = (chunk.size() - kSampleSize) / (kSampleSlices - 1);
   for (std::size_t i = 0; i < kSampleSlices; ++i) {
-    const std::size_t n = ZSTD_compressCCtx(threadCCtx(), out.data(), out.size(),
-                                            chunk.data() + i * stride, kSampleSize, 1);
+    const std::size_t n =
+        ZSTD_compressCCtx(ctx, out.data(), out.size(), chunk.data() + i * stride, kSampleSize, 1);
     if (ZSTD_isError(n)) return false;
     in += kSampleSize;
     compressed += n;
@@ -71,17 +110,17 @@ Failure corrupt(const std::string& id) {
 }
 
 bool hasZstdMagic(std::string_view object) {
-  return object.size() >= 4 && std::equal(kMagic, kMagic + 4, object.begin(),
-                                          [](std::uint8_t m, char c) {
-                                            return m == static_cast<std::uint8_t>(c);
-                                          });
+  return object.size() >= 4 &&
+         std::equal(kMagic, kMagic + 4, object.begin(),
+                    [](std::uint8_t m, char c) { return m == static_cast<std::uint8_t>(c); });
 }
 
 }  // namespace
 
 std::string rawZstdFrame(std::string_view chunk) {
   std::string out;
-  const std::size_t blocks = std::max<std::size_t>(1, (chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
+  const std::size_t blocks =
+      std::max<std::size_t>(1, (chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
   out.reserve(chunk.size() + 13 + 3 * blocks);
   out.append(reinterpret_cast<const char*>(kMagic), 4);
   // Frame header: single segment (the window is the content), 4- or 8-byte content size.
@@ -102,11 +141,13 @@ std::string rawZstdFrame(std::string_view chunk) {
 
 std::string encodeChunk(std::string_view chunk, bool compress) {
   if (!compress) return std::string(chunk);
-  if (!looksCompressible(chunk)) return rawZstdFrame(chunk);
+  const BorrowedCCtx ctx;
+  if (!looksCompressible(ctx.get(), chunk)) return rawZstdFrame(chunk);
   std::string out(ZSTD_compressBound(chunk.size()), '\0');
-  const std::size_t n = ZSTD_compressCCtx(threadCCtx(), out.data(), out.size(), chunk.data(),
+  const std::size_t n = ZSTD_compressCCtx(ctx.get(), out.data(), out.size(), chunk.data(),
                                           chunk.size(), kChunkCompressionLevel);
-  const std::size_t rawSize = 9 + chunk.size() + 3 * ((chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
+  const std::size_t rawSize =
+      9 + chunk.size() + 3 * ((chunk.size() + kRawBlockMax - 1) / kRawBlockMax);
   if (ZSTD_isError(n) || n >= rawSize) return rawZstdFrame(chunk);
   out.resize(n);
   return out;

@@ -17,8 +17,8 @@ Result<std::string> readChunkAt(const std::filesystem::path& file, std::uint64_t
   std::string bytes(length, '\0');
   std::uint64_t done = 0;
   while (done < length) {
-    const ssize_t got = ::pread(fd, bytes.data() + done, length - done,
-                                static_cast<off_t>(offset + done));
+    const ssize_t got =
+        ::pread(fd, bytes.data() + done, length - done, static_cast<off_t>(offset + done));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     done += static_cast<std::uint64_t>(got);

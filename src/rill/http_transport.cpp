@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -31,6 +32,21 @@ std::size_t supply(char* buffer, std::size_t size, std::size_t count, void* sour
   upload->sent += n;
   return n;
 }
+
+// Lets libcurl start an upload over: it does so when a reused connection turns out to have been
+// closed by the server in the meantime.
+int rewind(void* source, curl_off_t offset, int origin) {
+  auto* upload = static_cast<Upload*>(source);
+  if (origin != SEEK_SET || offset < 0 || static_cast<std::size_t>(offset) > upload->body.size()) {
+    return CURL_SEEKFUNC_CANTSEEK;
+  }
+  upload->sent = static_cast<std::size_t>(offset);
+  return CURL_SEEKFUNC_OK;
+}
+
+// Connections idle longer than this are not reused: servers close idle connections after a few
+// seconds (5 s is common), and a request sent as the server closes is lost.
+constexpr long kMaxIdleSeconds = 4;
 
 struct EasyDeleter {
   void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
@@ -77,12 +93,15 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_MAXAGE_CONN, kMaxIdleSeconds);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body);
   if (request.method == "PUT") {
     curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(h, CURLOPT_READFUNCTION, supply);
     curl_easy_setopt(h, CURLOPT_READDATA, &upload);
+    curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, rewind);
+    curl_easy_setopt(h, CURLOPT_SEEKDATA, &upload);
     curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
   } else if (request.method == "HEAD") {
     curl_easy_setopt(h, CURLOPT_NOBODY, 1L);

@@ -28,12 +28,13 @@ struct PublishOptions {
   std::string channel;
   std::string build;
   std::string created;
-  bool force = false;       // replace an existing manifest of the channel
-  std::string signingKey;   // hexadecimal secret key; empty: no signature
-  bool compress = true;     // store chunks as zstd frames
+  bool force = false;      // replace an existing manifest of the channel
+  std::string signingKey;  // hexadecimal secret key; empty: no signature
+  bool compress = true;    // store chunks as zstd frames
   ChunkerParams chunker;
-  std::size_t cpuThreads = 0;      // chunks compressed at once; 0: the number of cores
-  std::size_t networkThreads = 0;  // store requests at once; 0: a default above the cores
+  std::size_t cpuThreads = 0;       // chunks compressed at once; 0: the number of cores
+  std::size_t checkThreads = 0;     // existence checks at once; 0: 64
+  std::size_t transferThreads = 0;  // chunks read, compressed or uploaded at once; 0: 4 per core
   // Called from worker threads after each chunk, one call at a time.
   std::function<void(const PublishProgress&)> progress;
 };
@@ -49,11 +50,13 @@ struct PublishReport {
 // channel's manifest ("cannot reach store: <reason>"); an existing one stops the publish unless
 // forced ("channel '<channel>' already published (use --force to overwrite)"); the tree is scanned
 // (the scan's messages) while each distinct chunk, as soon as it is found, is checked with
-// `exists` ("HEAD failed: <reason>") and, when absent, re-read and re-hashed from its file (the
+// `exists` ("HEAD failed: <reason>"), unless a listing of "chunks/" made meanwhile already showed
+// it, and, when absent, re-read and re-hashed from its file (the
 // messages of readChunkAt), encoded and stored under its chunk key ("PUT failed: <reason>"); then
 // the manifest and the signature are put ("PUT failed: <reason>").
-// Checks, compression and uploads run on a bounded pool; at most one chunk is held per network
-// worker, and raw chunk bytes only by the `cpuThreads` workers that compress. Nothing is rolled
+// Checks run on a pool of `checkThreads` workers; a chunk found missing is read, compressed and
+// uploaded by one of them once it holds one of `transferThreads` slots, so at most that many
+// chunks are in memory, and at most `cpuThreads` are compressed at once. Nothing is rolled
 // back on failure: chunks are content-addressed, so a later publish reuses them.
 Result<PublishReport> publishDirectory(StorageProvider& store, const std::filesystem::path& dir,
                                        const PublishOptions& options);

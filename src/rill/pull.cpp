@@ -41,7 +41,8 @@ Result<LocalIndex> indexTarget(const fs::path& target, const ChunkerParams& para
   std::error_code ec;
   if (!fs::is_directory(target, ec)) return index;
   auto scan = scanTree(target, params, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
-    for (const Chunk& chunk : chunks) index.chunks.try_emplace(chunk.hash, LocalChunk{file, chunk.offset});
+    for (const Chunk& chunk : chunks)
+      index.chunks.try_emplace(chunk.hash, LocalChunk{file, chunk.offset});
   });
   if (!scan) return Failure{scan.error()};
   for (ScannedFile& file : scan.value().files) index.files[file.path] = std::move(file.chunks);
@@ -53,7 +54,9 @@ Result<LocalIndex> indexTarget(const fs::path& target, const ChunkerParams& para
 class FileAssembly {
  public:
   FileAssembly(const ScannedFile& file, const fs::path& target)
-      : file_(file), final_(target / file.path), part_(final_.string() + ".part"),
+      : file_(file),
+        final_(target / file.path),
+        part_(final_.string() + ".part"),
         remaining_(file.chunks.size()) {}
   ~FileAssembly() {
     if (fd_ >= 0) ::close(fd_);
@@ -107,7 +110,10 @@ class FileAssembly {
     std::error_code ec;
     fs::rename(part_, final_, ec);
     if (ec) {
-      return Failure{"'" + final_.string() + "' is in use - could not replace it (" + ec.message() + ")"};
+      // Appended piece by piece: GCC 12 misreads "'" + std::string as an overlapping copy.
+      std::string reason(1, '\'');
+      reason.append(final_.string()).append("' is in use - could not replace it (");
+      return Failure{reason.append(ec.message()).append(")")};
     }
     return true;
   }
@@ -200,7 +206,8 @@ class ChunkFetches {
       where = found->second;
     }
     for (const fs::path& file : {where.first->partPath(), where.first->finalPath()}) {
-      if (auto bytes = readChunkAt(file, where.second, ref.n, ref.h)) return std::move(bytes).value();
+      if (auto bytes = readChunkAt(file, where.second, ref.n, ref.h))
+        return std::move(bytes).value();
     }
     return std::nullopt;
   }
@@ -271,7 +278,7 @@ Result<PullReport> pullChannel(PullSource& source, const fs::path& target,
   ChunkFetches fetches(source, index.value(), options);
   fetches.plan(chunks, bytes);
   {
-    TaskPool pool(options.networkThreads ? options.networkThreads : defaultNetworkThreads());
+    TaskPool pool(options.networkThreads ? options.networkThreads : defaultTransferThreads());
     // A chunk that occurs more than once is fetched once: its repeats wait for a second round,
     // which copies them from where the first round wrote them.
     std::unordered_set<std::string> planned;

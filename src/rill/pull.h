@@ -27,7 +27,7 @@ struct PullProgress {
 struct PullOptions {
   std::string channel;
   std::string verifyKey;           // hexadecimal public key; empty: no verification required
-  std::size_t networkThreads = 0;  // chunks fetched at once; 0: a default above the cores
+  std::size_t networkThreads = 0;  // chunks fetched at once (each holds one); 0: 4 per core
   // Called from worker threads after each chunk, one call at a time.
   std::function<void(const PullProgress&)> progress;
 };

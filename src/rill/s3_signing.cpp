@@ -1,5 +1,6 @@
 #include "rill/s3_signing.h"
 
+#include <openssl/sha.h>
 #include <sodium.h>
 
 #include <array>
@@ -76,9 +77,10 @@ std::string uriEncode(std::string_view text, bool keepSlash) {
 }
 
 std::string sha256Hex(std::string_view bytes) {
-  std::array<std::uint8_t, crypto_hash_sha256_BYTES> digest{};
-  crypto_hash_sha256(digest.data(), reinterpret_cast<const unsigned char*>(bytes.data()),
-                     bytes.size());
+  // OpenSSL's SHA-256 uses the processor's SHA instructions where there are any: payload hashes
+  // cover every uploaded byte, and this is several times faster than a portable implementation.
+  std::array<std::uint8_t, SHA256_DIGEST_LENGTH> digest{};
+  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest.data());
   return toHex(std::span<const std::uint8_t>(digest));
 }
 

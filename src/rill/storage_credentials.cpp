@@ -5,10 +5,11 @@ namespace quill::rill {
 Result<S3Settings> parseStorageCredentials(const Json::Value& body) {
   if (!body.isObject()) return Failure{"JSON object required"};
   S3Settings settings;
-  const std::pair<const char*, std::string*> members[] = {
-      {"endpoint", &settings.endpoint}, {"region", &settings.region},
-      {"bucket", &settings.bucket},     {"access_key", &settings.accessKey},
-      {"secret_key", &settings.secretKey}};
+  const std::pair<const char*, std::string*> members[] = {{"endpoint", &settings.endpoint},
+                                                          {"region", &settings.region},
+                                                          {"bucket", &settings.bucket},
+                                                          {"access_key", &settings.accessKey},
+                                                          {"secret_key", &settings.secretKey}};
   for (const auto& [name, into] : members) {
     if (!body.isMember(name)) continue;
     if (!body[name].isString()) return Failure{std::string(name) + " must be a string"};

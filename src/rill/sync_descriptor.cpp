@@ -43,7 +43,8 @@ Result<PresignedLinks> parseSyncDescriptor(std::string_view text) {
   links.manifestUrl = root["manifest_url"].asString();
   if (root["manifest_sig_url"].isString()) links.signatureUrl = root["manifest_sig_url"].asString();
   for (const std::string& id : root["chunks"].getMemberNames()) {
-    if (!root["chunks"][id].isString()) return Failure{"sync descriptor: chunk links must be strings"};
+    if (!root["chunks"][id].isString())
+      return Failure{"sync descriptor: chunk links must be strings"};
     links.chunks[id] = root["chunks"][id].asString();
   }
   return links;

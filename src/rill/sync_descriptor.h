@@ -2,11 +2,11 @@
 // The sync descriptor of a Rill channel: presigned links to its manifest, signature and chunks,
 // which a server hands to clients so that they download straight from the bucket.
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
-
-#include <json/value.h>
 
 #include "rill/manifest.h"
 #include "rill/pull_source.h"

@@ -55,6 +55,8 @@ void TaskPool::work() {
 
 std::size_t defaultCpuThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
 
-std::size_t defaultNetworkThreads() { return std::max<std::size_t>(16, 4 * defaultCpuThreads()); }
+std::size_t defaultTransferThreads() { return std::max<std::size_t>(8, 4 * defaultCpuThreads()); }
+
+std::size_t defaultCheckThreads() { return 64; }
 
 }  // namespace quill::rill

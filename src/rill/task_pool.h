@@ -40,8 +40,10 @@ class TaskPool {
 };
 
 // How many worker threads a stage gets when the caller does not say: the number of cores for
-// work that keeps a core busy, and more for work that mostly waits on the network.
+// work that keeps a core busy; more for transfers, which mostly wait on the network; and many for
+// existence checks, which carry no body and only wait.
 std::size_t defaultCpuThreads();
-std::size_t defaultNetworkThreads();
+std::size_t defaultTransferThreads();
+std::size_t defaultCheckThreads();
 
 }  // namespace quill::rill

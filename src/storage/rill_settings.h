@@ -11,7 +11,8 @@ namespace quill::storage {
 
 inline constexpr const char* kNotConfigured =
     "rill storage not configured (missing data-dir rill.json)";
-inline constexpr const char* kIncomplete = "rill.json missing endpoint/bucket/access_key/secret_key";
+inline constexpr const char* kIncomplete =
+    "rill.json missing endpoint/bucket/access_key/secret_key";
 
 std::filesystem::path rillSettingsPath(const store::DataDir& data);
 

@@ -23,7 +23,8 @@ constexpr std::int64_t kDefaultLifetime = 300;
 
 bool isRillChannel(const Context& ctx, const std::string& name) {
   Json::Value doc;
-  if (!store::readJsonFile(store::DataDir::recordPath(ctx.data.channels(), name), doc)) return false;
+  if (!store::readJsonFile(store::DataDir::recordPath(ctx.data.channels(), name), doc))
+    return false;
   return doc["engine"].isString() && doc["engine"].asString() == "rill";
 }
 
@@ -60,8 +61,8 @@ Response rillSync(const Request& req, Context& ctx) {
   styled["indentation"] = "  ";
   styled["emitUTF8"] = true;
   return Response::json(
-      Json::writeString(styled, rill::buildSyncDescriptor(bucket.client(), channel, manifest.value(),
-                                                          lifetime)) +
+      Json::writeString(
+          styled, rill::buildSyncDescriptor(bucket.client(), channel, manifest.value(), lifetime)) +
       "\n");
 }
 

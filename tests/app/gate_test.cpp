@@ -208,7 +208,7 @@ TEST_F(GateTest, AnonymousReadersSeePublicChannelsAndTheBuildsTheyPointAtNow) {
     EXPECT_EQ(bodyOf(anon(Req("GET", "/api/builds/b1")))["channels"], strings({"stable"}));
     auto file = anon(Req("GET", "/api/builds/b1/files").q("path", "app.bin"));
     ASSERT_TRUE(isOk(file));
-    EXPECT_EQ(readBytes(file.file), "bytes");
+    EXPECT_EQ(fileBody(file), "bytes");
     EXPECT_TRUE(isOk(anon(Req("GET", "/api/channels/empty"))));
     // Past the gate, the handler's own answers apply.
     EXPECT_TRUE(isError(anon(Req("GET", "/api/builds/b1/files").q("path", "no.bin")), 404,

@@ -13,7 +13,6 @@
 #include "backup/backup_run.h"
 #include "backup/backup_state.h"
 #include "backup/backup_texts.h"
-#include "backup/listed_chunks_store.h"
 #include "backup/snapshots.h"
 #include "backup_test_stores.h"
 #include "rill/encrypted_provider.h"
@@ -193,7 +192,7 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpen) {
   RunHooks failingList = hooks();
   failingList.openStore = [this](const BackupConfig&) {
     auto store = sealed();
-    store->failNth(rill::FaultInjectingProvider::Operation::kList, 2);  // the prune's
+    store->failNth(rill::FaultInjectingProvider::Operation::kList, 2);  // after the publish's
     return rill::Result<rill::StorageProviderPtr>(std::move(store));
   };
   ASSERT_TRUE(run(kB, failingList));
@@ -261,27 +260,6 @@ TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
   Tree tree = treeContent(dir() / "restored");
   tree.erase("backup-state.json");
   EXPECT_EQ(tree, expected_);
-}
-
-TEST(ListedChunksStore, AnswersChunkQueriesFromOneListingKeptUpToDate) {
-  rill::MemoryProvider memory;
-  memory.put("chunks/aa/old", "x");
-  auto faulty =
-      std::make_unique<rill::FaultInjectingProvider>(std::make_unique<test::StoreView>(memory));
-  faulty->failNth(rill::FaultInjectingProvider::Operation::kList, 1);
-  faulty->failNth(rill::FaultInjectingProvider::Operation::kExists, 1);
-  ListedChunksStore store(std::move(faulty));
-  std::string error;
-  EXPECT_FALSE(store.exists("chunks/aa/old", &error));  // the listing failed: no answer
-  EXPECT_EQ(error.rfind("injected failure", 0), 0u) << error;
-  EXPECT_EQ(store.exists("chunks/aa/old"), (rill::ObjectInfo{true, 1}));  // listed again
-  memory.put("chunks/bb/behind-our-back", "y");  // only a put through the store is seen
-  EXPECT_FALSE(store.exists("chunks/bb/behind-our-back")->present);
-  ASSERT_TRUE(store.put("chunks/cc/new", "z"));
-  EXPECT_TRUE(store.exists("chunks/cc/new")->present);
-  ASSERT_TRUE(store.remove("chunks/aa/old"));
-  EXPECT_FALSE(store.exists("chunks/aa/old")->present);
-  EXPECT_FALSE(store.exists("channels/x/manifest.json"));  // passed through: the HEAD failed
 }
 
 TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {

@@ -115,7 +115,7 @@ TEST_F(BuildApiTest, UploadStoresTheBodyAtItsPathAndAReuploadReplacesIt) {
   // A segment may be as long as a file name can be.
   const std::string longest(255, 'n');
   ASSERT_TRUE(isOk(upload("b1", "deep/" + longest, "long")));
-  EXPECT_EQ(readBytes(download("b1", "deep/" + longest).file), "long");
+  EXPECT_EQ(fileBody(download("b1", "deep/" + longest)), "long");
   EXPECT_TRUE(isError(upload("b1", "deep/" + longest + "n", "x"), 400, kBadPath));
 
   // A path that collides with a file or a directory cannot be stored.
@@ -267,7 +267,7 @@ TEST_F(BuildApiTest, ReadAnnotatesTheManifestWithTheChannelsPointingAtIt) {
 TEST_F(BuildApiTest, OpenOrDamagedBuildsAreNotFoundYetTheirFilesDownload) {
   ASSERT_TRUE(isOk(upload("open", "dir/a.txt", "still uploading")));
   EXPECT_TRUE(isError(readBuild("open"), 404, kNotFound));
-  EXPECT_EQ(readBytes(download("open", "dir/a.txt").file), "still uploading");
+  EXPECT_EQ(fileBody(download("open", "dir/a.txt")), "still uploading");
   EXPECT_EQ(bodyOf(listBuilds())["builds"].size(), 0u);
   makeBuild("damaged");
   writeText(buildDir("damaged") / "manifest.json", "{ not json");
@@ -284,7 +284,7 @@ TEST_F(BuildApiTest, DownloadStreamsTheFileNamedAsAnAttachment) {
 
   auto text = download("b1", "docs/read me.TXT");
   ASSERT_TRUE(isOk(text));
-  EXPECT_EQ(readBytes(text.file), "text");
+  EXPECT_EQ(fileBody(text), "text");
   EXPECT_TRUE(text.body.empty()) << "streamed from disk, not held in the answer";
   EXPECT_EQ(text.contentType, "text/plain; charset=utf-8");
   EXPECT_EQ(headerOf(text, "Content-Disposition"),
@@ -314,7 +314,7 @@ TEST_F(BuildApiTest, DisabledFlagIsFalseOnlyForTheExactWordFalse) {
     EXPECT_EQ(bodyOf(readBuild("b1"))["disabled"], disabled) << shown;
   }
   // Disabled, the build is still read, downloaded and listed.
-  EXPECT_EQ(readBytes(download("b1", "app.bin").file), "bytes");
+  EXPECT_EQ(fileBody(download("b1", "app.bin")), "bytes");
   EXPECT_EQ(bodyOf(listBuilds())["builds"][0]["disabled"], true);
   // An unreadable state document means "not disabled".
   writeText(buildDir("b1") / "state.json", "{\"disabled\": tru");

@@ -8,9 +8,9 @@
 
 #include <regex>
 
+#include "rill/rill_trees.h"
 #include "rill/s3_client.h"
 #include "rill/s3_peers.h"
-#include "rill/rill_trees.h"
 #include "support/http_client.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -27,7 +27,8 @@ const std::string kTool = QUILL_RILL_TOOL;
 
 std::string offlineAdminToken(const std::string& dataDir) {
   runProcess(kServer, {"user", "create", "ci", "--role", "admin", "--data-dir", dataDir});
-  auto minted = runProcess(kServer, {"token", "create", "ci", "--user", "ci", "--data-dir", dataDir});
+  auto minted =
+      runProcess(kServer, {"token", "create", "ci", "--user", "ci", "--data-dir", dataDir});
   std::smatch m;
   EXPECT_TRUE(std::regex_search(minted.out, m, std::regex("\n  ([A-Za-z0-9]{48})\n")));
   return m.empty() ? "" : m.str(1);
@@ -39,13 +40,15 @@ class RillRoadE2E : public ::testing::Test {
     QUILL_REQUIRE_S3_PEERS();
     data_ = (tmp_.path() / "data").string();
     token_ = offlineAdminToken(data_);
-    server_ = std::make_unique<ServerProcess>(kServer, std::vector<std::string>{"--data-dir", data_});
+    server_ =
+        std::make_unique<ServerProcess>(kServer, std::vector<std::string>{"--data-dir", data_});
     ASSERT_TRUE(server_->waitUntilListening());
   }
 
   std::vector<std::string> storage() const {
-    return {"--endpoint", S3Peers::shared().endpoint(), "--bucket", rill::test::kPeerBucket,
-            "--access-key", rill::test::kPeerAccessKey, "--secret-key", rill::test::kPeerSecretKey};
+    return {
+        "--endpoint",   S3Peers::shared().endpoint(), "--bucket",     rill::test::kPeerBucket,
+        "--access-key", rill::test::kPeerAccessKey,   "--secret-key", rill::test::kPeerSecretKey};
   }
 
   ProcessResult publish(const fs::path& dir, const std::string& channel,
@@ -57,13 +60,14 @@ class RillRoadE2E : public ::testing::Test {
   }
 
   ProcessResult pull(const std::string& channel, const fs::path& dir, const std::string& key = "") {
-    std::vector<std::string> args{"pull", channel, dir.string(), "--server", server_->url(""),
-                                  "--token", token_};
+    std::vector<std::string> args{"pull",           channel,   dir.string(), "--server",
+                                  server_->url(""), "--token", token_};
     if (!key.empty()) args.insert(args.end(), {"--verify-key", key});
     return runProcess(kTool, args);
   }
 
-  Fetched asAdmin(const std::string& method, const std::string& path, const std::string& body = "") {
+  Fetched asAdmin(const std::string& method, const std::string& path,
+                  const std::string& body = "") {
     return client_.fetch(method, server_->url(path), body, {"Authorization: Bearer " + token_});
   }
 
@@ -81,11 +85,13 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
   std::smatch m;
   ASSERT_TRUE(std::regex_search(keygen.out, m, std::regex("public key: ([0-9a-f]{64})\n")));
   const std::string publicKey = m.str(1);
-  EXPECT_EQ(fs::status(keyFile).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(keyFile).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
 
   const fs::path source = tmp_.path() / "build";
   rill::test::writeBuild(source);
-  const auto published = publish(source, "road", {"--build", "1.0.7", "--sign-key", keyFile.string()});
+  const auto published =
+      publish(source, "road", {"--build", "1.0.7", "--sign-key", keyFile.string()});
   ASSERT_EQ(published.exitCode, 0) << published.err;
   EXPECT_TRUE(std::regex_search(published.out,
                                 std::regex("^published road build 1.0.7: files 4, chunks [0-9]+, "
@@ -98,7 +104,9 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
   creds["bucket"] = rill::test::kPeerBucket;
   creds["access_key"] = rill::test::kPeerAccessKey;
   creds["secret_key"] = rill::test::kPeerSecretKey;
-  ASSERT_EQ(asAdmin("PUT", "/api/storage", Json::writeString(Json::StreamWriterBuilder(), creds)).status, 200);
+  ASSERT_EQ(
+      asAdmin("PUT", "/api/storage", Json::writeString(Json::StreamWriterBuilder(), creds)).status,
+      200);
   ASSERT_EQ(asAdmin("POST", "/api/channels/road?engine=rill").status, 200);
 
   const fs::path tester = tmp_.path() / "tester";
@@ -141,7 +149,8 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
   const auto again = pull("road", resumed, publicKey);
   ASSERT_EQ(again.exitCode, 0) << again.err;
   EXPECT_EQ(treeContent(resumed), treeContent(source));
-  ASSERT_TRUE(std::regex_search(again.out, m, std::regex("chunks ([0-9]+), new ([0-9]+), reused ([0-9]+)")));
+  ASSERT_TRUE(std::regex_search(again.out, m,
+                                std::regex("chunks ([0-9]+), new ([0-9]+), reused ([0-9]+)")));
   EXPECT_LT(std::stoi(m.str(2)), std::stoi(m.str(1))) << again.out;
   EXPECT_GT(std::stoi(m.str(3)), 0) << again.out;
 }
@@ -169,8 +178,8 @@ TEST_F(RillRoadE2E, ToolRefusesBadCommandLines) {
     EXPECT_EQ(r.exitCode, 1) << c.err;
     EXPECT_EQ(r.err.substr(0, c.err.size()), c.err);
   }
-  const auto unauthorised = runProcess(kTool, {"pull", "road", (tmp_.path() / "x").string(),
-                                               "--server", server_->url("")});
+  const auto unauthorised = runProcess(
+      kTool, {"pull", "road", (tmp_.path() / "x").string(), "--server", server_->url("")});
   EXPECT_EQ(unauthorised.err, "server answered HTTP 401: missing or invalid token\n");
 }
 

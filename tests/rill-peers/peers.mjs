@@ -3,6 +3,7 @@
 // access key. Both listen on 127.0.0.1 on ports picked by the system.
 //
 //   node --openssl-legacy-provider peers.mjs --dir <data dir> --bucket <name> [--max-keys <n>]
+//                                            [--delay-ms <n>]
 //
 // Prints "ready <front port> <s3rver port>" once both listen, then runs until killed or until its
 // standard input closes (so a crashed test run leaves nothing behind).
@@ -13,6 +14,7 @@
 // (AccessDenied, 403) and an expired presigned URL (AccessDenied, 403). With --max-keys, every
 // listing is forwarded with that page size, so continuation tokens are exercised with few objects.
 // After a PUT it waits until s3rver serves the whole object, since s3rver may answer first.
+// With --delay-ms, every request is held that long before it is answered, like a distant store.
 
 import crypto from 'node:crypto';
 import http from 'node:http';
@@ -191,6 +193,7 @@ function withMaxKeys(rawQuery, maxKeys) {
 async function main() {
   const bucket = option('bucket', 'quill-test');
   const maxKeys = option('max-keys', '');
+  const delayMs = Number(option('delay-ms', '0'));
   const s3rver = new S3rver({
     address: '127.0.0.1',
     port: 0,
@@ -205,6 +208,7 @@ async function main() {
     const parts = [];
     req.on('data', (part) => parts.push(part));
     req.on('end', async () => {
+      if (delayMs > 0) await new Promise((resolve) => setTimeout(resolve, delayMs));
       const body = Buffer.concat(parts);
       const q = req.url.indexOf('?');
       const rawPath = q < 0 ? req.url : req.url.slice(0, q);

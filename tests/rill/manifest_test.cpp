@@ -74,8 +74,8 @@ TEST(ManifestTest, OnlySafeRelativePathsArePulled) {
   for (const char* path : {"a", "a/b.txt", "dir/.hidden", "x..y", "ab:c"}) {
     EXPECT_TRUE(isSafeManifestPath(path)) << path;
   }
-  for (const char* path : {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x",
-                           "a\\..\\x", "."}) {
+  for (const char* path :
+       {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x", "a\\..\\x", "."}) {
     EXPECT_FALSE(isSafeManifestPath(path)) << path;
   }
 }
@@ -89,10 +89,10 @@ TEST(ManifestSignatureTest, SignsAndVerifiesExactBytes) {
   EXPECT_TRUE(verifyManifest("manifest bytes", signature.value() + "\n", keys.publicKeyHex));
   EXPECT_EQ(verifyManifest("manifest bytes ", signature.value(), keys.publicKeyHex).error(),
             "signature does not verify");
-  EXPECT_EQ(verifyManifest("manifest bytes", signature.value(),
-                           generateSigningKeyPair().publicKeyHex)
-                .error(),
-            "signature does not verify");
+  EXPECT_EQ(
+      verifyManifest("manifest bytes", signature.value(), generateSigningKeyPair().publicKeyHex)
+          .error(),
+      "signature does not verify");
 
   const std::string badSecret = "bad secret key (need 64-byte hex)";
   EXPECT_EQ(signManifest("m", keys.secretKeyHex.substr(2)).error(), badSecret);

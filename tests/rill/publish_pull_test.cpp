@@ -40,7 +40,8 @@ class PublishPullTest : public quill::test::TempDirTest {
     o.created = "2026-01-01T00:00:00Z";
     o.force = force;
     o.chunker = test::kSmallChunks;
-    o.networkThreads = 4;
+    o.checkThreads = 4;
+    o.transferThreads = 3;
     o.cpuThreads = 2;
     return o;
   }
@@ -160,8 +161,7 @@ TEST_F(PublishPullTest, PullRefusesTamperedWrongAndUnsignedBuilds) {
   const std::string id = beta.value().manifest.tree.files[1].chunks[0].h;
   ASSERT_TRUE(memory_->put(memory_->chunkKey(id), "other bytes"));
   fs::remove_all(target());  // else the chunk would be copied from the earlier pull
-  EXPECT_EQ(pull("beta").error(),
-            "chunk " + id + " failed to decode/verify (corrupt or tampered)");
+  EXPECT_EQ(pull("beta").error(), "chunk " + id + " failed to decode/verify (corrupt or tampered)");
 }
 
 TEST_F(PublishPullTest, PublishStopsAtTheFirstStoreFailure) {

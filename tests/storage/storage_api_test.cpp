@@ -8,10 +8,10 @@
 #include "rill/bucket_probe.h"
 #include "rill/http_transport.h"
 #include "rill/publish.h"
-#include "rill/s3_provider.h"
-#include "rill/storage_credentials.h"
 #include "rill/rill_trees.h"
 #include "rill/s3_peers.h"
+#include "rill/s3_provider.h"
+#include "rill/storage_credentials.h"
 #include "support/api_fixture.h"
 #include "support/http_client.h"
 
@@ -132,9 +132,9 @@ TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
     EXPECT_EQ(error.find("wrong"), std::string::npos) << "the secret is never quoted: " << error;
     EXPECT_FALSE(fs::exists(settingsFile()));
   }
-  EXPECT_NE(bodyOf(put(text(credentials("wrong"))))["error"].asString().find(
-                "SignatureDoesNotMatch"),
-            std::string::npos);
+  EXPECT_NE(
+      bodyOf(put(text(credentials("wrong"))))["error"].asString().find("SignatureDoesNotMatch"),
+      std::string::npos);
 }
 
 TEST_F(StorageApiTest, TestProbesTheGivenOrTheSavedSettings) {
@@ -188,7 +188,9 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
 
   const std::regex expires("X-Amz-Expires=([0-9]+)");
   for (const auto& [ttl, seconds] : {std::pair<std::string, std::string>{"", "300"},
-                                     {"0", "300"}, {"abc", "300"}, {"-5", "300"},
+                                     {"0", "300"},
+                                     {"abc", "300"},
+                                     {"-5", "300"},
                                      {"86400", "86400"}}) {
     std::smatch m;
     const std::string url = bodyOf(sync("api-sync", ttl))["manifest_url"].asString();

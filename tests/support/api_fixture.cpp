@@ -120,6 +120,17 @@ std::string readBytes(const fs::path& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
+std::string fileBody(const http::Response& res) {
+  if (!res.openedFile) return readBytes(res.file);
+  std::string bytes;
+  char buffer[65536];
+  off_t offset = 0;
+  for (ssize_t n; (n = ::pread(res.openedFile->fd(), buffer, sizeof buffer, offset)) > 0; offset += n) {
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  return bytes;
+}
+
 bool isUtcStamp(const Json::Value& value) {
   static const std::regex kStamp("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z");
   return value.isString() && std::regex_match(value.asString(), kStamp);

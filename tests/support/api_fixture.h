@@ -50,6 +50,8 @@ std::string headerOf(const http::Response& res, const std::string& name);
 std::vector<std::string> memberOrder(const http::Response& res);
 Json::Value strings(std::initializer_list<const char*> items);
 std::string readBytes(const fs::path& path);
+// The bytes of a file answer, whether the handler named the file or opened it.
+std::string fileBody(const http::Response& res);
 bool isUtcStamp(const Json::Value& value);
 bool isRandomText(const Json::Value& value, std::size_t length);
 std::size_t filesIn(const fs::path& dir);

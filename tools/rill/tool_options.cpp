@@ -78,16 +78,20 @@ rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
     o.command = Command::kNone;
     return o;
   }
-  if (name == "publish") o.command = Command::kPublish;
-  else if (name == "pull") o.command = Command::kPull;
-  else if (name == "keygen") o.command = Command::kKeygen;
-  else return Failure{"unknown command '" + name + "'"};
+  if (name == "publish")
+    o.command = Command::kPublish;
+  else if (name == "pull")
+    o.command = Command::kPull;
+  else if (name == "keygen")
+    o.command = Command::kKeygen;
+  else
+    return Failure{"unknown command '" + name + "'"};
 
   // Options that take a value, and where the value goes.
   std::map<std::string, std::string*> valued = {
-      {"--endpoint", &o.storage.s3.endpoint}, {"--bucket", &o.storage.s3.bucket},
+      {"--endpoint", &o.storage.s3.endpoint},    {"--bucket", &o.storage.s3.bucket},
       {"--access-key", &o.storage.s3.accessKey}, {"--secret-key", &o.storage.s3.secretKey},
-      {"--region", &o.storage.s3.region}, {"--prefix", &o.storage.prefix}};
+      {"--region", &o.storage.s3.region},        {"--prefix", &o.storage.prefix}};
   if (o.command == Command::kPublish) {
     valued.insert({{"--channel", &o.channel}, {"--build", &o.build}, {"--sign-key", &o.signKey}});
   } else if (o.command == Command::kPull) {
@@ -127,7 +131,9 @@ rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
     ++p.at;
   }
 
-  const std::size_t wanted = o.command == Command::kPublish ? 1 : o.command == Command::kPull ? 2 : 0;
+  const std::size_t wanted = o.command == Command::kPublish ? 1
+                             : o.command == Command::kPull  ? 2
+                                                            : 0;
   if (p.positional.size() != wanted) {
     static const char* const shapes[] = {"", "publish <dir> --channel <name>",
                                          "pull <channel> <dir>", "keygen"};
@@ -166,7 +172,8 @@ rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
     over(given.prefix, o.storage.prefix);
   }
   rill::S3Settings& s3 = o.storage.s3;
-  if (s3.accessKey.empty() && env.contains("AWS_ACCESS_KEY_ID")) s3.accessKey = env.at("AWS_ACCESS_KEY_ID");
+  if (s3.accessKey.empty() && env.contains("AWS_ACCESS_KEY_ID"))
+    s3.accessKey = env.at("AWS_ACCESS_KEY_ID");
   if (s3.secretKey.empty() && env.contains("AWS_SECRET_ACCESS_KEY")) {
     s3.secretKey = env.at("AWS_SECRET_ACCESS_KEY");
   }

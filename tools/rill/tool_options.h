@@ -26,12 +26,12 @@ struct ToolOptions {
   bool help = false;
   std::string dir;
   std::string channel;
-  std::string build;    // publish: empty gives the publication time
+  std::string build;  // publish: empty gives the publication time
   bool force = false;
   std::string signKey;  // the argument of --sign-key (a file or hex)
   bool compress = true;
-  std::string server;   // pull through a server's sync endpoint
-  std::string token;    // --token, else QUILLMOOR_TOKEN
+  std::string server;  // pull through a server's sync endpoint
+  std::string token;   // --token, else QUILLMOOR_TOKEN
   std::string verifyKey;
   std::string secretFile;  // keygen: write the secret key here instead of printing it
   StorageOptions storage;

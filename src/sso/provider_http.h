@@ -1,0 +1,24 @@
+#pragma once
+// Blocking requests to the identity provider with libcurl, each limited to 10 seconds. Callers run
+// on the blocking pool (routes marked `blocking`), never on a request worker of their own.
+//
+// Thread safety: any number of threads may call at once (one easy handle per request).
+
+#include <string>
+
+namespace quill::sso {
+
+inline constexpr long kProviderTimeoutSeconds = 10;
+
+struct ProviderAnswer {
+  long status = 0;  // 0: no answer (unreachable, timed out, refused)
+  std::string body;
+};
+
+// GET `url`. Redirects are not followed; only http and https are spoken.
+ProviderAnswer providerGet(const std::string& url);
+
+// POST `form` (already form-encoded) to `url` as application/x-www-form-urlencoded.
+ProviderAnswer providerPostForm(const std::string& url, const std::string& form);
+
+}  // namespace quill::sso

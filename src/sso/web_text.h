@@ -1,0 +1,27 @@
+#pragma once
+// Text that goes into URLs and HTML, and the parts of a provider URL.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quill::sso {
+
+// Keeps letters, digits and "-", ".", "_", "~"; every other byte becomes "%" and two upper-case
+// hex digits. Used for every query and form value sent to the provider.
+std::string percentEncode(std::string_view text);
+
+// Replaces &, <, >, " and ' with character references, so any text is inert inside HTML.
+std::string htmlEscape(std::string_view text);
+
+// "http(s)://host[:port]" and the path after it ("" when there is none).
+struct UrlParts {
+  std::string origin;
+  std::string path;
+};
+
+// Splits an absolute http or https URL; nullopt when `url` is not one (other scheme, no host,
+// bad port).
+std::optional<UrlParts> splitUrl(std::string_view url);
+
+}  // namespace quill::sso
