@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang
   libboost1.81-dev libjsoncpp-dev libsodium-dev libssl-dev libcurl4-openssl-dev libzstd-dev
   librust-blake3-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-  curl wrk nginx-light b3sum chromium
+  curl wrk nginx-light b3sum chromium restic borgbackup bc time
 )
 
 missing=()

@@ -3,17 +3,13 @@
 #include <exception>
 
 #include "app/admin_commands.h"
+#include "backup/backup_commands.h"
 
 namespace quill {
 
 namespace {
 
 using Command = int (*)(Context&, std::ostream&, std::ostream&);
-
-int notYetAvailable(Context&, std::ostream&, std::ostream& err) {
-  err << "this command is not available in this version\n";
-  return 1;
-}
 
 struct CommandShape {
   std::vector<std::string> words;  // fixed words; "*" takes any one word
@@ -29,12 +25,12 @@ const std::vector<CommandShape>& commandShapes() {
       {{"token", "delete", "*"}, tokenDeleteCommand},
       {{"token", "list"}, tokenListCommand},
       {{"invite", "create", "*"}, inviteCreateCommand},
-      {{"backup"}, notYetAvailable},
-      {{"backup", "init"}, notYetAvailable},
-      {{"backup", "list"}, notYetAvailable},
-      {{"backup", "prune"}, notYetAvailable},
-      {{"backup", "schedule", "*"}, notYetAvailable},
-      {{"restore", "*"}, notYetAvailable},
+      {{"backup"}, backup::backupRunCommand},
+      {{"backup", "init"}, backup::backupInitCommand},
+      {{"backup", "list"}, backup::backupListCommand},
+      {{"backup", "prune"}, backup::backupPruneCommand},
+      {{"backup", "schedule", "*"}, backup::backupScheduleCommand},
+      {{"restore", "*"}, backup::restoreCommand},
   };
   return shapes;
 }

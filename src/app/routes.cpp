@@ -8,11 +8,13 @@
 #include "api/users.h"
 #include "app/gate.h"
 #include "app/service_endpoints.h"
+#include "backup/backup_api.h"
 #include "builds/build_api.h"
 #include "builds/channel_api.h"
 #include "http/json.h"
 #include "sso/config_api.h"
 #include "sso/sign_in_api.h"
+#include "storage/rill_settings.h"
 #include "storage/storage_api.h"
 #include "storage/sync_api.h"
 
@@ -116,11 +118,14 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
       blocking(route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
-      route("POST", "/api/backup"),
-      route("GET", "/api/backups"),
-      route("PUT", "/api/backup/config"),
-      route("POST", "/api/backup/init"),
-      route("DELETE", "/api/backup/config"),
+      route("POST", "/api/backup", ctx, backup::startBackup),
+      blocking(route("GET", "/api/backups", ctx, backup::backupStatus)),
+      withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule)),
+      withJsonBody(blocking(route("POST", "/api/backup/init",
+                                  [&ctx](const Request& req) {
+                                    return backup::initBackups(req, ctx, storage::readRillSettings);
+                                  }))),
+      route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
       route("GET", "/api/storage", ctx, storage::readStorage),
       blocking(withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
       route("DELETE", "/api/storage", ctx, storage::forgetStorage),

@@ -6,10 +6,12 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <thread>
 
 #include "app/routes.h"
 #include "app/version.h"
+#include "backup/schedule_check.h"
 #include "builds/build_store.h"
 #include "http/server.h"
 #include "store/documents.h"
@@ -21,8 +23,8 @@ namespace {
 constexpr std::chrono::seconds kScheduleCheckPeriod{60};
 
 // The scheduled-backup check runs every minute so that a changed schedule takes effect without a
-// restart; backups register their check here.
-void scheduledBackupCheck(Context&) {}
+// restart.
+void scheduledBackupCheck(Context& ctx) { backup::checkSchedule(ctx, std::time(nullptr)); }
 
 http::ServerOptions serverOptions(const Settings& settings) {
   http::ServerOptions options;

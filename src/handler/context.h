@@ -2,8 +2,10 @@
 // Everything a handler or a command needs beyond its request: the settings, the data directory
 // and the process-wide caches. Built once in main (or per test case) and passed down.
 
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "handler/settings.h"
 #include "store/data_dir.h"
@@ -11,6 +13,13 @@
 #include "store/token_index.h"
 
 namespace quill {
+
+// Backups on the running server: one run at a time, whether started by the schedule or by
+// POST /api/backup, and the local date of the last scheduled start (in memory only).
+struct BackupRuntime {
+  std::atomic<bool> running{false};
+  std::string lastScheduledDate;  // "%Y-%m-%d"; touched only by the schedule check's thread
+};
 
 namespace sso {
 class SsoState;
@@ -25,6 +34,8 @@ struct Context {
   // Per build id: an upload's last check and rename, and a finalize's check, walk and manifest
   // write, never interleave, so a finalized build never differs from its manifest.
   store::KeyedMutex buildLocks;
+  BackupRuntime backups;
+
   // Single sign-on: pending sign-ins, handoff codes and the provider cache (sso/sso_state.h).
   // Created on first use; a test may install its own before the first request.
   std::once_flag ssoOnce;

@@ -1,0 +1,87 @@
+#include "backup/backup_config.h"
+
+#include "backup/backup_texts.h"
+#include "store/documents.h"
+
+namespace quill::backup {
+
+namespace {
+
+std::string member(const Json::Value& doc, const char* name) {
+  const Json::Value& value = doc[name];
+  return value.isString() ? value.asString() : std::string();
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+int twoDigits(std::string_view text) { return (text[0] - '0') * 10 + (text[1] - '0'); }
+
+}  // namespace
+
+fs::path backupConfigPath(const fs::path& dataRoot) { return dataRoot / "backup.json"; }
+fs::path backupStatePath(const fs::path& dataRoot) { return dataRoot / "backup-state.json"; }
+fs::path backupKeyPath(const fs::path& dataRoot) { return dataRoot / "backup.key"; }
+
+rill::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
+  BackupConfig config;
+  config.s3.endpoint = member(doc, "endpoint");
+  config.s3.region = member(doc, "region");
+  if (config.s3.region.empty()) config.s3.region = "auto";
+  config.s3.bucket = member(doc, "bucket");
+  config.s3.accessKey = member(doc, "access_key");
+  config.s3.secretKey = member(doc, "secret_key");
+  if (config.s3.endpoint.empty() || config.s3.bucket.empty() || config.s3.accessKey.empty() ||
+      config.s3.secretKey.empty()) {
+    return rill::Failure{text::kMissingS3};
+  }
+  config.keyFile = member(doc, "key_file");
+  if (config.keyFile.empty()) return rill::Failure{text::kNoKeyFile};
+  config.prefix = member(doc, "prefix");
+  return config;
+}
+
+rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
+  Json::Value doc;
+  if (!store::readJsonFile(configFile, doc)) return rill::Failure{text::kNotConfigured};
+  return configFromDocument(doc);
+}
+
+bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config) {
+  Json::Value doc(Json::objectValue);
+  doc["endpoint"] = config.s3.endpoint;
+  doc["region"] = config.s3.region.empty() ? "auto" : config.s3.region;
+  doc["bucket"] = config.s3.bucket;
+  doc["access_key"] = config.s3.accessKey;
+  doc["secret_key"] = config.s3.secretKey;
+  doc["key_file"] = config.keyFile;
+  if (!config.prefix.empty()) doc["prefix"] = config.prefix;
+  return store::writeJsonFile(configFile, doc);
+}
+
+std::optional<Schedule> readSchedule(const fs::path& configFile) {
+  Json::Value doc;
+  if (!store::readJsonFile(configFile, doc)) return std::nullopt;
+  Schedule schedule;
+  schedule.dailyAt = member(doc, "daily_at");
+  if (doc["keep"].isInt()) schedule.keep = doc["keep"].asInt();
+  return schedule;
+}
+
+bool writeSchedule(const fs::path& configFile, const Schedule& schedule) {
+  Json::Value doc;
+  if (!store::readJsonFile(configFile, doc)) return false;
+  doc["daily_at"] = schedule.dailyAt;
+  doc["keep"] = schedule.keep;
+  return store::writeJsonFile(configFile, doc);
+}
+
+bool isValidDailyAt(std::string_view text) {
+  if (text.empty()) return true;
+  if (text.size() != 5 || text[2] != ':') return false;
+  for (std::size_t i : {0, 1, 3, 4}) {
+    if (!isDigit(text[i])) return false;
+  }
+  return twoDigits(text.substr(0, 2)) < 24 && twoDigits(text.substr(3, 2)) < 60;
+}
+
+}  // namespace quill::backup

@@ -1,0 +1,63 @@
+#pragma once
+// backup.json: where backups go (the bucket, its credential, an optional prefix), which key file
+// seals them, and the daily schedule. Read afresh by every backup operation; written atomically.
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "rill/result.h"
+#include "rill/s3_client.h"
+
+namespace quill::backup {
+
+namespace fs = std::filesystem;
+
+struct BackupConfig {
+  rill::S3Settings s3;  // region "auto" when absent or empty
+  std::string keyFile;  // path of the key file (or, for restore, the key text itself)
+  std::string prefix;   // "" for a bucket of its own
+};
+
+// The daily schedule: "HH:MM" in server local time (empty: off), and the snapshots kept after each
+// run (0 or less: never prune).
+struct Schedule {
+  std::string dailyAt;
+  std::int32_t keep = 0;
+};
+
+// "<data dir>/backup.json", "<data dir>/backup-state.json" and "<data dir>/backup.key".
+fs::path backupConfigPath(const fs::path& dataRoot);
+fs::path backupStatePath(const fs::path& dataRoot);
+fs::path backupKeyPath(const fs::path& dataRoot);
+
+// The settings of a backup.json document, checked in this order: the S3 settings (endpoint, region
+// defaulting to "auto", bucket, access_key, secret_key; "missing endpoint/bucket/access_key/
+// secret_key" when one of the four is empty), then key_file ("backup.json has no key_file"), then
+// prefix (empty when absent). Members of another type read as absent.
+rill::Result<BackupConfig> configFromDocument(const Json::Value& doc);
+
+// configFromDocument of the file; a file that is missing or not a JSON object fails with
+// "backups not configured - run: quillmoord backup init ...".
+rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile);
+
+// Writes endpoint, region, bucket, access_key, secret_key, key_file and, when not empty, prefix.
+// Any schedule stored in the file is dropped. True when the document was replaced whole.
+bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config);
+
+// The schedule of the file (daily_at defaulting to "", keep to 0), or nullopt when there is no
+// readable document.
+std::optional<Schedule> readSchedule(const fs::path& configFile);
+
+// Replaces daily_at and keep in the stored document, keeping its other members. False when the
+// document cannot be read or written.
+bool writeSchedule(const fs::path& configFile, const Schedule& schedule);
+
+// "" (off), or exactly "HH:MM" with digits, hour below 24 and minute below 60.
+bool isValidDailyAt(std::string_view text);
+
+}  // namespace quill::backup

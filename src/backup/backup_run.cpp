@@ -1,0 +1,69 @@
+#include "backup/backup_run.h"
+
+#include "backup/backup_state.h"
+#include "backup/backup_store.h"
+#include "backup/backup_texts.h"
+#include "backup/directory_lock.h"
+
+namespace quill::backup {
+
+namespace {
+
+struct OpenedBackup {
+  BackupConfig config;
+  rill::StorageProviderPtr store;
+};
+
+rill::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener& openStore) {
+  auto config = loadBackupConfig(backupConfigPath(dataDir));
+  if (!config) return rill::Failure{config.error()};
+  auto store = openStoreFor(config.value(), openStore);
+  if (!store) return rill::Failure{store.error()};
+  return OpenedBackup{std::move(config).value(), std::move(store).value()};
+}
+
+}  // namespace
+
+rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
+                                                    const StoreOpener& openStore) {
+  if (openStore) return openStore(config);
+  return openBackupStore(config.s3, config.keyFile, config.prefix);
+}
+
+rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
+                                  const RunHooks& hooks) {
+  auto opened = openBackup(dataDir, hooks.openStore);
+  if (!opened) return rill::Failure{opened.error()};
+
+  auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
+  const std::string snapshot =
+      name.empty() ? snapshotNameAt(std::chrono::system_clock::now()) : name;
+  if (!lock) {
+    writeBackupState(dataDir, snapshot, false, lock.error());
+    return rill::Failure{lock.error()};
+  }
+  rill::StorageProvider& store = *opened.value().store;
+  auto stats = publishSnapshot(store, dataDir, snapshot, hooks.progress);
+  if (!stats) {
+    writeBackupState(dataDir, snapshot, false, stats.error());
+    return rill::Failure{stats.error()};
+  }
+  std::string error;
+  const std::optional<Schedule> schedule = readSchedule(backupConfigPath(dataDir));
+  if (schedule && schedule->keep >= 1) {
+    auto pruned = pruneSnapshots(store, schedule->keep, hooks.onRemoved);
+    if (!pruned) error = text::kPruneFailedAfterBackup + pruned.error();
+  }
+  writeBackupState(dataDir, snapshot, true, error);
+  return RunReport{snapshot, stats.value()};
+}
+
+rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks) {
+  auto opened = openBackup(dataDir, hooks.openStore);
+  if (!opened) return rill::Failure{opened.error()};
+  auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
+  if (!lock) return rill::Failure{lock.error()};
+  return pruneSnapshots(*opened.value().store, keep, hooks.onRemoved);
+}
+
+}  // namespace quill::backup

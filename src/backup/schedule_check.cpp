@@ -1,0 +1,50 @@
+#include "backup/schedule_check.h"
+
+#include <cstdio>
+
+#include "backup/background_run.h"
+#include "backup/backup_config.h"
+
+namespace quill::backup {
+
+namespace {
+
+std::string twoDigits(int value) {
+  return std::string(1, static_cast<char>('0' + value / 10)) + static_cast<char>('0' + value % 10);
+}
+
+void reportScheduledRun(const rill::Result<RunReport>& outcome) {
+  if (outcome) {
+    std::printf("scheduled backup %s done\n", outcome.value().snapshot.c_str());
+  } else {
+    std::fprintf(stderr, "scheduled backup failed: %s\n", outcome.error().c_str());
+  }
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+LocalMinute localMinuteOf(std::time_t when) {
+  std::tm tm{};
+  ::localtime_r(&when, &tm);
+  return {twoDigits(tm.tm_hour) + ":" + twoDigits(tm.tm_min), std::to_string(tm.tm_year + 1900) +
+                                                                  "-" + twoDigits(tm.tm_mon + 1) +
+                                                                  "-" + twoDigits(tm.tm_mday)};
+}
+
+bool isScheduleDue(const std::string& dailyAt, const LocalMinute& now,
+                   const std::string& lastDate) {
+  return !dailyAt.empty() && now.time == dailyAt && now.date != lastDate;
+}
+
+void checkSchedule(Context& ctx, std::time_t now) {
+  const auto schedule = readSchedule(backupConfigPath(ctx.data.root()));
+  if (!schedule || schedule->dailyAt.empty()) return;
+  const LocalMinute minute = localMinuteOf(now);
+  if (!isScheduleDue(schedule->dailyAt, minute, ctx.backups.lastScheduledDate)) return;
+  if (!claimRunningFlag(ctx.backups)) return;
+  ctx.backups.lastScheduledDate = minute.date;
+  startDetachedRun(ctx.backups, ctx.data.root(), "", reportScheduledRun);
+}
+
+}  // namespace quill::backup

@@ -1,0 +1,132 @@
+#include "backup/snapshots.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include "rill/channel_store.h"
+#include "rill/manifest.h"
+#include "rill/pull_source.h"
+#include "store/data_dir.h"
+#include "store/utc_time.h"
+
+namespace quill::backup {
+
+namespace {
+
+constexpr std::string_view kSnapshotPrefix = "snap-";
+constexpr std::size_t kSnapshotNameLength = 20;
+constexpr std::string_view kChannelsPrefix = "channels/";
+constexpr std::string_view kManifestSuffix = "/manifest.json";
+
+}  // namespace
+
+std::string snapshotNameAt(std::chrono::system_clock::time_point when) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
+  std::tm tm{};
+  ::gmtime_r(&seconds, &tm);
+  char name[32];
+  std::strftime(name, sizeof name, "snap-%Y%m%d-%H%M%S", &tm);
+  return name;
+}
+
+bool isSnapshotName(std::string_view name) {
+  return name.size() == kSnapshotNameLength && name.starts_with(kSnapshotPrefix);
+}
+
+rill::Result<RunStats> publishSnapshot(
+    rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
+    const std::function<void(const rill::PublishProgress&)>& progress) {
+  rill::PublishOptions options;
+  options.channel = name;
+  options.build = name;
+  options.created = store::nowUtcText();
+  options.compress = true;
+  options.progress = progress;
+  auto report = rill::publishDirectory(store, dataDir, options);
+  if (!report) return rill::Failure{report.error()};
+  const rill::ScanStats& scan = report.value().manifest.tree.stats;
+  RunStats stats;
+  stats.files = scan.files;
+  stats.chunks = scan.unique_chunks;
+  stats.uploaded = report.value().uploaded;
+  stats.alreadyPresent = stats.chunks - stats.uploaded;
+  stats.bytes = scan.total_bytes;
+  stats.storedBytes = report.value().storedBytes;
+  return stats;
+}
+
+rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
+  std::string error;
+  const auto entries = store.list(std::string(kChannelsPrefix), &error);
+  if (!entries) return rill::Failure{error};
+  std::vector<std::string> names;
+  for (const rill::ObjectEntry& entry : *entries) {
+    const std::string& key = entry.key;
+    if (key.size() < kChannelsPrefix.size() + kManifestSuffix.size() + 1 ||
+        !key.starts_with(kChannelsPrefix) || !key.ends_with(kManifestSuffix)) {
+      continue;
+    }
+    std::string name = key.substr(kChannelsPrefix.size(),
+                                  key.size() - kChannelsPrefix.size() - kManifestSuffix.size());
+    if (isSnapshotName(name)) names.push_back(std::move(name));
+  }
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
+}
+
+rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
+                                                  const std::string& name) {
+  rill::StorePullSource source(store, name);
+  rill::PullOptions options;
+  options.channel = name;
+  return rill::fetchCheckedManifest(source, options);
+}
+
+rill::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
+                                         const std::function<void(const std::string&)>& onRemoved) {
+  PruneResult result;
+  if (keep < 1) return result;
+  auto names = listSnapshots(store);
+  if (!names) return rill::Failure{"list: " + names.error()};
+  const std::size_t count = names.value().size();
+  const std::size_t surplus = count > static_cast<std::size_t>(keep) ? count - keep : 0;
+  for (std::size_t i = 0; i < surplus; ++i) {
+    const std::string& name = names.value()[i];
+    auto deleted = rill::deleteChannelBuild(store, name);
+    if (!deleted) return rill::Failure{"delete " + name + ": " + deleted.error()};
+    ++result.removed;
+    if (onRemoved) onRemoved(name);
+  }
+  result.kept = count - result.removed;
+  auto live = rill::readChannelManifests(store);
+  if (!live) return rill::Failure{"gc: " + live.error()};
+  auto swept = rill::sweepChunks(store, live.value());
+  if (!swept) return rill::Failure{"gc: " + swept.error()};
+  result.sweptChunks = swept.value().removed;
+  result.sweptBytes = swept.value().removedBytes;
+  return result;
+}
+
+rill::Result<RestoreStats> restoreSnapshot(
+    rill::StorageProvider& store, const std::string& name, const fs::path& target,
+    const std::function<void(const rill::PullProgress&)>& progress) {
+  rill::StorePullSource source(store, name);
+  rill::PullOptions options;
+  options.channel = name;
+  options.progress = progress;
+  auto report = rill::pullChannel(source, target, options);
+  if (!report) return rill::Failure{report.error()};
+  std::string error;
+  if (!store::DataDir(target).prepare(error)) return rill::Failure{error};
+  const rill::ScanStats& scan = report.value().manifest.tree.stats;
+  return RestoreStats{scan.files, scan.total_bytes};
+}
+
+bool isMissingOrEmpty(const fs::path& dir) {
+  std::error_code ec;
+  if (!fs::exists(dir, ec)) return !ec;
+  return fs::is_directory(dir, ec) && fs::is_empty(dir, ec) && !ec;
+}
+
+}  // namespace quill::backup

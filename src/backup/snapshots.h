@@ -1,0 +1,86 @@
+#pragma once
+// The snapshot engine over a backup store: a snapshot is a Rill publish of the whole data
+// directory under a channel named after the snapshot. List, prune (with the sweep of chunks no
+// manifest names) and restore work on the same store. None of these take the data directory's
+// lock; the callers in backup_run.h do.
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rill/publish.h"
+#include "rill/pull.h"
+#include "rill/result.h"
+#include "rill/storage_provider.h"
+
+namespace quill::backup {
+
+namespace fs = std::filesystem;
+
+// "snap-" followed by the UTC time, "snap-%Y%m%d-%H%M%S".
+std::string snapshotNameAt(std::chrono::system_clock::time_point when);
+
+// A name beginning with "snap-" and exactly 20 characters long (the digits are not checked).
+bool isSnapshotName(std::string_view name);
+
+struct RunStats {
+  std::uint64_t files = 0;
+  std::uint64_t chunks = 0;          // distinct chunks of the snapshot
+  std::uint64_t alreadyPresent = 0;  // found in the store, not uploaded
+  std::uint64_t uploaded = 0;        // new chunks
+  std::uint64_t bytes = 0;           // total size of the files
+  std::uint64_t storedBytes = 0;     // bytes written for the new chunks, compressed and sealed
+};
+
+// Publishes `dataDir` as channel `name`, compressed, never forced: the publisher's messages
+// ("cannot reach store: ...", "channel '<name>' already published (use --force to overwrite)",
+// "chunk hash mismatch reading <path> (file changed under us?)", ...). The manifest is written
+// last, so a snapshot that lists names only chunks already stored.
+rill::Result<RunStats> publishSnapshot(
+    rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
+    const std::function<void(const rill::PublishProgress&)>& progress = {});
+
+// The snapshot names in the store, oldest first. Other channels are ignored. Fails with the
+// provider's listing reason.
+rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store);
+
+// The manifest of snapshot `name`, as stored and checked.
+rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
+                                                  const std::string& name);
+
+struct PruneResult {
+  std::uint64_t kept = 0;
+  std::uint64_t removed = 0;
+  std::uint64_t sweptChunks = 0;
+  std::uint64_t sweptBytes = 0;
+};
+
+// Keeps the newest `keep` snapshots. With `keep` below 1, succeeds and does nothing. Otherwise
+// deletes the oldest surplus snapshots in ascending order (`onRemoved` after each), then sweeps:
+// reads every manifest under "channels/" (of every channel), and deletes every chunk none of them
+// names. Fails with "list: <reason>", "delete <name>: <reason>" (snapshots deleted before it stay
+// deleted) or "gc: <reason>"; a manifest that cannot be read aborts the sweep before any delete.
+rill::Result<PruneResult> pruneSnapshots(
+    rill::StorageProvider& store, int keep,
+    const std::function<void(const std::string&)>& onRemoved = {});
+
+struct RestoreStats {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+};
+
+// Pulls snapshot `name` into `target` (created when missing), every chunk verified against its
+// hash, then creates the standard record directories a snapshot cannot record when empty. Fails
+// with the pull's text.
+rill::Result<RestoreStats> restoreSnapshot(
+    rill::StorageProvider& store, const std::string& name, const fs::path& target,
+    const std::function<void(const rill::PullProgress&)>& progress = {});
+
+// True when `dir` does not exist or is an empty directory.
+bool isMissingOrEmpty(const fs::path& dir);
+
+}  // namespace quill::backup

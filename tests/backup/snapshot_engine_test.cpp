@@ -1,0 +1,279 @@
+// The snapshot engine and the runs over stores held in memory: what a snapshot holds and restores,
+// what pruning removes and keeps, how outcomes are recorded, and the data directory's lock against
+// a prune that races a run.
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "backup/backup_config.h"
+#include "backup/backup_run.h"
+#include "backup/backup_state.h"
+#include "backup/backup_texts.h"
+#include "backup/snapshots.h"
+#include "backup_test_stores.h"
+#include "rill/encrypted_provider.h"
+#include "rill/encryption_key.h"
+#include "rill/fault_injecting_provider.h"
+#include "rill/memory_provider.h"
+#include "rill/pull.h"
+#include "rill/rill_trees.h"
+#include "store/documents.h"
+#include "support/temp_dir_test_base.h"
+
+namespace quill::backup {
+namespace {
+
+using rill::test::randomBytes;
+using rill::test::treeContent;
+using rill::test::writeFile;
+using Tree = std::map<std::string, std::string>;
+
+constexpr const char* kA = "snap-20260101-000001";
+constexpr const char* kB = "snap-20260101-000002";
+constexpr const char* kC = "snap-20260101-000003";
+
+rill::EncryptionKey keyOf(std::uint8_t fill) {
+  rill::EncryptionKey key;
+  key.fill(fill);
+  return key;
+}
+
+class SnapshotEngineTest : public quill::test::TempDirTest {
+ protected:
+  void SetUp() override {
+    writeFile(data() / "users/alice.json", R"({"name":"alice"})");
+    writeFile(data() / "tokens/t1.json", R"({"user":"alice"})");
+    setBuild(1);
+    ASSERT_TRUE(writeBackupConfig(backupConfigPath(data()),
+                                  {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", ""}));
+  }
+
+  fs::path data() const { return dir() / "data"; }
+  void setBuild(unsigned seed) {
+    writeFile(data() / "builds/b1/app.bin", randomBytes(300000, seed));
+  }
+
+  // The memory store sealed with `key`, with faults injected where asked.
+  std::unique_ptr<rill::FaultInjectingProvider> sealed(std::uint8_t key = 7,
+                                                       std::function<void()> hook = {}) {
+    auto view = std::make_unique<test::StoreView>(memory_, std::move(hook));
+    return std::make_unique<rill::FaultInjectingProvider>(
+        std::make_unique<rill::EncryptedProvider>(keyOf(key), std::move(view)));
+  }
+  RunHooks hooks(std::function<void()> beforeManifestPut = {}) {
+    RunHooks h;
+    h.openStore = [this, beforeManifestPut](const BackupConfig&) {
+      return rill::Result<rill::StorageProviderPtr>(sealed(7, beforeManifestPut));
+    };
+    return h;
+  }
+  rill::Result<RunReport> run(const std::string& name, RunHooks h = {}) {
+    if (!h.openStore) h = hooks();
+    return runBackup(data(), name, h);
+  }
+  rill::Result<RestoreStats> restore(const std::string& name, const fs::path& target,
+                                     std::uint8_t key = 7) {
+    return restoreSnapshot(*sealed(key), name, target);
+  }
+  Tree sourceWithoutState() {
+    Tree tree = treeContent(data());
+    tree.erase("backup-state.json");
+    return tree;
+  }
+  Json::Value state() {
+    Json::Value doc;
+    store::readJsonFile(backupStatePath(data()), doc);
+    return doc;
+  }
+
+  rill::MemoryProvider memory_;
+};
+
+TEST_F(SnapshotEngineTest, RestoreGivesBackEveryFileAndTheStandardDirectories) {
+  const Tree before = treeContent(data());
+  auto first = run(kA);
+  ASSERT_TRUE(first) << first.error();
+  EXPECT_EQ(first.value().stats.files, before.size());
+  EXPECT_EQ(first.value().stats.uploaded, first.value().stats.chunks);
+  EXPECT_EQ(state()["ok"], true);
+  EXPECT_EQ(state()["error"], "");
+  EXPECT_EQ(state()["snapshot"], kA);
+
+  // Unchanged files cost nothing the second time; only the new state record is uploaded.
+  auto second = run(kB);
+  ASSERT_TRUE(second) << second.error();
+  EXPECT_EQ(second.value().stats.alreadyPresent, first.value().stats.chunks);
+  EXPECT_EQ(second.value().stats.uploaded, 1u);
+
+  const fs::path target = dir() / "new" / "restored";
+  auto restored = restore(kA, target);
+  ASSERT_TRUE(restored) << restored.error();
+  EXPECT_EQ(restored.value().files, before.size());
+  EXPECT_EQ(treeContent(target), before);
+  for (const char* standard :
+       {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
+    EXPECT_TRUE(fs::is_directory(target / standard)) << standard;
+  }
+  EXPECT_EQ(restore(kB, dir() / "wrong-key", 8).error(),
+            "channels/" + std::string(kB) +
+                "/manifest.json: decryption failed (wrong key, or the object is corrupt)");
+}
+
+TEST_F(SnapshotEngineTest, PruneKeepsTheNewestAndSweepsOnlyWhatNoManifestNames) {
+  auto store = sealed();
+  // Channels that are not snapshots: never listed, never pruned, their chunks kept.
+  writeFile(dir() / "other/nightly.bin", randomBytes(50000, 99));
+  for (const char* channel : {"nightly", "snap-1"}) {
+    rill::PublishOptions o;
+    o.channel = channel;
+    ASSERT_TRUE(rill::publishDirectory(*store, dir() / "other", o));
+  }
+  for (auto [name, seed] : {std::pair{kA, 1u}, {kB, 2u}, {kC, 3u}}) {
+    setBuild(seed);
+    ASSERT_TRUE(run(name));
+  }
+  EXPECT_EQ(listSnapshots(*store).value(), (std::vector<std::string>{kA, kB, kC}));
+
+  std::vector<std::string> removed;
+  auto pruned = pruneSnapshots(*store, 1, [&](const std::string& n) { removed.push_back(n); });
+  ASSERT_TRUE(pruned) << pruned.error();
+  EXPECT_EQ(removed, (std::vector<std::string>{kA, kB}));
+  EXPECT_EQ(pruned.value().kept, 1u);
+  EXPECT_GE(pruned.value().sweptChunks, 2u);  // the two builds only A and B held
+  EXPECT_GT(pruned.value().sweptBytes, 600000u);
+  EXPECT_EQ(listSnapshots(*store).value(), std::vector<std::string>{kC});
+  EXPECT_EQ(pruneSnapshots(*store, 1).value().sweptChunks, 0u);
+  EXPECT_EQ(pruneSnapshots(*store, 0).value().removed, 0u);
+
+  rill::StorePullSource nightly(*store, "nightly");
+  rill::PullOptions o;
+  o.channel = "nightly";
+  EXPECT_TRUE(rill::pullChannel(nightly, dir() / "nightly", o));
+  EXPECT_TRUE(restore(kC, dir() / "restored"));
+}
+
+TEST_F(SnapshotEngineTest, PruneStopsAtTheFirstFailureAndNeverSweepsOnAPartialPicture) {
+  for (auto name : {kA, kB, kC}) ASSERT_TRUE(run(name));
+  auto store = sealed();
+  store->failNth(rill::FaultInjectingProvider::Operation::kRemove, 1);
+  const std::string error = pruneSnapshots(*store, 1).error();
+  EXPECT_EQ(error.rfind("delete " + std::string(kA) + ": DELETE failed: injected failure", 0), 0u)
+      << error;
+
+  // A manifest that does not read stops the sweep before it deletes anything.
+  memory_.put("channels/broken/manifest.json", "not sealed");
+  const std::size_t objects = memory_.size();
+  EXPECT_EQ(pruneSnapshots(*store, 1).error().rfind("gc: ", 0), 0u);
+  EXPECT_EQ(memory_.size(), objects - 2);  // A and B's manifests went, no chunk did
+}
+
+TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpen) {
+  // Failures before the store opens leave the record alone.
+  EXPECT_EQ(runBackup(data(), kA).error(), rill::kBadKeyMessage);
+  EXPECT_FALSE(fs::exists(backupStatePath(data())));
+  fs::remove(backupConfigPath(data()));
+  EXPECT_EQ(run(kA).error(), text::kNotConfigured);
+  EXPECT_FALSE(fs::exists(backupStatePath(data())));
+  SetUp();
+
+  ASSERT_TRUE(run(kA));
+  const std::string collision =
+      "channel '" + std::string(kA) + "' already published (use --force to overwrite)";
+  EXPECT_EQ(run(kA).error(), collision);
+  EXPECT_EQ(state()["ok"], false);
+  EXPECT_EQ(state()["error"], collision);
+
+  // keep from the schedule prunes after the run; a failed prune still counts as a backup.
+  ASSERT_TRUE(writeSchedule(backupConfigPath(data()), {"", 1}));
+  RunHooks failingList = hooks();
+  failingList.openStore = [this](const BackupConfig&) {
+    auto store = sealed();
+    store->failNth(rill::FaultInjectingProvider::Operation::kList, 2);  // after the publish's
+    return rill::Result<rill::StorageProviderPtr>(std::move(store));
+  };
+  ASSERT_TRUE(run(kB, failingList));
+  EXPECT_EQ(state()["ok"], true);
+  EXPECT_EQ(state()["error"].asString().rfind("backup ok; prune failed: list: injected", 0), 0u);
+  ASSERT_TRUE(run(kC));
+  EXPECT_EQ(listSnapshots(*sealed()).value(), std::vector<std::string>{kC});
+  EXPECT_EQ(state()["error"], "");
+}
+
+// Snapshots A (build 1) and B (build 2) exist; C backs up build 1 again, so it finds every chunk of
+// build 1 present (from A) and uploads none. A prune to one snapshot that runs before C's manifest
+// is written deletes A and, with it, the chunks C is about to name.
+class PruneRaceTest : public SnapshotEngineTest {
+ protected:
+  void SetUp() override {
+    SnapshotEngineTest::SetUp();
+    ASSERT_TRUE(run(kA));
+    setBuild(2);
+    ASSERT_TRUE(run(kB));
+    setBuild(1);
+    expected_ = sourceWithoutState();
+  }
+
+  // Runs C with `racer` started just before C's manifest is written.
+  void runCWhile(std::function<void()> racer) {
+    auto c = run(kC, hooks(std::move(racer)));
+    ASSERT_TRUE(c) << c.error();
+    EXPECT_EQ(c.value().stats.uploaded, 1u);  // the state record; build 1 was found present
+  }
+
+  Tree expected_;
+};
+
+TEST_F(PruneRaceTest, WithoutTheLockAPruneLosesChunksOfTheRunningSnapshot) {
+  runCWhile([this] { ASSERT_TRUE(pruneSnapshots(*sealed(), 1)); });
+  const std::string error = restore(kC, dir() / "restored").error();
+  EXPECT_NE(error.find("-> not found"), std::string::npos) << error;  // a chunk is gone
+}
+
+TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool waiting = false;
+  rill::Result<PruneResult> pruned = rill::Failure{"not run"};
+  std::thread prune;
+  runCWhile([&] {
+    prune = std::thread([&] {
+      RunHooks h = hooks();
+      h.onWait = [&] {
+        std::lock_guard lock(mutex);
+        waiting = true;
+        changed.notify_all();
+      };
+      pruned = pruneBackups(data(), 1, h);
+    });
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return waiting; }));
+  });
+  prune.join();
+  ASSERT_TRUE(pruned) << pruned.error();
+  EXPECT_EQ(pruned.value().removed, 2u);
+  auto restored = restore(kC, dir() / "restored");
+  ASSERT_TRUE(restored) << restored.error();
+  Tree tree = treeContent(dir() / "restored");
+  tree.erase("backup-state.json");
+  EXPECT_EQ(tree, expected_);
+}
+
+TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
+  using namespace std::chrono;
+  EXPECT_EQ(snapshotNameAt(system_clock::time_point(seconds(1788490800))), "snap-20260904-030000");
+  for (auto [name, valid] : {std::pair{"snap-20260904-030000", true},
+                             {"snap-abcdefgh-ijklmn", true},
+                             {"snap-2026090-030000", false},
+                             {"snap-20260904-0300000", false},
+                             {"Snap-20260904-030000", false},
+                             {"nightly", false}}) {
+    EXPECT_EQ(isSnapshotName(name), valid) << name;
+  }
+}
+
+}  // namespace
+}  // namespace quill::backup
