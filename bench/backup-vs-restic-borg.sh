@@ -26,24 +26,6 @@ PIDS=()
 install_cleanup
 cd "$REPO"
 
-make_tree() {
-  [ -f "$tree/.complete" ] && return 0
-  rm -rf "$tree"
-  mkdir -p "$tree/random" "$tree/lib" "$tree/text"
-  for i in 1 2 3 4 5 6 7 8; do head -c 64M /dev/urandom >"$tree/random/blob$i.bin"; done
-  local total=0 limit=$((500 * 1024 * 1024)) size
-  while IFS= read -r f; do
-    size=$(stat -c %s "$f")
-    [ $((total + size)) -gt "$limit" ] && continue
-    cp "$f" "$tree/lib/$(basename "$f")"
-    total=$((total + size))
-  done < <(find /usr/lib -name '*.so*' -type f -size +64k 2>/dev/null | sort)
-  for i in $(seq 0 4095); do
-    seq "$((i * 1000))" "$((i * 1000 + 790))" | sed 's/^/line of text /' >"$tree/text/t$i.txt"
-  done
-  touch "$tree/.complete"
-}
-
 # Runs a step under /usr/bin/time; prints a table row of tool, step, wall, CPU, peak memory and
 # the CPU time the S3 peer spent meanwhile.
 step() {
@@ -77,7 +59,7 @@ same_tree() {
   done < <(find "$1" -type f -print0)
 }
 
-make_tree
+make_bench_tree "$tree"
 data="$WORK/data"
 cp -r "$tree" "$data"
 rm -f "$data/.complete"

@@ -298,3 +298,25 @@ check_command() {
   shift
   if "$@"; then echo "ok    $what"; else echo "FAIL  $what"; FAILED=1; fi
 }
+
+# make_bench_tree <dir>: the 1 GiB tree of the storage and backup benchmarks, made once and kept:
+# 8 x 64 MiB of random bytes, 500 MiB of shared libraries from /usr/lib (files over 64 KiB, in name
+# order) and 16 MiB of small text files (4096 of about 4 KiB).
+make_bench_tree() {
+  local tree=$1
+  [ -f "$tree/.complete" ] && return 0
+  rm -rf "$tree"
+  mkdir -p "$tree/random" "$tree/lib" "$tree/text"
+  for i in 1 2 3 4 5 6 7 8; do head -c 64M /dev/urandom >"$tree/random/blob$i.bin"; done
+  local total=0 limit=$((500 * 1024 * 1024)) size
+  while IFS= read -r f; do
+    size=$(stat -c %s "$f")
+    [ $((total + size)) -gt "$limit" ] && continue
+    cp "$f" "$tree/lib/$(basename "$f")"
+    total=$((total + size))
+  done < <(find /usr/lib -name '*.so*' -type f -size +64k 2>/dev/null | sort)
+  for i in $(seq 0 4095); do
+    seq "$((i * 1000))" "$((i * 1000 + 790))" | sed 's/^/line of text /' >"$tree/text/t$i.txt"
+  done
+  touch "$tree/.complete"
+}

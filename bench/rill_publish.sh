@@ -31,24 +31,6 @@ cmake --build "$build" --target quillmoor-rill rill_compress_baseline >/dev/null
 tool="$build/quillmoor-rill"
 baseline="$build/bench/rill_compress_baseline"
 
-make_tree() {
-  [ -f "$tree/.complete" ] && return 0
-  rm -rf "$tree"
-  mkdir -p "$tree/random" "$tree/lib" "$tree/text"
-  for i in 1 2 3 4 5 6 7 8; do head -c 64M /dev/urandom >"$tree/random/blob$i.bin"; done
-  local total=0 limit=$((500 * 1024 * 1024)) size
-  while IFS= read -r f; do
-    size=$(stat -c %s "$f")
-    [ $((total + size)) -gt "$limit" ] && continue
-    cp "$f" "$tree/lib/$(basename "$f")"
-    total=$((total + size))
-  done < <(find /usr/lib -name '*.so*' -type f -size +64k 2>/dev/null | sort)
-  for i in $(seq 0 4095); do
-    seq "$((i * 1000))" "$((i * 1000 + 790))" | sed 's/^/line of text /' >"$tree/text/t$i.txt"
-  done
-  touch "$tree/.complete"
-}
-
 WORK=$(mktemp -d /tmp/quill-rill-publish.XXXXXX)
 PEER=""
 HOLDERS=()
@@ -96,7 +78,7 @@ run() {
     "$((rss / 1024))" "$(cat "$WORK/out")"
 }
 
-make_tree
+make_bench_tree "$tree"
 echo "tree: $(du -sh --apparent-size "$tree" | cut -f1) in $(find "$tree" -type f | wc -l) files; $(nproc) cores"
 { read -r _ bytes _ packed _ one_core; read -r _ _ memory_wall _ memory_cpu; } < <("$baseline" "$tree")
 echo "reference: one core compresses the distinct chunks ($((bytes / 1048576)) MiB -> $((packed / 1048576)) MiB) at level 12 in $one_core s"

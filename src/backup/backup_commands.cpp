@@ -5,9 +5,9 @@
 #include "backup/backup_run.h"
 #include "backup/backup_store.h"
 #include "backup/backup_texts.h"
-#include "backup/progress_line.h"
 #include "backup/snapshots.h"
 #include "rill/process_init.h"
+#include "rill/progress_line.h"
 #include "store/documents.h"
 
 namespace quill::backup {
@@ -79,11 +79,11 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
 
 int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const fs::path root = ctx.data.root();
-  ProgressLine progress(stderr);
+  rill::ProgressLine progress(stderr);
   RunHooks hooks;
   hooks.onWait = announceWait(err, root);
   hooks.progress = [&progress](const rill::PublishProgress& p) {
-    progress.update(p.chunksDone, p.bytesDone);
+    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone});
   };
   auto report = runBackup(root, "", hooks);
   progress.finish();
@@ -184,10 +184,10 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   rill::initialize();
   auto store = openBackupStore(s3, o.key, prefix);
   if (!store) return fail(err, store.error());
-  ProgressLine progress(stderr);
+  rill::ProgressLine progress(stderr);
   auto restored =
       restoreSnapshot(*store.value(), snapshot, target, [&progress](const rill::PullProgress& p) {
-        progress.update(p.chunksDone, p.bytesDone, p.bytesTotal);
+        progress.update({.bytes = p.bytesDone, .bytesTotal = p.bytesTotal, .chunks = p.chunksDone});
       });
   progress.finish();
   if (!restored) return fail(err, "restore failed: " + restored.error());

@@ -10,10 +10,10 @@
 #include <memory>
 #include <sstream>
 
-#include "progress_line.h"
 #include "rill/http_transport.h"
 #include "rill/manifest_signature.h"
 #include "rill/prefixed_provider.h"
+#include "rill/progress_line.h"
 #include "rill/publish.h"
 #include "rill/pull.h"
 #include "rill/s3_provider.h"
@@ -106,9 +106,9 @@ int runPublish(const ToolOptions& o) {
   options.force = o.force;
   options.compress = o.compress;
   if (!o.signKey.empty()) options.signingKey = signingKeyText(o.signKey);
-  ProgressLine progress(stderr);
+  rill::ProgressLine progress(stderr);
   options.progress = [&progress](const rill::PublishProgress& p) {
-    progress.update(p.bytesDone, p.chunksDone, p.chunksFound);
+    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone, .chunksTotal = p.chunksFound});
   };
   auto report = rill::publishDirectory(*store, o.dir, options);
   progress.finish();
@@ -126,7 +126,7 @@ int runPublish(const ToolOptions& o) {
 }
 
 int runPull(const ToolOptions& o) {
-  ProgressLine progress(stderr);
+  rill::ProgressLine progress(stderr);
   std::unique_ptr<rill::PullSource> source;
   rill::StorageProviderPtr store;
   if (!o.server.empty()) {
@@ -141,7 +141,7 @@ int runPull(const ToolOptions& o) {
   options.channel = o.channel;
   options.verifyKey = o.verifyKey;
   options.progress = [&progress](const rill::PullProgress& p) {
-    progress.update(p.bytesDone, p.chunksDone, p.chunksTotal);
+    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone, .chunksTotal = p.chunksTotal});
   };
   auto report = rill::pullChannel(*source, o.dir, options);
   progress.finish();
