@@ -13,6 +13,8 @@
 # --chunker-params 20,23,22,4095 (Debian's borg 1.2 refuses a maximum above 2^23, so not 2^24).
 # restic cannot use the S3 peer: the peer's signature check refuses the streaming payload signature
 # restic's S3 client sends. The peer's own CPU time and memory are not counted for quillmoord.
+# VIA=front sends quillmoord's requests through the peer's signature-checking front (which hashes
+# every body again and reads each object back after its PUT); the default is s3rver directly.
 set -euo pipefail
 BENCH_NAME=backup-vs-restic-borg
 source "$(dirname "$0")/lib.sh"
@@ -74,7 +76,9 @@ node --openssl-legacy-provider tests/rill-peers/peers.mjs --dir "$WORK/s3" --buc
   <"$WORK/peer-in" >"$WORK/peer-ready" 2>"$WORK/peer.log" &
 peer_pid=$!
 PIDS+=("$peer_pid")
-read -r _ peer_port _ <"$WORK/peer-ready"
+read -r _ front_port direct_port <"$WORK/peer-ready"
+peer_port=$direct_port
+[ "${VIA:-direct}" = front ] && peer_port=$front_port
 "$quill" backup init --endpoint "http://127.0.0.1:$peer_port" --bucket bench --access-key S3RVER \
   --secret-key S3RVER --key "$WORK/quill.key" --data-dir "$data" >/dev/null
 
