@@ -69,10 +69,7 @@ Response submitAccessRequest(const Request& req, Context& ctx) {
 }
 
 Response listAccessRequests(const Request& req, Context& ctx) {
-  auto caller = handler::lookupCaller(req, ctx);
-  if (!caller || store::textOf(*caller, "role") != "admin") {
-    return http::errorResponse(403, handler::kAdminOnly);
-  }
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   Json::Value items(Json::arrayValue);
   for (const auto& [path, record] : store::listJsonDir(ctx.data.accessRequests())) {
     Json::Value item(Json::objectValue);

@@ -126,10 +126,7 @@ Response startBackup(const Request&, Context& ctx) {
 }
 
 Response backupStatus(const Request& req, Context& ctx) {
-  const auto caller = handler::lookupCaller(req, ctx);
-  if (!caller || (*caller)["role"].asString() != "admin") {
-    return http::errorResponse(403, handler::kAdminOnly);
-  }
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   const fs::path root = ctx.data.root();
   Json::Value answer(Json::objectValue);
   answer["schema_version"] = 1;

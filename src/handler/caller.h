@@ -7,6 +7,7 @@
 
 #include "handler/context.h"
 #include "http/request.h"
+#include "http/response.h"
 
 namespace quill::handler {
 
@@ -16,5 +17,10 @@ inline constexpr const char* kAdminOnly = "this operation requires the admin rol
 
 // The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
+
+// For the handlers that check the role themselves (the gate lets some reads through for every
+// role): 401 kMissingToken without a caller, 403 kAdminOnly for one who is not an administrator,
+// nullopt for an administrator.
+std::optional<http::Response> refuseUnlessAdmin(const http::Request& req, Context& ctx);
 
 }  // namespace quill::handler

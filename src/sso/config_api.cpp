@@ -19,17 +19,6 @@ constexpr const char* kJsonRequired = "JSON body required";
 constexpr const char* kProviderFirst = "set the provider first (PUT /api/sso/config)";
 }  // namespace text
 
-// Answers 401/403 unless the caller is an administrator. The gate already refuses writes by
-// others; the reads of configuration and mapping are checked here.
-std::optional<Response> refuseNonAdmin(const Request& req, Context& ctx) {
-  auto caller = handler::lookupCaller(req, ctx);
-  if (!caller) return http::errorResponse(401, handler::kMissingToken);
-  if (store::textOf(*caller, "role") != "admin") {
-    return http::errorResponse(403, handler::kAdminOnly);
-  }
-  return std::nullopt;
-}
-
 Json::Value document() {
   Json::Value doc(Json::objectValue);
   doc["schema_version"] = 1;
@@ -60,7 +49,7 @@ Response ssoStatus(const Request&, Context& ctx) {
 }
 
 Response readConfig(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   Json::Value doc = document();
   auto config = loadSsoConfig(ctx.data);
   doc["configured"] = bool(config);
@@ -74,7 +63,7 @@ Response readConfig(const Request& req, Context& ctx) {
 }
 
 Response putConfig(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   auto config = validateProvider(bodyObject(req), false);
   if (!config) return http::errorResponse(400, config.error());
   config.value().mapping = storedMapping(ctx.data);
@@ -93,7 +82,7 @@ Response putConfig(const Request& req, Context& ctx) {
 }
 
 Response deleteConfig(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   store::removeFile(ssoConfigPath(ctx.data));
   Json::Value doc = document();
   doc["configured"] = false;
@@ -101,7 +90,7 @@ Response deleteConfig(const Request& req, Context& ctx) {
 }
 
 Response testConfig(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   Json::Value body(Json::objectValue);
   if (!req.body.empty()) body = bodyObject(req);
   std::string issuer;
@@ -128,7 +117,7 @@ Response testConfig(const Request& req, Context& ctx) {
 }
 
 Response readMapping(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   auto config = loadSsoConfig(ctx.data);
   Json::Value doc = document();
   doc["configured"] = bool(config);
@@ -137,7 +126,7 @@ Response readMapping(const Request& req, Context& ctx) {
 }
 
 Response putMapping(const Request& req, Context& ctx) {
-  if (auto refusal = refuseNonAdmin(req, ctx)) return *refusal;
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   Json::Value body = bodyObject(req);
   if (!body.isObject()) return http::errorResponse(400, text::kJsonRequired);
   auto config = loadSsoConfig(ctx.data);

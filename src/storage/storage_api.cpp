@@ -44,9 +44,7 @@ Json::Value storageInfo(const rill::S3Settings* settings) {
 }  // namespace
 
 Response readStorage(const Request& req, Context& ctx) {
-  const auto caller = handler::lookupCaller(req, ctx);
-  if (!caller) return http::errorResponse(401, handler::kMissingToken);
-  if ((*caller)["role"].asString() != "admin") return http::errorResponse(403, handler::kAdminOnly);
+  if (auto refusal = handler::refuseUnlessAdmin(req, ctx)) return *refusal;
   const auto settings = readRillSettings(ctx.data);
   return http::jsonResponse(storageInfo(settings ? &settings.value() : nullptr));
 }
