@@ -120,15 +120,11 @@ TEST_F(AccessRequestsApi, SubmitRefusesBadBodiesNamesAndAddressesWritingNothing)
 
 TEST_F(AccessRequestsApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStillCharged) {
   for (int i = 0; i < 50; ++i) {
-    Json::Value record(Json::objectValue);
     const std::string id = "req" + std::to_string(10000 + i);
-    record["schema_version"] = 1;
-    record["id"] = id;
-    record["name"] = "person" + std::to_string(i);
-    record["email"] = "p@example.com";
-    record["message"] = "";
-    record["created_at"] = "2026-01-01T00:00:00Z";
-    writeDoc(requestPath(id), record);
+    writeDoc(requestPath(id), parseJson(R"({"schema_version":1,"id":")" + id +
+                                        R"(","name":"person)" + std::to_string(i) +
+                                        R"(","email":"p@example.com","message":"",)"
+                                        R"("created_at":"2026-01-01T00:00:00Z"})"));
   }
   for (int i = 0; i < 5; ++i) {
     EXPECT_TRUE(isError(submit(body("late", "late@example.com"), "10.0.0.8"), 429,

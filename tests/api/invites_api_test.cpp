@@ -115,12 +115,8 @@ TEST_F(InvitesApi, MintChecksUserThenServiceAccountThenGroupsThenDays) {
        {"0", "3651", "-1", "abc", "", "7x", " 7", "1.5", "99999999999999999999"}) {
     cases.push_back({{{"user", "bob"}, {"days", days}}, 400, badDays});
   }
-  for (const auto& c : cases) {
-    EXPECT_TRUE(isError(mint(c.params), c.status, c.error)) << http::toCompactJson([&] {
-      Json::Value v(Json::objectValue);
-      for (const auto& [k, val] : c.params) v[k] = val;
-      return v;
-    }());
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_TRUE(isError(mint(cases[i].params), cases[i].status, cases[i].error)) << "case " << i;
   }
   EXPECT_EQ(filesIn(data().invites()), 0u);
 }
@@ -290,18 +286,6 @@ TEST_F(InvitesApi, RedeemJoinsGroupsAndAnswersTheEffectiveChannels) {
   EXPECT_FALSE(stored.isMember("display_name"));
   EXPECT_EQ(bodyOf(as(doc["token"].asString(), Req("GET", "/api/me")))["channels"],
             doc["channels"]);
-}
-
-TEST_F(InvitesApi, RedeemIsChargedToTheCredentialBudgetWhetherItSucceedsOrNot) {
-  const std::string code = inviteCode("gina");
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_TRUE(isError(send(Req("POST", "/api/invites/redeem").q("code", "nope").from("10.0.0.5")),
-                        404, kUsed));
-  }
-  auto res = send(Req("POST", "/api/invites/redeem").q("code", code).from("10.0.0.5"));
-  EXPECT_EQ(res.status, 429u);
-  EXPECT_TRUE(fs::exists(invitePath(code)));
-  EXPECT_TRUE(isOk(redeem(code))) << "another address still has its budget";
 }
 
 }  // namespace

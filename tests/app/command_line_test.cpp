@@ -12,7 +12,7 @@ TEST(CommandLine, OptionsAndWordsMixInAnyOrder) {
   ASSERT_EQ(parse({"user",         "--role",    "admin",        "create", "--data-dir", "/d",
                    "alice",        "--service", "--claimpin",   "-1234",  "--days",     "-3",
                    "--access-key", "k",         "--secret-key", "s",      "--keep",     "7",
-                   "--port",       "9090"},
+                   "--port",       "9090",      "--rate-limit", "OFF"},
                   s),
             ParseOutcome::Proceed);
   EXPECT_EQ(s.words, (std::vector<std::string>{"user", "create", "alice"}));
@@ -25,6 +25,9 @@ TEST(CommandLine, OptionsAndWordsMixInAnyOrder) {
   EXPECT_EQ(s.backup.accessKey + s.backup.secretKey, "ks");
   EXPECT_EQ(s.keep, 7);
   EXPECT_EQ(s.port, 9090);
+  EXPECT_TRUE(s.rateLimit) << "only the exact word off turns rate limiting off";
+  parse({"--rate-limit", "off"}, s);
+  EXPECT_FALSE(s.rateLimit);
 }
 
 TEST(CommandLine, VersionAndDumpRoutesActWhenMet) {
@@ -54,14 +57,6 @@ TEST(CommandLine, UsageErrors) {
     Settings s;
     EXPECT_EQ(parse(args, s), ParseOutcome::Usage) << args.front();
   }
-}
-
-TEST(CommandLine, RateLimitOnlyOffTurnsItOff) {
-  Settings s;
-  parse({"--rate-limit", "OFF"}, s);
-  EXPECT_TRUE(s.rateLimit);
-  parse({"--rate-limit", "off"}, s);
-  EXPECT_FALSE(s.rateLimit);
 }
 
 }  // namespace

@@ -29,20 +29,6 @@ class BuildStoreTest : public test::TempDirTest {
   store::DataDir data_{dir() / "data"};
 };
 
-TEST_F(BuildStoreTest, OnlyAStoredTrueDisables) {
-  const BuildPaths build = buildPaths(data_, "b1");
-  EXPECT_FALSE(isDisabled(build));
-  write(build.state, R"({"schema_version":1,"disabled":true})");
-  EXPECT_TRUE(isDisabled(build));
-  write(build.state, R"({"schema_version":1,"disabled":false})");
-  EXPECT_FALSE(isDisabled(build));
-  write(build.state, R"({"schema_version":1,"disabled":tr)");
-  EXPECT_FALSE(isDisabled(build));
-  fs::remove(build.state);
-  fs::create_directories(build.state);
-  EXPECT_FALSE(isDisabled(build));
-}
-
 TEST_F(BuildStoreTest, UploadsAreStagedOnTheFileSystemOfTheirBuild) {
   EXPECT_EQ(uploadStaging(data_, "new"), data_.builds() / "~incoming");
   fs::create_directories(buildPaths(data_, "here").dir);
