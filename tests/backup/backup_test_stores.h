@@ -42,11 +42,4 @@ class StoreView final : public rill::StorageProvider {
   std::function<void()> beforeManifestPut_;  // called once
 };
 
-// A store opener for runBackup and pruneBackups that hands out views of `store`.
-inline auto viewsOf(rill::StorageProvider& store, std::function<void()> beforeManifestPut = {}) {
-  return [&store, beforeManifestPut](const auto&) -> rill::Result<rill::StorageProviderPtr> {
-    return rill::StorageProviderPtr(std::make_unique<StoreView>(store, beforeManifestPut));
-  };
-}
-
 }  // namespace quill::backup::test

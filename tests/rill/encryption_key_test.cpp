@@ -47,23 +47,14 @@ TEST_F(EncryptionKeyTest, RefusesAnythingElseWithoutQuotingIt) {
 }
 
 TEST_F(EncryptionKeyTest, ReadsAFileFirstThenTheArgumentItself) {
-  auto fromFile = resolveEncryptionKey(writeFile(kHex + "\n"));
-  ASSERT_TRUE(fromFile);
-  EXPECT_EQ(fromFile.value(), expectedKey());
-
-  auto fromText = resolveEncryptionKey(kHex);
-  ASSERT_TRUE(fromText);
-  EXPECT_EQ(fromText.value(), expectedKey());
-
+  EXPECT_EQ(resolveEncryptionKey(writeFile(kHex + "\n")).value(), expectedKey());
+  EXPECT_EQ(resolveEncryptionKey(kHex).value(), expectedKey());
   EXPECT_FALSE(resolveEncryptionKey(writeFile(kHex.substr(1) + "\n")));
   EXPECT_FALSE(resolveEncryptionKey(writeFile(kHex + std::string(5000, ' ') + "x")));
   EXPECT_FALSE(resolveEncryptionKey((dir() / "no-such-file").string()));
-}
 
-TEST_F(EncryptionKeyTest, AnArgumentNamingAFileIsReadAsAFile) {
-  const auto other = "ff" + kHex.substr(2);
-  const auto path = dir() / kHex;
-  std::ofstream(path, std::ios::binary) << other;
+  // An argument that is itself a key but also names a file is read as a file.
+  std::ofstream(dir() / kHex, std::ios::binary) << "ff" + kHex.substr(2);
   const auto cwd = std::filesystem::current_path();
   std::filesystem::current_path(dir());
   auto key = resolveEncryptionKey(kHex);

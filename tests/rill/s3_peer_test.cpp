@@ -26,7 +26,7 @@ class S3PeerTest : public ::testing::Test {
 
   // Downloads `url` with the curl program, as a client given a presigned link would.
   static quill::test::ProcessResult curlGet(const std::string& url) {
-    return quill::test::runProcess(test::findOnPath("curl").string(), {"-sS", "-f", url});
+    return quill::test::runProcess(quill::test::programOnPath("curl").string(), {"-sS", "-f", url});
   }
 };
 
@@ -74,7 +74,8 @@ TEST_F(S3PeerTest, BodyNotMatchingItsSignedHashIsRefused) {
 }
 
 TEST_F(S3PeerTest, PresignedUrlDownloadsWithPlainCurlAndOnlyAsSigned) {
-  if (test::findOnPath("curl").empty()) GTEST_SKIP() << "the curl program is not installed";
+  if (quill::test::programOnPath("curl").empty())
+    GTEST_SKIP() << "the curl program is not installed";
   const S3Client s3 = client();
   ASSERT_EQ(s3.put("shared/file name.txt", "presigned content").status, 200);
   ASSERT_EQ(s3.put("shared/other.txt", "other").status, 200);
@@ -106,10 +107,6 @@ TEST_F(S3PeerTest, ProviderReportsFailuresWithMethodKeyStatusAndBody) {
   EXPECT_FALSE(provider.get("missing/object", body, &error));
   EXPECT_TRUE(error.starts_with("GET missing/object -> HTTP 404 ")) << error;
   EXPECT_NE(error.find("NoSuchKey"), std::string::npos);
-
-  const auto absent = provider.exists("missing/object", &error);
-  ASSERT_TRUE(absent);
-  EXPECT_FALSE(absent->present);
 }
 
 TEST(S3Transport, UnreachableEndpointIsACurlError) {

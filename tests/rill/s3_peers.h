@@ -13,11 +13,6 @@
 
 namespace quill::rill::test {
 
-// A program on PATH, or an empty path.
-inline std::filesystem::path findOnPath(const std::string& name) {
-  return quill::test::programOnPath(name);
-}
-
 inline const std::string kPeerBucket = "quill-test";
 inline const std::string kPeerAccessKey = "S3RVER";
 inline const std::string kPeerSecretKey = "S3RVER";
@@ -47,7 +42,7 @@ class S3Peers {
 
  private:
   S3Peers() {
-    if (findOnPath("node").empty()) {
+    if (quill::test::programOnPath("node").empty()) {
       skipReason_ = "node is not installed; the S3 tests need it (scripts/install-deps.sh)";
       return;
     }
