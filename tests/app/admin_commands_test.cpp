@@ -300,7 +300,6 @@ TEST_F(AdminCommandsTest, TokenCreateHashesTheSecretAndDeleteRevokesAtOnce) {
             "Token 'laptop' deleted - access revoked immediately.\n");
   EXPECT_FALSE(store::resolveToken(data(), laptop).has_value());
   EXPECT_TRUE(fs::exists(store::DataDir::recordPath(data().users(), "ship")));
-  EXPECT_EQ(run({"token", "delete", "laptop"}).err, "no token named 'laptop'\n");
 }
 
 class InviteCommandTest : public AdminCommandsTest {

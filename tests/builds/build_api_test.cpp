@@ -264,16 +264,6 @@ TEST_F(BuildApiTest, ReadAnnotatesTheManifestWithTheChannelsPointingAtIt) {
   EXPECT_EQ(bodyOf(listBuilds())["builds"].size(), 2u);
 }
 
-TEST_F(BuildApiTest, OpenOrDamagedBuildsAreNotFoundYetTheirFilesDownload) {
-  ASSERT_TRUE(isOk(upload("open", "dir/a.txt", "still uploading")));
-  EXPECT_TRUE(isError(readBuild("open"), 404, kNotFound));
-  EXPECT_EQ(fileBody(download("open", "dir/a.txt")), "still uploading");
-  EXPECT_EQ(bodyOf(listBuilds())["builds"].size(), 0u);
-  makeBuild("damaged");
-  writeText(buildDir("damaged") / "manifest.json", "{ not json");
-  EXPECT_TRUE(isError(readBuild("damaged"), 404, kNotFound));
-}
-
 TEST_F(BuildApiTest, DownloadStreamsTheFileNamedAsAnAttachment) {
   ASSERT_TRUE(isOk(upload("b1", "docs/read me.TXT", "text")));
   EXPECT_TRUE(isError(asAdmin(Req("GET", "/api/builds/b1/files")), 400, kBadPath));
@@ -347,14 +337,18 @@ TEST_F(BuildApiTest, DeleteRefusesWhileOnChannelsNamingThemInOrder) {
   EXPECT_EQ(readDoc(channelPath("nightly"))["build"], "b2");
 }
 
-TEST_F(BuildApiTest, ListingSummarisesFinalizedBuildsInByteOrder) {
+TEST_F(BuildApiTest, ListingSummarisesOnlyFinalizedBuildsInByteOrder) {
   fs::remove_all(data().builds());
   EXPECT_EQ(listBuilds().body, R"({"builds":[],"schema_version":1})");
 
   for (const char* id : {"b", "B", "a.1", "a-1"}) makeBuild(id, {{"f.bin", "12345"}});
-  ASSERT_TRUE(isOk(upload("open", "a.txt", "a")));
+  ASSERT_TRUE(isOk(upload("open", "dir/a.txt", "still uploading")));
   writeText(data().builds() / "stray.json", R"({"created_at":"x"})");
   writeText(buildDir("damaged") / "manifest.json", "[");
+  // Open or damaged builds are not found, yet an open one's files download.
+  EXPECT_TRUE(isError(readBuild("open"), 404, kNotFound));
+  EXPECT_TRUE(isError(readBuild("damaged"), 404, kNotFound));
+  EXPECT_EQ(fileBody(download("open", "dir/a.txt")), "still uploading");
   // Directory names are not checked against the id rule, and the figures are copied as stored.
   writeText(buildDir("not an id") / "manifest.json",
             R"({"schema_version":1,"build":"not an id","created_at":"2020-02-02T02:02:02Z",)"
