@@ -2,39 +2,27 @@
 // HTTP, refusals answered before an upload's body is sent, and uploads that break off or race.
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <random>
+#include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace quill::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-const std::string kBinary = QUILL_BINARY;
-
-Json::Value parseJson(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) << text;
-  return v;
-}
 
 // Every byte outside the unreserved set percent-encoded, "/" included.
 std::string percentEncode(const std::string& text) {
@@ -50,26 +38,6 @@ std::string percentEncode(const std::string& text) {
     }
   }
   return out;
-}
-
-std::string randomBytes(std::size_t size, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string bytes(size, '\0');
-  for (auto& b : bytes) b = static_cast<char>(gen() & 0xFF);
-  return bytes;
-}
-
-// An admin with a token, made by the offline commands; returns the token.
-std::string offlineAdminToken(const std::string& dataDir) {
-  EXPECT_EQ(runProcess(kBinary, {"user", "create", "ci", "--role", "admin", "--data-dir", dataDir})
-                .exitCode,
-            0);
-  auto minted =
-      runProcess(kBinary, {"token", "create", "ci", "--user", "ci", "--data-dir", dataDir});
-  std::smatch m;
-  EXPECT_TRUE(std::regex_search(minted.out, m, std::regex("\n  ([A-Za-z0-9]{48})\n")))
-      << minted.err;
-  return m.empty() ? "" : m.str(1);
 }
 
 // Waits (bounded, 20 s) until `condition` holds.
@@ -103,29 +71,27 @@ bool holdsBytes(const fs::path& dir) {
 class BuildsE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    tmp = new TempDir;
-    dataDir = new std::string((tmp->path() / "data").string());
-    adminToken = new std::string(offlineAdminToken(*dataDir));
-    server = new ServerProcess(kBinary, {"--data-dir", *dataDir});
+    tmp = std::make_unique<TempDir>();
+    dataDir = (tmp->path() / "data").string();
+    adminToken = offlineAdminToken(dataDir);
+    server = std::make_unique<ServerProcess>(kBinary, std::vector<std::string>{"--data-dir", dataDir});
     ASSERT_TRUE(server->waitUntilListening());
   }
   static void TearDownTestSuite() {
-    delete server;
-    delete adminToken;
-    delete dataDir;
-    delete tmp;
+    server.reset();
+    tmp.reset();
   }
 
   Fetched asAdmin(const std::string& method, const std::string& path,
                   const std::string& body = "") {
-    return client.fetch(method, server->url(path), body, {"Authorization: Bearer " + *adminToken});
+    return client.fetch(method, server->url(path), body, bearer(adminToken));
   }
   Fetched upload(const std::string& build, const std::string& path, const std::string& body) {
     return asAdmin("PUT", "/api/builds/" + build + "/files?path=" + percentEncode(path), body);
   }
-  fs::path buildDir(const std::string& id) const { return fs::path(*dataDir) / "builds" / id; }
+  fs::path buildDir(const std::string& id) const { return fs::path(dataDir) / "builds" / id; }
   // Where upload bodies are streamed while they arrive.
-  fs::path incoming() const { return fs::path(*dataDir) / "builds" / "~incoming"; }
+  fs::path incoming() const { return fs::path(dataDir) / "builds" / "~incoming"; }
 
   // The head of a PUT that announces `length` body bytes.
   static std::string uploadHead(const std::string& target, std::uint64_t length, bool expect,
@@ -137,16 +103,11 @@ class BuildsE2E : public ::testing::Test {
     return head + "\r\n";
   }
 
-  static TempDir* tmp;
-  static std::string* dataDir;
-  static std::string* adminToken;
-  static ServerProcess* server;
+  static inline std::unique_ptr<TempDir> tmp;
+  static inline std::string dataDir, adminToken;
+  static inline std::unique_ptr<ServerProcess> server;
   Client client;
 };
-TempDir* BuildsE2E::tmp = nullptr;
-std::string* BuildsE2E::dataDir = nullptr;
-std::string* BuildsE2E::adminToken = nullptr;
-ServerProcess* BuildsE2E::server = nullptr;
 
 TEST_F(BuildsE2E, CiSessionPublishesABuildThatAnonymousClientsDownload) {
   const std::vector<std::pair<std::string, std::string>> files = {
@@ -212,11 +173,11 @@ TEST_F(BuildsE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
     std::string answer;
   };
   const std::vector<Case> cases = {
-      {"/api/builds/sealed/files?path=a.bin", *adminToken, "HTTP/1.1 409 Conflict\r\n",
+      {"/api/builds/sealed/files?path=a.bin", adminToken, "HTTP/1.1 409 Conflict\r\n",
        R"({"error":"build is finalized and immutable"})"},
-      {"/api/builds/open-1/files?path=..%2Fx", *adminToken, "HTTP/1.1 400 Bad Request\r\n",
+      {"/api/builds/open-1/files?path=..%2Fx", adminToken, "HTTP/1.1 400 Bad Request\r\n",
        R"({"error":"missing or invalid ?path= parameter"})"},
-      {"/api/builds/bad%20id/files?path=x", *adminToken, "HTTP/1.1 400 Bad Request\r\n",
+      {"/api/builds/bad%20id/files?path=x", adminToken, "HTTP/1.1 400 Bad Request\r\n",
        R"({"error":"invalid build id"})"},
       {"/api/builds/open-1/files?path=x", "", "HTTP/1.1 401 Unauthorized\r\n",
        R"({"error":"missing or invalid token"})"},
@@ -242,7 +203,7 @@ TEST_F(BuildsE2E, AnAcceptableUploadIsInvitedToSendItsBody) {
   ASSERT_TRUE(raw.connected());
   const std::string body = randomBytes(300000, 3);
   ASSERT_TRUE(
-      raw.send(uploadHead("/api/builds/invited/files?path=x.bin", body.size(), true, *adminToken)));
+      raw.send(uploadHead("/api/builds/invited/files?path=x.bin", body.size(), true, adminToken)));
   const std::string interim = raw.readUntil("\r\n\r\n", std::chrono::seconds(20));
   EXPECT_EQ(interim, "HTTP/1.1 100 Continue\r\n\r\n");
   ASSERT_TRUE(raw.send(body));
@@ -281,7 +242,7 @@ TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
       RawConnection raw(server->port());
       ASSERT_TRUE(raw.connected());
       ASSERT_TRUE(raw.send(
-          uploadHead(std::string("/api/builds/") + target, 10 * 1000 * 1000, false, *adminToken)));
+          uploadHead(std::string("/api/builds/") + target, 10 * 1000 * 1000, false, adminToken)));
       ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 12)));
       ASSERT_TRUE(eventually([&] { return holdsBytes(incoming()); })) << "the body is being stored";
     }  // the connection closes here, 9 MB short
@@ -312,7 +273,7 @@ TEST_F(BuildsE2E, ConcurrentUploadsOfOnePathEachLandWhole) {
     auto put = [&](int which, const std::string& body) {
       Client own;
       statuses[which] = own.fetch("PUT", server->url("/api/builds/race/files?path=data%2Fblob.bin"),
-                                  body, {"Authorization: Bearer " + *adminToken})
+                                  body, bearer(adminToken))
                             .status;
     };
     std::thread a(put, 0, std::cref(first));
@@ -346,7 +307,7 @@ TEST(BuildsOnAnotherVolume, UploadsLandAndDownload) {
   fs::create_directory_symlink(tmp.path() / "away", volume.path() / "builds" / "linked");
 
   Client client;
-  const std::vector<std::string> auth = {"Authorization: Bearer " + token};
+  const std::vector<std::string> auth = bearer(token);
   const std::string body = randomBytes(300000, 5);
   for (const char* build : {"onvolume", "linked"}) {
     const std::string files = std::string("/api/builds/") + build + "/files?path=dir%2Fa.bin";

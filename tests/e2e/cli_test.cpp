@@ -5,12 +5,11 @@
 #include <fstream>
 #include <sstream>
 
+#include "e2e/e2e_support.h"
 #include "support/process.h"
 
 namespace quill::test {
 namespace {
-
-const std::string kBinary = QUILL_BINARY;
 
 const std::string kUsage =
     "Usage: quillmoord [--port <port>] [--bind <address>] [--data-dir <path>] [--rill-only] "

@@ -2,34 +2,18 @@
 // the first-admin claim, and a member onboarded by invite.
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace quill::test {
 namespace {
-
-const std::string kBinary = QUILL_BINARY;
-
-Json::Value parseJson(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) << text;
-  return v;
-}
-
-std::vector<std::string> bearer(const std::string& token) {
-  return {"Authorization: Bearer " + token};
-}
 
 // The secret an offline command printed (token or invite code); the command must have succeeded
 // with nothing on standard error.
@@ -171,11 +155,8 @@ TEST(Onboarding, AMemberInvitedWithGroupsGetsTheirChannels) {
   EXPECT_EQ(doc["token_name"].asString(), "carol-CarolsPC");
   EXPECT_EQ(doc["user"].asString(), "carol");
   EXPECT_EQ(doc["role"].asString(), "member");
-  EXPECT_EQ(doc["groups"].size(), 1u);
-  EXPECT_EQ(doc["groups"][0].asString(), "testers");
-  ASSERT_EQ(doc["channels"].size(), 2u);
-  EXPECT_EQ(doc["channels"][0].asString(), "stable");
-  EXPECT_EQ(doc["channels"][1].asString(), "beta");
+  EXPECT_EQ(doc["groups"], parseJson(R"(["testers"])"));
+  EXPECT_EQ(doc["channels"], parseJson(R"(["stable","beta"])"));
 
   auto me = client.fetch("GET", server.url("/api/me"), "", bearer(doc["token"].asString()));
   EXPECT_EQ(me.status, 200);

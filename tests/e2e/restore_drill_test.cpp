@@ -3,39 +3,21 @@
 // started there accepts the old token and serves the builds byte for byte.
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <chrono>
 #include <memory>
-#include <random>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "rill/s3_peers.h"
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace quill::test {
 namespace {
-
-const std::string kBinary = QUILL_BINARY;
-
-Json::Value parse(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr);
-  return v;
-}
-
-std::string noise(std::size_t size) {
-  std::mt19937 gen(42);
-  std::string bytes(size, '\0');
-  for (auto& b : bytes) b = static_cast<char>(gen());
-  return bytes;
-}
 
 class Session {
  public:
@@ -68,7 +50,7 @@ TEST(RestoreDrill, ARestoredServerAcceptsTheOldTokensAndServesTheSameBuilds) {
   std::smatch m;
   ASSERT_TRUE(std::regex_search(minted.out, m, std::regex("\n  ([A-Za-z0-9]{48})\n")));
   const std::string token = m.str(1);
-  const std::string app = noise(3 << 20);
+  const std::string app = randomBytes(3 << 20, 42);
 
   std::string key;
   std::string snapshot;
@@ -85,14 +67,14 @@ TEST(RestoreDrill, ARestoredServerAcceptsTheOldTokensAndServesTheSameBuilds) {
                              s3.bucket + R"(","access_key":")" + s3.accessKey +
                              R"(","secret_key":")" + s3.secretKey + R"("})");
     ASSERT_EQ(init.status, 200) << init.body;
-    key = parse(init.body)["key"].asString();
+    key = parseJson(init.body)["key"].asString();
     auto started = old.call("POST", "/api/backup");
     ASSERT_EQ(started.status, 202) << started.body;
-    snapshot = parse(started.body)["snapshot"].asString();
+    snapshot = parseJson(started.body)["snapshot"].asString();
     Json::Value last;
     for (int i = 0; i < 200 && last["snapshot"].asString() != snapshot; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      last = parse(old.call("GET", "/api/backups").body)["last"];
+      last = parseJson(old.call("GET", "/api/backups").body)["last"];
     }
     ASSERT_EQ(last["ok"], true) << last["error"].asString();
   }
@@ -110,11 +92,11 @@ TEST(RestoreDrill, ARestoredServerAcceptsTheOldTokensAndServesTheSameBuilds) {
 
   Session fresh(restoredDir, token);
   ASSERT_TRUE(fresh.up());
-  EXPECT_EQ(parse(fresh.call("GET", "/api/me").body)["name"], "ops");
+  EXPECT_EQ(parseJson(fresh.call("GET", "/api/me").body)["name"], "ops");
   auto download = fresh.call("GET", "/api/builds/b1/files?path=bin%2Fapp.bin");
   EXPECT_EQ(download.status, 200);
   EXPECT_TRUE(download.body == app) << "the build differs after the restore";
-  EXPECT_EQ(parse(fresh.call("GET", "/api/channels/stable").body)["build"], "b1");
+  EXPECT_EQ(parseJson(fresh.call("GET", "/api/channels/stable").body)["build"], "b1");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "rill/rill_trees.h"
 #include "rill/s3_client.h"
 #include "rill/s3_peers.h"
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -22,17 +23,7 @@ namespace fs = std::filesystem;
 using rill::test::S3Peers;
 using rill::test::treeContent;
 
-const std::string kServer = QUILL_BINARY;
 const std::string kTool = QUILL_RILL_TOOL;
-
-std::string offlineAdminToken(const std::string& dataDir) {
-  runProcess(kServer, {"user", "create", "ci", "--role", "admin", "--data-dir", dataDir});
-  auto minted =
-      runProcess(kServer, {"token", "create", "ci", "--user", "ci", "--data-dir", dataDir});
-  std::smatch m;
-  EXPECT_TRUE(std::regex_search(minted.out, m, std::regex("\n  ([A-Za-z0-9]{48})\n")));
-  return m.empty() ? "" : m.str(1);
-}
 
 class RillRoadE2E : public ::testing::Test {
  protected:
@@ -41,7 +32,7 @@ class RillRoadE2E : public ::testing::Test {
     data_ = (tmp_.path() / "data").string();
     token_ = offlineAdminToken(data_);
     server_ =
-        std::make_unique<ServerProcess>(kServer, std::vector<std::string>{"--data-dir", data_});
+        std::make_unique<ServerProcess>(kBinary, std::vector<std::string>{"--data-dir", data_});
     ASSERT_TRUE(server_->waitUntilListening());
   }
 
@@ -68,7 +59,7 @@ class RillRoadE2E : public ::testing::Test {
 
   Fetched asAdmin(const std::string& method, const std::string& path,
                   const std::string& body = "") {
-    return client_.fetch(method, server_->url(path), body, {"Authorization: Bearer " + token_});
+    return client_.fetch(method, server_->url(path), body, bearer(token_));
   }
 
   TempDir tmp_;

@@ -1,23 +1,20 @@
 // The real binary serving on 127.0.0.1: start-up, the service routes and the error shape.
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace quill::test {
 namespace {
-
-const std::string kBinary = QUILL_BINARY;
 
 std::string hint(const std::string& dir) {
   return "\n  No tokens exist yet - every request will be rejected with 401.\n"
@@ -42,14 +39,6 @@ std::string waitForOutput(const ServerProcess& server, std::size_t bytes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return out;
-}
-
-Json::Value parseJson(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) << text;
-  return v;
 }
 
 TEST(Server, FreshDataDirectoryGetsItsLayoutBannerAndHint) {
@@ -89,20 +78,19 @@ TEST(Server, DefaultDataDirectoryFollowsLocalAppData) {
 class ServiceRoutes : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    tmp = new TempDir;
-    server = new ServerProcess(kBinary, {"--data-dir", tmp->path().string()});
+    tmp = std::make_unique<TempDir>();
+    server = std::make_unique<ServerProcess>(
+        kBinary, std::vector<std::string>{"--data-dir", tmp->path().string()});
     ASSERT_TRUE(server->waitUntilListening());
   }
   static void TearDownTestSuite() {
-    delete server;
-    delete tmp;
+    server.reset();
+    tmp.reset();
   }
-  static TempDir* tmp;
-  static ServerProcess* server;
+  static inline std::unique_ptr<TempDir> tmp;
+  static inline std::unique_ptr<ServerProcess> server;
   Client client;
 };
-TempDir* ServiceRoutes::tmp = nullptr;
-ServerProcess* ServiceRoutes::server = nullptr;
 
 TEST_F(ServiceRoutes, ServeTheirDocumentsWithTheirContentTypes) {
   std::ifstream in(QUILL_SOURCE_DIR "/src/app/resources/openapi.yaml", std::ios::binary);

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 #include <netinet/in.h>
@@ -17,9 +16,9 @@
 #include <fstream>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <thread>
 
+#include "e2e/e2e_support.h"
 #include "support/http_client.h"
 #include "support/node_peer.h"
 #include "support/process.h"
@@ -28,17 +27,8 @@
 namespace quill::test {
 namespace {
 
-const std::string kBinary = QUILL_BINARY;
 const std::filesystem::path kPeers =
     std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "sso-peers";
-
-Json::Value parseJson(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) << text;
-  return v;
-}
 
 // The desktop client's listener: accepts one request on a loopback port and keeps its target.
 class ClientListener {
@@ -162,14 +152,8 @@ class SsoEndToEnd : public ::testing::Test {
                                            std::vector<std::string>{"--accounts", accounts()});
     ASSERT_EQ(provider_->failure(), "") << "run scripts/install-deps.sh";
     const std::string dir = data_.path().string();
-    ASSERT_EQ(runProcess(kBinary, {"user", "create", "admin", "--role", "admin", "--data-dir", dir})
-                  .exitCode,
-              0);
-    auto minted =
-        runProcess(kBinary, {"token", "create", "ops", "--user", "admin", "--data-dir", dir});
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(minted.out, m, std::regex("([A-Za-z0-9]{48})"))) << minted.err;
-    admin_ = m[1];
+    admin_ = offlineAdminToken(dir);
+    ASSERT_FALSE(admin_.empty());
     server_ = std::make_unique<ServerProcess>(kBinary, std::vector<std::string>{"--data-dir", dir});
     ASSERT_TRUE(server_->waitUntilListening());
   }
@@ -178,7 +162,7 @@ class SsoEndToEnd : public ::testing::Test {
   void writeAccounts(const std::string& json) const { std::ofstream(accounts()) << json; }
 
   Fetched admin(const std::string& method, const std::string& path, const std::string& body = "") {
-    return http_.fetch(method, server_->url(path), body, {"Authorization: Bearer " + admin_});
+    return http_.fetch(method, server_->url(path), body, bearer(admin_));
   }
 
   void configure(const std::string& clientId) {
@@ -236,8 +220,7 @@ TEST_F(SsoEndToEnd, TheClientSignsInAndMappedRolesAndGroupsFollowTheProvider) {
   Json::Value answer = clientSignIn(browser);
   EXPECT_EQ(answer["user"], "ann.lee");
   EXPECT_EQ(answer["role"], "publisher");
-  auto me = http_.fetch("GET", server_->url("/api/me"), "",
-                        {"Authorization: Bearer " + answer["token"].asString()});
+  auto me = http_.fetch("GET", server_->url("/api/me"), "", bearer(answer["token"].asString()));
   ASSERT_EQ(me.status, 200) << me.body;
   EXPECT_EQ(parseJson(me.body)["name"], "ann.lee");
   EXPECT_EQ(parseJson(me.body)["groups"][0], "qa");

@@ -170,10 +170,9 @@ TEST_F(SsoApi, ConfigIsSavedAfterDiscoveryAndNeverShowsTheSecret) {
 
   // Read by members: refused; the status stays public.
   const std::string member = seedUser("mia", "member");
-  EXPECT_TRUE(isError(as(member, Req("GET", "/api/sso/config")), 403,
-                      "this operation requires the admin role"));
-  EXPECT_TRUE(isError(as(member, Req("GET", "/api/sso/mapping")), 403,
-                      "this operation requires the admin role"));
+  for (const char* path : {"/api/sso/config", "/api/sso/mapping"}) {
+    EXPECT_TRUE(isError(as(member, Req("GET", path)), 403, "this operation requires the admin role"));
+  }
 
   res = asAdmin(Req("DELETE", "/api/sso/config"));
   EXPECT_EQ(res.body, R"({"configured":false,"schema_version":1})");
@@ -393,13 +392,13 @@ TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
   serveToken(key_.sign(claims(inTime)));
   auto res = callback(inTime.state);
   ASSERT_EQ(res.status, 302u) << res.body;
-  EXPECT_TRUE(isPage(callback(inTime.state), 400, "Sign-in expired",
-                     "Start again from the Quillmoor client."));
+  auto expired = [&](const std::string& state) {
+    return isPage(callback(state), 400, "Sign-in expired", "Start again from the Quillmoor client.");
+  };
+  EXPECT_TRUE(expired(inTime.state));  // used
   now_ += std::chrono::seconds(1);
-  EXPECT_TRUE(isPage(callback(late.state), 400, "Sign-in expired",
-                     "Start again from the Quillmoor client."));
-  EXPECT_TRUE(
-      isPage(callback(""), 400, "Sign-in expired", "Start again from the Quillmoor client."));
+  EXPECT_TRUE(expired(late.state));
+  EXPECT_TRUE(expired(""));
 
   const std::string first = handoffCode(res);
   const std::string second = handoffCode(signIn());

@@ -12,33 +12,22 @@
 namespace quill::store {
 namespace {
 
-void setLocalAppData(const char* value) {
-  if (value == nullptr) {
-    unsetenv("LOCALAPPDATA");
-    return;
-  }
-  setenv("LOCALAPPDATA", value, 1);
-}
-
 // Runs `check` with LOCALAPPDATA set to `value` (unset for nullptr), then restores it.
 template <typename Check>
 void withLocalAppData(const char* value, Check check) {
   const char* old = getenv("LOCALAPPDATA");
   const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
-  setLocalAppData(value);
+  value ? setenv("LOCALAPPDATA", value, 1) : unsetenv("LOCALAPPDATA");
   check();
-  setLocalAppData(saved ? saved->c_str() : nullptr);
+  saved ? setenv("LOCALAPPDATA", saved->c_str(), 1) : unsetenv("LOCALAPPDATA");
 }
 
-TEST(DataDirDefault, FollowsLocalAppData) {
+TEST(DataDirDefault, FollowsLocalAppDataAndIsMadeAbsolute) {
   withLocalAppData("/home/u/Local", [] {
     EXPECT_EQ(defaultDataDir(), fs::path("/home/u/Local/Quillmoor/quillmoord-data"));
   });
   withLocalAppData(nullptr, [] { EXPECT_EQ(defaultDataDir(), fs::path("quillmoord-data")); });
   withLocalAppData("", [] { EXPECT_EQ(defaultDataDir(), fs::path("quillmoord-data")); });
-}
-
-TEST(DataDirDefault, RootIsMadeAbsolute) {
   EXPECT_EQ(DataDir("quillmoord-data").root(), fs::current_path() / "quillmoord-data");
 }
 

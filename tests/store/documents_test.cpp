@@ -40,40 +40,35 @@ class DocumentsTest : public test::TempDirTest {
   }
 };
 
-TEST_F(DocumentsTest, WriteCreatesParentsAndOverwriteReplacesTheWholeDocument) {
+TEST_F(DocumentsTest, WriteCreatesParentsReplacesWholeDocumentsAndSortsTheirMembers) {
   const fs::path path = dir() / "users" / "alice.json";
   Json::Value first = record("alice");
   first["display_name"] = "Alice";
   ASSERT_TRUE(writeJsonFile(path, first));
   ASSERT_TRUE(writeJsonFile(path, record("alice")));
-
   Json::Value read;
   ASSERT_TRUE(readJsonFile(path, read));
   EXPECT_EQ(read, record("alice"));  // display_name is gone
   EXPECT_EQ(filesIn(dir() / "users"), 1u);
-}
 
-TEST_F(DocumentsTest, ABareFileNameIsWrittenInTheCurrentDirectory) {
+  // Members in ascending byte order of their keys, and a final newline.
+  Json::Value value(Json::objectValue);
+  value["zeta"] = 1;
+  value["alpha"] = 2;
+  value["Mid"] = 3;
+  ASSERT_TRUE(writeJsonFile(dir() / "order.json", value));
+  const std::string text = readRaw(dir() / "order.json");
+  EXPECT_LT(text.find("\"Mid\""), text.find("\"alpha\""));
+  EXPECT_LT(text.find("\"alpha\""), text.find("\"zeta\""));
+  EXPECT_EQ(text.back(), '\n');
+
+  // A bare file name is written in the current directory.
   const fs::path before = fs::current_path();
   fs::current_path(dir());
   const bool written = writeFileAtomic("bare.json", "{}");
   fs::current_path(before);
   EXPECT_TRUE(written);
   EXPECT_EQ(readRaw(dir() / "bare.json"), "{}");
-}
-
-TEST_F(DocumentsTest, WrittenMembersAreInAscendingByteOrderOfKeys) {
-  Json::Value value(Json::objectValue);
-  value["zeta"] = 1;
-  value["alpha"] = 2;
-  value["Mid"] = 3;
-  const fs::path path = dir() / "order.json";
-  ASSERT_TRUE(writeJsonFile(path, value));
-
-  const std::string text = readRaw(path);
-  EXPECT_LT(text.find("\"Mid\""), text.find("\"alpha\""));
-  EXPECT_LT(text.find("\"alpha\""), text.find("\"zeta\""));
-  EXPECT_EQ(text.back(), '\n');
 }
 
 TEST_F(DocumentsTest, AFailedWriteRemovesItsTemporaryAndLeavesOthersAlone) {
@@ -168,16 +163,12 @@ TEST_F(DocumentsTest, ListingSkipsLeftoversOtherExtensionsDirectoriesAndBrokenFi
                                                         {"bob.json", record("bob")}}));
 }
 
-TEST_F(DocumentsTest, ListingAMissingDirectoryIsEmptyButANonDirectoryThrows) {
+TEST_F(DocumentsTest, MissingDirectoriesListEmptyNonDirectoriesThrowAndRemovalsReport) {
   EXPECT_TRUE(listJsonDir(dir() / "never-written").empty());
   writeRaw(dir() / "file", "x");
   EXPECT_THROW(listJsonDir(dir() / "file"), fs::filesystem_error);
-}
-
-TEST_F(DocumentsTest, RemoveFileIsFalseForAMissingFile) {
-  ASSERT_TRUE(writeFileAtomic(dir() / "a.json", "{}"));
-  EXPECT_TRUE(removeFile(dir() / "a.json"));
-  EXPECT_FALSE(removeFile(dir() / "a.json"));
+  EXPECT_TRUE(removeFile(dir() / "file"));
+  EXPECT_FALSE(removeFile(dir() / "file"));
 }
 
 }  // namespace

@@ -256,45 +256,31 @@ TEST_F(IdentityTest, CountAdminsCountsExactRoleIncludingDisabled) {
 }
 
 TEST_F(IdentityTest, ProfileTextIsCutToBytesThenControlBytesBecomeSpaces) {
-  EXPECT_EQ(profileText("Ada\tLovelace\r\n"), "Ada Lovelace  ");
-  EXPECT_EQ(profileText(std::string("a\0b\x1f\x7f", 5)), "a b \x7f");
-  EXPECT_EQ(profileText("  kept as is  "), "  kept as is  ");
-  EXPECT_EQ(profileText(std::string(300, 'x')), std::string(256, 'x'));
-  EXPECT_EQ(profileText(std::string(256, 'y')), std::string(256, 'y'));
-  // The cut ignores UTF-8 boundaries.
-  const std::string cut = profileText(std::string(255, 'x') + "\xC3\xA9tail");
-  EXPECT_EQ(cut, std::string(255, 'x') + "\xC3");
-  // Bytes past the cut are gone before control bytes are considered.
-  EXPECT_EQ(profileText(std::string(256, 'z') + "\n"), std::string(256, 'z'));
+  const std::pair<std::string, std::string> cases[] = {
+      {"Ada\tLovelace\r\n", "Ada Lovelace  "},
+      {std::string("a\0b\x1f\x7f", 5), "a b \x7f"},
+      {"  kept as is  ", "  kept as is  "},
+      {std::string(300, 'x'), std::string(256, 'x')},
+      {std::string(256, 'y'), std::string(256, 'y')},
+      // The cut ignores UTF-8 boundaries, and comes before control bytes are considered.
+      {std::string(255, 'x') + "\xC3\xA9tail", std::string(255, 'x') + "\xC3"},
+      {std::string(256, 'z') + "\n", std::string(256, 'z')},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(profileText(text), expected) << text;
 }
 
 TEST_F(IdentityTest, EffectiveChannelsAreFollowsThenGroupChannelsFirstOccurrenceOnly) {
-  Json::Value g1 = newGroupRecord("g1");
-  g1["channels"] = Json::Value(Json::arrayValue);
-  g1["channels"].append("a");
-  g1["channels"].append("c");
-  ASSERT_TRUE(saveGroup(data, g1));
-  Json::Value g2 = newGroupRecord("g2");
-  g2["channels"].append("c");
-  g2["channels"].append("d");
-  ASSERT_TRUE(saveGroup(data, g2));
-
+  auto json = [](const std::string& text) { return (*parseJsonObject(text))["v"]; };
+  for (const auto& [name, channels] : {std::pair{"g1", R"(["a","c"])"}, {"g2", R"(["c","d"])"}}) {
+    Json::Value group = newGroupRecord(name);
+    group["channels"] = json(std::string(R"({"v":)") + channels + "}");
+    ASSERT_TRUE(saveGroup(data, group));
+  }
   Json::Value u = user("u", "member");
-  u["follows"] = Json::Value(Json::arrayValue);
-  u["follows"].append("b");
-  u["follows"].append("a");
-  u["follows"].append(7);
-  u["follows"].append("b");
-  u["groups"].append("g1");
-  u["groups"].append("gone");
-  u["groups"].append("g2");
-
-  Json::Value expected(Json::arrayValue);
-  for (const char* c : {"b", "a", "c", "d"}) expected.append(c);
-  EXPECT_EQ(effectiveChannels(data, u), expected);
-
-  Json::Value bare = user("bare", "member");
-  EXPECT_EQ(effectiveChannels(data, bare), Json::Value(Json::arrayValue));
+  u["follows"] = json(R"({"v":["b","a",7,"b"]})");
+  u["groups"] = json(R"({"v":["g1","gone","g2"]})");
+  EXPECT_EQ(effectiveChannels(data, u), json(R"({"v":["b","a","c","d"]})"));
+  EXPECT_EQ(effectiveChannels(data, user("bare", "member")), Json::Value(Json::arrayValue));
 }
 
 }  // namespace

@@ -84,17 +84,6 @@ TEST_F(TokenIndexTest, ATokenMintedAfterALookupIsFoundAtTheNextLookup) {
   EXPECT_EQ(owner("fresh-file"), "alice");
 }
 
-TEST_F(TokenIndexTest, ADeletedTokenStopsAtOnce) {
-  const std::string a = mintToken(data, "t1", "alice");
-  const std::string b = mintToken(data, "t2", "bob");
-  settleDirectory();
-  EXPECT_EQ(owner(a), "alice");
-  EXPECT_EQ(owner(b), "bob");
-  ASSERT_TRUE(removeFile(tokenPath("t1")));
-  EXPECT_EQ(owner(a), "");
-  EXPECT_EQ(owner(b), "bob");
-}
-
 TEST_F(TokenIndexTest, ATokenFileRewrittenUnderTheSameNameAnswersWithItsNewContent) {
   const std::string oldText = mintToken(data, "t1", "alice");
   EXPECT_EQ(owner(oldText), "alice");
@@ -120,7 +109,7 @@ TEST_F(TokenIndexTest, ATokenFileRewrittenUnderTheSameNameAnswersWithItsNewConte
   EXPECT_EQ(owner("second-text"), "");
 }
 
-TEST_F(TokenIndexTest, ManyTokensResolveAndASparseDeletionIsSeen) {
+TEST_F(TokenIndexTest, ManyTokensResolveAndDeletionsStopThemAtOnce) {
   constexpr int kTokens = 300;
   std::vector<std::string> texts;
   for (int i = 0; i < kTokens; ++i) {
