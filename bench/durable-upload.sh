@@ -24,23 +24,6 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$HERE/lib.sh"
 
-now_ns() { date +%s%N; }
-
-# Runs a command (niced) in the background and waits, so that Ctrl-C stops it at once. Sets
-# ELAPSED_NS; fails as the command does.
-timed() {
-  local start status=0
-  start=$(now_ns)
-  run_niced "$@" &
-  WRK_PID=$!
-  wait "$WRK_PID" || status=$?
-  WRK_PID=""
-  ELAPSED_NS=$(($(now_ns) - start))
-  return "$status"
-}
-
-mib_per_s() { awk -v b="$1" -v ns="$2" 'BEGIN { printf "%.0f", b / 1048576 / (ns / 1e9) }'; }
-
 main() {
   command -v curl >/dev/null || die "curl is not installed"
   local quill

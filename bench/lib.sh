@@ -320,3 +320,22 @@ make_bench_tree() {
   done
   touch "$tree/.complete"
 }
+
+# Prints the current time in nanoseconds.
+now_ns() { date +%s%N; }
+
+# Prints `bytes` moved in `ns` nanoseconds as MiB/s.
+mib_per_s() { awk -v b="$1" -v ns="$2" 'BEGIN { printf "%.0f", b / 1048576 / (ns / 1e9) }'; }
+
+# Runs a command (niced) in the background and waits, so that Ctrl-C stops it at once. Sets
+# ELAPSED_NS; fails as the command does.
+timed() {
+  local start status=0
+  start=$(now_ns)
+  run_niced "$@" &
+  WRK_PID=$!
+  wait "$WRK_PID" || status=$?
+  WRK_PID=""
+  ELAPSED_NS=$(($(now_ns) - start))
+  return "$status"
+}

@@ -37,33 +37,10 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$HERE/lib.sh"
 
-# Prints the current time in nanoseconds.
-now_ns() { date +%s%N; }
-
-# Prints `bytes` moved in `ns` nanoseconds as MiB/s.
-mib_per_s() {
-  awk -v b="$1" -v ns="$2" 'BEGIN { printf "%.0f", b / 1048576 / (ns / 1e9) }'
-}
-
 # Prints `ticks` of CPU time per GiB of `bytes`, in milliseconds.
 ms_per_gib() {
   awk -v t="$1" -v b="$2" -v hz="$(getconf CLK_TCK)" \
     'BEGIN { printf "%.0f", t * 1000 / hz / (b / 1073741824) }'
-}
-
-# Runs a command (niced) in the background and waits for it, so that a signal interrupts the
-# script at once (the command is then stopped by cleanup) and the command's CPU time shows in
-# waited_children_ticks. Sets ELAPSED_NS; fails as the command does. Every step that may take
-# long goes through it.
-timed() {
-  local start status=0
-  start=$(now_ns)
-  run_niced "$@" &
-  WRK_PID=$!
-  wait "$WRK_PID" || status=$?
-  WRK_PID=""
-  ELAPSED_NS=$(($(now_ns) - start))
-  return "$status"
 }
 
 # Runs `command...` once, timed, and sets RATE (MiB/s of BYTES), SERVER_MS and CLIENT_MS (CPU

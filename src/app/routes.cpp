@@ -25,13 +25,7 @@ namespace {
 using http::Request;
 using http::Response;
 
-// Routes whose subsystem is not built yet answer 501, so clients can tell "not here yet" from
-// "no such route".
-Response notImplemented(const Request&) {
-  return http::errorResponse(501, "not implemented in this version");
-}
-
-http::Route route(const char* method, const char* path, http::Handler handler = notImplemented) {
+http::Route route(const char* method, const char* path, http::Handler handler) {
   http::Route r;
   r.method = method;
   r.pattern = path;
