@@ -1,5 +1,6 @@
 #include "api/access_requests.h"
 
+#include "base/json_reader.h"
 #include "handler/caller.h"
 #include "api/invites.h"
 #include "store/documents.h"
@@ -42,7 +43,7 @@ bool plausibleEmail(std::string_view email) {
 }
 
 Response submitAccessRequest(const Request& req, Context& ctx) {
-  auto body = store::parseJsonObject(req.body);
+  auto body = base::parseJsonObject(req.body);
   if (!body) return http::errorResponse(400, text::kJsonRequired);
   const std::string name = store::textOf(*body, "name");
   // The name becomes a user name on approval; two dots in a row are refused outright.

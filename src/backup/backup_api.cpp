@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "base/json_reader.h"
 #include "backup/background_run.h"
 #include "backup/backup_config.h"
 #include "backup/backup_key.h"
@@ -81,7 +82,7 @@ std::optional<Response> scheduleBodyProblem(const Json::Value& body) {
 }  // namespace
 
 Response initBackups(const Request& req, Context& ctx, BuildStorageReader readBuildStorage) {
-  const auto body = store::parseJsonObject(req.body);
+  const auto body = base::parseJsonObject(req.body);
   if (!body) return http::errorResponse(400, text::kJsonBodyRequired);
   const fs::path root = ctx.data.root();
   if (fileExists(backupConfigPath(root))) return http::errorResponse(409, text::kAlreadyConfigured);
@@ -165,7 +166,7 @@ Response setBackupSchedule(const Request& req, Context& ctx) {
   const fs::path configFile = backupConfigPath(ctx.data.root());
   auto schedule = readSchedule(configFile);
   if (!schedule) return http::errorResponse(503, text::kNotConfiguredHere);
-  const auto body = store::parseJsonObject(req.body);
+  const auto body = base::parseJsonObject(req.body);
   if (!body) return http::errorResponse(400, text::kJsonObjectRequired);
   if (auto problem = scheduleBodyProblem(*body)) return *problem;
   if (body->isMember("daily_at")) schedule->dailyAt = (*body)["daily_at"].asString();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/json_reader.h"
 #include "builds/build_store.h"
 #include "store/documents.h"
 #include "store/groups.h"
@@ -190,7 +191,7 @@ Response setChannelPublic(const Request& req, Context& ctx) {
 }
 
 handler::OrError<Json::Value> checkedLaunchTargets(const std::string& body) {
-  auto parsed = store::parseJsonObject(body);
+  auto parsed = base::parseJsonObject(body);
   if (!parsed || !(*parsed)["launch_targets"].isArray()) {
     return http::errorResponse(400, text::kBadLaunchBody);
   }

@@ -117,6 +117,11 @@ bool hasZstdMagic(std::string_view object) {
 
 }  // namespace
 
+std::uint64_t maxChunkObjectSize(std::uint64_t length) {
+  const std::uint64_t blocks = std::max<std::uint64_t>(1, (length + kRawBlockMax - 1) / kRawBlockMax);
+  return length + 13 + 3 * blocks;
+}
+
 std::string rawZstdFrame(std::string_view chunk) {
   std::string out;
   const std::size_t blocks =

@@ -19,6 +19,10 @@ inline constexpr int kChunkCompressionLevel = 12;
 // 3 bytes per 128 KiB block and 9 bytes of frame header. Thread-safe.
 std::string encodeChunk(std::string_view chunk, bool compress);
 
+// The largest object encodeChunk makes of a chunk of `length` bytes (its raw frame): what a reader
+// may accept from a store for that chunk before it decodes anything.
+std::uint64_t maxChunkObjectSize(std::uint64_t length);
+
 // The same raw frame that encodeChunk falls back to: every decoder reads it.
 std::string rawZstdFrame(std::string_view chunk);
 

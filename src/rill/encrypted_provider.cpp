@@ -21,9 +21,12 @@ bool EncryptedProvider::put(const std::string& key, std::string_view body, std::
   return inner_->put(key, sealObject(body, key_), error);
 }
 
-bool EncryptedProvider::get(const std::string& key, std::string& body, std::string* error) {
+bool EncryptedProvider::get(const std::string& key, std::string& body, std::string* error,
+                                std::uint64_t maxBytes) {
   std::string sealed;
-  if (!inner_->get(key, sealed, error)) return false;
+  const std::uint64_t sealedMax =
+      maxBytes > kAnySize - kSealedOverhead ? kAnySize : maxBytes + kSealedOverhead;
+  if (!inner_->get(key, sealed, error, sealedMax)) return false;
   OpenedObject opened = openObject(sealed, key_);
   if (!opened.ok) {
     return fail(error,

@@ -21,7 +21,8 @@ class EncryptedProvider final : public StorageProvider {
   EncryptedProvider& operator=(const EncryptedProvider&) = delete;
 
   bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
   std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
                                                std::string* error = nullptr) override;

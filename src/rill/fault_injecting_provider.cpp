@@ -56,8 +56,9 @@ bool FaultInjectingProvider::put(const std::string& key, std::string_view body,
   return !injected(Operation::kPut, key, error) && inner_->put(key, body, error);
 }
 
-bool FaultInjectingProvider::get(const std::string& key, std::string& body, std::string* error) {
-  if (injected(Operation::kGet, key, error) || !inner_->get(key, body, error)) return false;
+bool FaultInjectingProvider::get(const std::string& key, std::string& body, std::string* error,
+                                     std::uint64_t maxBytes) {
+  if (injected(Operation::kGet, key, error) || !inner_->get(key, body, error, maxBytes)) return false;
   std::lock_guard lock(mutex_);
   if (corruptGets_ && !body.empty()) body.back() = static_cast<char>(body.back() ^ 0x01);
   return true;

@@ -24,7 +24,8 @@ class FaultInjectingProvider final : public StorageProvider {
   void dropListEntriesContaining(std::string text);
 
   bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
   std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
                                                std::string* error = nullptr) override;

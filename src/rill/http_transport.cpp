@@ -20,12 +20,39 @@ struct Upload {
   std::size_t sent = 0;
 };
 
-std::size_t collect(char* data, std::size_t size, std::size_t count, void* target) {
-  static_cast<std::string*>(target)->append(data, size * count);
-  return size * count;
+// The body of an error answer is kept only for the message it makes.
+constexpr std::uint64_t kErrorBodyMax = 64 * 1024;
+
+struct Download {
+  CURL* handle;
+  std::string& body;
+  std::uint64_t maxBody;
+  bool tooLarge = false;       // a success answer ran past maxBody
+  bool errorTrimmed = false;  // an error answer was cut at kErrorBodyMax
+};
+
+// Called by libcurl, through C: it must never throw. Returning less than it was given stops the
+// transfer with a write error.
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* target) noexcept {
+  auto* download = static_cast<Download*>(target);
+  const std::size_t n = size * count;
+  long status = 0;
+  curl_easy_getinfo(download->handle, CURLINFO_RESPONSE_CODE, &status);
+  const bool success = status >= 200 && status < 300;
+  const std::uint64_t limit = success ? download->maxBody : kErrorBodyMax;
+  if (n > limit - std::min<std::uint64_t>(limit, download->body.size())) {
+    (success ? download->tooLarge : download->errorTrimmed) = true;
+    return 0;
+  }
+  try {
+    download->body.append(data, n);
+  } catch (...) {
+    return 0;
+  }
+  return n;
 }
 
-std::size_t supply(char* buffer, std::size_t size, std::size_t count, void* source) {
+std::size_t supply(char* buffer, std::size_t size, std::size_t count, void* source) noexcept {
   auto* upload = static_cast<Upload*>(source);
   const std::size_t n = std::min(size * count, upload->body.size() - upload->sent);
   std::memcpy(buffer, upload->body.data() + upload->sent, n);
@@ -35,7 +62,7 @@ std::size_t supply(char* buffer, std::size_t size, std::size_t count, void* sour
 
 // Lets libcurl start an upload over: it does so when a reused connection turns out to have been
 // closed by the server in the meantime.
-int rewind(void* source, curl_off_t offset, int origin) {
+int rewind(void* source, curl_off_t offset, int origin) noexcept {
   auto* upload = static_cast<Upload*>(source);
   if (origin != SEEK_SET || offset < 0 || static_cast<std::size_t>(offset) > upload->body.size()) {
     return CURL_SEEKFUNC_CANTSEEK;
@@ -65,6 +92,10 @@ CURL* threadHandle() {
 
 }  // namespace
 
+std::string tooLarge(std::uint64_t maxBytes) {
+  return "answer larger than " + std::to_string(maxBytes) + " bytes";
+}
+
 HttpResponse performHttp(const HttpRequest& request) {
   HttpResponse response;
   initialize();
@@ -86,6 +117,7 @@ HttpResponse performHttp(const HttpRequest& request) {
 
   char errorText[CURL_ERROR_SIZE] = {};
   Upload upload{request.body};
+  Download download{h, response.body, request.maxBody};
   curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
   curl_easy_setopt(h, CURLOPT_USERAGENT, kUserAgent);
@@ -95,7 +127,7 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(h, CURLOPT_MAXAGE_CONN, kMaxIdleSeconds);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &download);
   if (request.method == "PUT") {
     curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(h, CURLOPT_READFUNCTION, supply);
@@ -110,7 +142,12 @@ HttpResponse performHttp(const HttpRequest& request) {
   }
 
   const CURLcode code = curl_easy_perform(h);
-  if (code != CURLE_OK) {
+  if (code != CURLE_OK && !download.errorTrimmed) {
+    response.body.clear();
+    if (download.tooLarge) {
+      response.error = "curl: " + tooLarge(request.maxBody);
+      return response;
+    }
     response.error = std::string("curl: ") + (errorText[0] ? errorText : curl_easy_strerror(code));
     return response;
   }

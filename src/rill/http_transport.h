@@ -14,6 +14,9 @@ struct HttpRequest {
   std::string url;
   std::vector<std::string> headers;  // "Name: value"
   std::string_view body;             // sent by PUT only
+  // The answer's body may not be longer: the transfer stops there and fails (a store or server
+  // that sends without end costs at most this much memory).
+  std::uint64_t maxBody = UINT64_MAX;
 };
 
 struct HttpResponse {
@@ -24,6 +27,9 @@ struct HttpResponse {
 
   bool isSuccess() const { return status >= 200 && status < 300; }
 };
+
+// "answer larger than <n> bytes": the failure of a transfer whose body ran past its bound.
+std::string tooLarge(std::uint64_t maxBytes);
 
 // Performs `request` and collects the answer in memory. Statuses are not interpreted. There are no
 // time-outs, on purpose: a large transfer over a slow link must not be cut off. Only http and https

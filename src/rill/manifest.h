@@ -14,6 +14,10 @@ namespace quill::rill {
 
 inline constexpr int kManifestSchema = 1;
 inline constexpr const char* kChunkerAlgo = "fastcdc-gear";
+// A manifest longer than this is refused unread (a million-chunk build takes about a third).
+inline constexpr std::uint64_t kMaxManifestBytes = 64 * 1024 * 1024;
+// A signature object is 128 hexadecimal characters; anything much longer is not one.
+inline constexpr std::uint64_t kMaxSignatureBytes = 4096;
 
 struct Manifest {
   ChunkerParams chunker;

@@ -1,5 +1,7 @@
 #include "rill/memory_provider.h"
 
+#include "rill/http_transport.h"
+
 namespace quill::rill {
 
 bool MemoryProvider::put(const std::string& key, std::string_view body, std::string*) {
@@ -8,10 +10,12 @@ bool MemoryProvider::put(const std::string& key, std::string_view body, std::str
   return true;
 }
 
-bool MemoryProvider::get(const std::string& key, std::string& body, std::string* error) {
+bool MemoryProvider::get(const std::string& key, std::string& body, std::string* error,
+                             std::uint64_t maxBytes) {
   std::lock_guard lock(mutex_);
   const auto it = objects_.find(key);
   if (it == objects_.end()) return fail(error, "GET " + key + " -> not found");
+  if (it->second.size() > maxBytes) return fail(error, "GET " + key + ": " + tooLarge(maxBytes));
   body = it->second;
   return true;
 }

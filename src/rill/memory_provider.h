@@ -13,7 +13,8 @@ namespace quill::rill {
 class MemoryProvider final : public StorageProvider {
  public:
   bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
   std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
                                                std::string* error = nullptr) override;

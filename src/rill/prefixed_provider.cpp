@@ -11,8 +11,9 @@ bool PrefixedProvider::put(const std::string& key, std::string_view body, std::s
   return inner_->put(prefix_ + key, body, error);
 }
 
-bool PrefixedProvider::get(const std::string& key, std::string& body, std::string* error) {
-  return inner_->get(prefix_ + key, body, error);
+bool PrefixedProvider::get(const std::string& key, std::string& body, std::string* error,
+                               std::uint64_t maxBytes) {
+  return inner_->get(prefix_ + key, body, error, maxBytes);
 }
 
 std::optional<ObjectInfo> PrefixedProvider::exists(const std::string& key, std::string* error) {

@@ -12,7 +12,8 @@ class PrefixedProvider final : public StorageProvider {
   PrefixedProvider(std::string prefix, StorageProviderPtr inner);
 
   bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
   std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
                                                std::string* error = nullptr) override;

@@ -154,7 +154,7 @@ class ChunkFetches {
       }
     }
     if (!reused) {
-      auto object = source_.chunk(ref.h);
+      auto object = source_.chunk(ref);
       if (!object) return fail(object.error());
       objectBytes = object.value().size();
       auto decoded = decodeChunk(object.value(), ref);

@@ -1,5 +1,6 @@
 #include "rill/pull_source.h"
 
+#include "rill/chunk_codec.h"
 #include "rill/http_transport.h"
 #include "rill/manifest.h"
 
@@ -7,7 +8,9 @@ namespace quill::rill {
 
 namespace {
 
-HttpResponse fetch(const std::string& url) { return performHttp({"GET", url, {}, {}}); }
+HttpResponse fetch(const std::string& url, std::uint64_t maxBytes) {
+  return performHttp({"GET", url, {}, {}, maxBytes});
+}
 
 // The failure of a presigned GET: the transport's reason, or `what` + " -> HTTP " + status.
 Failure fetchFailed(const HttpResponse& response, const std::string& what) {
@@ -23,7 +26,7 @@ StorePullSource::StorePullSource(StorageProvider& store, std::string channel)
 Result<std::string> StorePullSource::manifest() {
   std::string body;
   std::string error;
-  if (!store_.get(manifestKey(channel_), body, &error)) return Failure{error};
+  if (!store_.get(manifestKey(channel_), body, &error, kMaxManifestBytes)) return Failure{error};
   return body;
 }
 
@@ -33,37 +36,39 @@ Result<std::optional<std::string>> StorePullSource::signature() {
   if (!info) return Failure{error};
   if (!info->present) return std::optional<std::string>();
   std::string body;
-  if (!store_.get(signatureKey(channel_), body, &error)) return Failure{error};
+  if (!store_.get(signatureKey(channel_), body, &error, kMaxSignatureBytes))
+    return Failure{error};
   return std::optional<std::string>(std::move(body));
 }
 
-Result<std::string> StorePullSource::chunk(const std::string& id) {
+Result<std::string> StorePullSource::chunk(const ChunkRef& ref) {
   std::string body;
   std::string error;
-  if (!store_.get(store_.chunkKey(id), body, &error)) return Failure{error};
+  if (!store_.get(store_.chunkKey(ref.h), body, &error, maxChunkObjectSize(ref.n)))
+    return Failure{error};
   return body;
 }
 
 PresignedPullSource::PresignedPullSource(PresignedLinks links) : links_(std::move(links)) {}
 
 Result<std::string> PresignedPullSource::manifest() {
-  HttpResponse response = fetch(links_.manifestUrl);
+  HttpResponse response = fetch(links_.manifestUrl, kMaxManifestBytes);
   if (!response.isSuccess()) return fetchFailed(response, "manifest URL");
   return std::move(response.body);
 }
 
 Result<std::optional<std::string>> PresignedPullSource::signature() {
   if (links_.signatureUrl.empty()) return std::optional<std::string>();
-  HttpResponse response = fetch(links_.signatureUrl);
+  HttpResponse response = fetch(links_.signatureUrl, kMaxSignatureBytes);
   if (response.status == 404) return std::optional<std::string>();
   if (!response.isSuccess()) return fetchFailed(response, "signature URL");
   return std::optional<std::string>(std::move(response.body));
 }
 
-Result<std::string> PresignedPullSource::chunk(const std::string& id) {
-  const auto link = links_.chunks.find(id);
-  if (link == links_.chunks.end()) return Failure{"no presigned URL for chunk " + id};
-  HttpResponse response = fetch(link->second);
+Result<std::string> PresignedPullSource::chunk(const ChunkRef& ref) {
+  const auto link = links_.chunks.find(ref.h);
+  if (link == links_.chunks.end()) return Failure{"no presigned URL for chunk " + ref.h};
+  HttpResponse response = fetch(link->second, maxChunkObjectSize(ref.n));
   if (!response.isSuccess()) return fetchFailed(response, "chunk URL");
   return std::move(response.body);
 }

@@ -8,18 +8,20 @@
 
 #include "rill/result.h"
 #include "rill/storage_provider.h"
+#include "rill/tree_scan.h"
 
 namespace quill::rill {
 
 class PullSource {
  public:
   virtual ~PullSource() = default;
-  // The manifest's stored bytes.
+  // The manifest's stored bytes (at most kMaxManifestBytes).
   virtual Result<std::string> manifest() = 0;
-  // The stored signature text, or nothing when the channel has none.
+  // The stored signature text (at most kMaxSignatureBytes), or nothing when the channel has none.
   virtual Result<std::optional<std::string>> signature() = 0;
-  // The stored object of chunk `id`, as written (possibly a zstd frame). Thread-safe.
-  virtual Result<std::string> chunk(const std::string& id) = 0;
+  // The stored object of chunk `ref.h`, as written (possibly a zstd frame), at most
+  // maxChunkObjectSize(ref.n) bytes. Thread-safe.
+  virtual Result<std::string> chunk(const ChunkRef& ref) = 0;
 };
 
 // Reads a channel's objects through a provider, with the provider's messages.
@@ -28,7 +30,7 @@ class StorePullSource final : public PullSource {
   StorePullSource(StorageProvider& store, std::string channel);
   Result<std::string> manifest() override;
   Result<std::optional<std::string>> signature() override;
-  Result<std::string> chunk(const std::string& id) override;
+  Result<std::string> chunk(const ChunkRef& ref) override;
 
  private:
   StorageProvider& store_;
@@ -50,7 +52,7 @@ class PresignedPullSource final : public PullSource {
   explicit PresignedPullSource(PresignedLinks links);
   Result<std::string> manifest() override;
   Result<std::optional<std::string>> signature() override;
-  Result<std::string> chunk(const std::string& id) override;
+  Result<std::string> chunk(const ChunkRef& ref) override;
 
  private:
   PresignedLinks links_;

@@ -60,7 +60,8 @@ std::string S3Client::url(std::string_view canonicalUri, std::string_view query)
 }
 
 HttpResponse S3Client::send(std::string_view method, std::string_view key, std::string_view query,
-                            std::string_view body, const std::string& payloadHash) const {
+                            std::string_view body, const std::string& payloadHash,
+                            std::uint64_t maxBytes) const {
   const SigningTime time = signingTime(std::chrono::system_clock::now());
   const CanonicalInput input{std::string(method), canonicalObjectUri(settings_.bucket, key),
                              std::string(query), host_, payloadHash};
@@ -72,7 +73,8 @@ HttpResponse S3Client::send(std::string_view method, std::string_view key, std::
        "Authorization: " + authorizationHeader(input, keys, time),
        // Without this libcurl would wait for "100 Continue" before each upload.
        "Expect:"},
-      method == "PUT" ? body : std::string_view()};
+      method == "PUT" ? body : std::string_view(),
+      maxBytes};
   return performHttp(request);
 }
 
@@ -80,8 +82,8 @@ HttpResponse S3Client::put(std::string_view key, std::string_view body) const {
   return send("PUT", key, "", body, sha256Hex(body));
 }
 
-HttpResponse S3Client::get(std::string_view key) const {
-  return send("GET", key, "", "", sha256Hex(""));
+HttpResponse S3Client::get(std::string_view key, std::uint64_t maxBytes) const {
+  return send("GET", key, "", "", sha256Hex(""), maxBytes);
 }
 
 HttpResponse S3Client::head(std::string_view key) const {

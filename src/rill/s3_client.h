@@ -40,7 +40,8 @@ class S3Client {
   explicit S3Client(S3Settings settings);
 
   HttpResponse put(std::string_view key, std::string_view body) const;
-  HttpResponse get(std::string_view key) const;
+  // Fails (transport error) once the answer runs past `maxBytes`.
+  HttpResponse get(std::string_view key, std::uint64_t maxBytes = UINT64_MAX) const;
   HttpResponse head(std::string_view key) const;
   HttpResponse remove(std::string_view key) const;
 
@@ -57,7 +58,8 @@ class S3Client {
   // A header-signed request: `body` is what is sent and `payloadHash` what is signed (normally
   // sha256Hex(body)). Exposed so that the verification of stores can be exercised.
   HttpResponse send(std::string_view method, std::string_view key, std::string_view query,
-                    std::string_view body, const std::string& payloadHash) const;
+                    std::string_view body, const std::string& payloadHash,
+                    std::uint64_t maxBytes = UINT64_MAX) const;
 
   const S3Settings& settings() const { return settings_; }
 

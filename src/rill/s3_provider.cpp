@@ -23,8 +23,9 @@ bool S3Provider::put(const std::string& key, std::string_view body, std::string*
   return response.isSuccess() || requestFailed(response, "PUT", key, error);
 }
 
-bool S3Provider::get(const std::string& key, std::string& body, std::string* error) {
-  HttpResponse response = client_.get(key);
+bool S3Provider::get(const std::string& key, std::string& body, std::string* error,
+                         std::uint64_t maxBytes) {
+  HttpResponse response = client_.get(key, maxBytes);
   if (!response.isSuccess()) return requestFailed(response, "GET", key, error);
   body = std::move(response.body);
   return true;

@@ -14,7 +14,8 @@ class S3Provider final : public StorageProvider {
   explicit S3Provider(S3Settings settings);
 
   bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
   std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
                                                std::string* error = nullptr) override;

@@ -18,6 +18,9 @@
 
 namespace quill::rill {
 
+// No bound on the size of an object read.
+inline constexpr std::uint64_t kAnySize = UINT64_MAX;
+
 // What `exists` learned about one object.
 struct ObjectInfo {
   bool present = false;
@@ -33,8 +36,11 @@ class StorageProvider {
   // Stores `body` under `key` (UTF-8, forward slashes), replacing any object there.
   virtual bool put(const std::string& key, std::string_view body, std::string* error = nullptr) = 0;
 
-  // Reads the whole object at `key` into `body`. A missing object is a failure.
-  virtual bool get(const std::string& key, std::string& body, std::string* error = nullptr) = 0;
+  // Reads the whole object at `key` into `body`. A missing object is a failure, and so is an object
+  // of more than `maxBytes` bytes (as stored), which is never read whole: what a store answers is
+  // bounded by what the caller expects.
+  virtual bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+                   std::uint64_t maxBytes = kAnySize) = 0;
 
   // Whether an object is at `key`, and its stored size. A missing object is an answer
   // (present = false), not a failure; nothing is returned only when the store could not tell.

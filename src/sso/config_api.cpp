@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "base/json_reader.h"
 #include "handler/caller.h"
 #include "sso/oidc_client.h"
 #include "sso/sso_config.h"
@@ -27,7 +28,7 @@ Json::Value document() {
 
 // The request body as a JSON object; a null value when it is not one.
 Json::Value bodyObject(const Request& req) {
-  return store::parseJsonObject(req.body).value_or(Json::Value());
+  return base::parseJsonObject(req.body).value_or(Json::Value());
 }
 
 // Makes `sso_managed` true on exactly the groups in `targets`, rewriting the records that change.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 
+#include "base/json_reader.h"
 #include "sso/base64url.h"
 #include "store/documents.h"
 
@@ -45,7 +46,7 @@ std::optional<JwtParts> splitJwt(std::string_view token) {
 std::optional<Json::Value> decodeJsonPart(std::string_view part) {
   auto bytes = base64urlDecode(part);
   if (!bytes) return std::nullopt;
-  return store::parseJsonObject(*bytes);
+  return base::parseJsonObject(*bytes);
 }
 
 using PkeyPtr = std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>;

@@ -2,6 +2,7 @@
 
 #include <openssl/sha.h>
 
+#include "base/json_reader.h"
 #include "sso/base64url.h"
 #include "sso/provider_http.h"
 #include "sso/web_text.h"
@@ -50,7 +51,7 @@ Result<std::string> discoveryUrl(const std::string& issuer) {
 Result<Discovery> parseDiscovery(long status, const std::string& body, const std::string& issuer) {
   if (status == 0) return Failure{text::kIssuerUnreachable};
   if (status != 200) return Failure{"discovery document: HTTP " + std::to_string(status)};
-  auto doc = store::parseJsonObject(body);
+  auto doc = base::parseJsonObject(body);
   if (!doc) return Failure{text::kDiscoveryNotJson};
   Discovery discovery;
   discovery.issuer = store::textOf(*doc, "issuer");
@@ -77,7 +78,7 @@ Result<Discovery> fetchDiscovery(const std::string& issuer) {
 
 Result<std::vector<Jwk>> parseKeySet(long status, const std::string& body) {
   if (status != 200) return Failure{text::kNoKeys};
-  auto doc = store::parseJsonObject(body);
+  auto doc = base::parseJsonObject(body);
   if (!doc) return Failure{text::kKeysNotJson};
   std::vector<Jwk> keys;
   for (const auto& key : (*doc)["keys"]) {
@@ -115,7 +116,7 @@ std::string authorizationUrl(const Discovery& discovery, const SsoConfig& config
 
 Result<std::string> parseTokenAnswer(long status, const std::string& body) {
   if (status == 0) return Failure{text::kTokenUnreachable};
-  auto doc = store::parseJsonObject(body);
+  auto doc = base::parseJsonObject(body);
   if (status != 200) {
     std::string reason = "token exchange failed: HTTP " + std::to_string(status);
     if (doc && (*doc)["error"].isString()) reason.append(" ").append((*doc)["error"].asString());

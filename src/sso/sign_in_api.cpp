@@ -3,6 +3,7 @@
 #include <charconv>
 #include <ctime>
 
+#include "base/json_reader.h"
 #include "sso/id_token.h"
 #include "sso/oidc_client.h"
 #include "sso/provisioning.h"
@@ -138,7 +139,7 @@ Response callback(const Request& req, Context& ctx) {
 }
 
 Response handoff(const Request& req, Context& ctx) {
-  auto body = store::parseJsonObject(req.body);
+  auto body = base::parseJsonObject(req.body);
   if (!body || !(*body)["code"].isString()) return http::errorResponse(404, text::kUnknownCode);
   auto answer = stateOf(ctx).handoffs.take((*body)["code"].asString());
   if (!answer) return http::errorResponse(404, text::kUnknownCode);

@@ -1,29 +1,18 @@
 #include "store/documents.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <memory>
 #include <system_error>
 
+#include "base/json_reader.h"
 #include "store/durable_file.h"
 
 namespace quill::store {
 
 namespace {
-
-// One shared, configured builder; building a reader from it is cheap and thread-safe.
-const Json::CharReaderBuilder& readerBuilder() {
-  static const Json::CharReaderBuilder builder = [] {
-    Json::CharReaderBuilder b;
-    // The whole file must be the document: a half-written or appended-to file is not a record.
-    b["failIfExtra"] = true;
-    return b;
-  }();
-  return builder;
-}
 
 // A listed entry counts when it is a regular file (after following links) named "*.json".
 // An entry that vanished since the directory was read is skipped: concurrent deletes are normal.
@@ -38,21 +27,6 @@ bool isJsonRecordFile(const fs::directory_entry& entry) {
 
 }  // namespace
 
-std::optional<Json::Value> parseJsonObject(std::string_view text) {
-  const std::unique_ptr<Json::CharReader> reader(readerBuilder().newCharReader());
-  Json::Value value;
-  try {
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-      return std::nullopt;
-    }
-  } catch (const Json::Exception&) {
-    // The reader throws instead of failing when nesting runs past its stack limit.
-    return std::nullopt;
-  }
-  if (!value.isObject()) return std::nullopt;
-  return value;
-}
-
 bool readJsonFile(const fs::path& path, Json::Value& out) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
@@ -64,20 +38,21 @@ bool readJsonFile(const fs::path& path, Json::Value& out) {
   if (in.bad()) return false;
 
   // Parse aside so a failed read leaves the caller's value untouched.
-  auto parsed = parseJsonObject(text);
+  auto parsed = base::parseJsonObject(text);
   if (!parsed) return false;
   out = std::move(*parsed);
   return true;
 }
 
-bool writeFileAtomic(const fs::path& path, std::string_view bytes) {
+bool writeFileAtomic(const fs::path& path, std::string_view bytes, FileAccess access) {
   // Record directories come into being with their first record; if this fails, the open fails.
   makeDirectories(path.parent_path());
 
   // A temporary of this write's own: concurrent writers of one document (threads, or an offline
   // command beside the server) never write into each other's file.
   const fs::path tmp = temporaryBeside(path);
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  const mode_t mode = access == FileAccess::kOwnerOnly ? 0600 : 0666;
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) return false;
   // The bytes reach the disk before the rename, so a power cut never leaves an empty or torn
   // document under the real name.
@@ -93,8 +68,8 @@ bool writeFileAtomic(const fs::path& path, std::string_view bytes) {
 
 std::string toStyledJson(const Json::Value& value) { return value.toStyledString(); }
 
-bool writeJsonFile(const fs::path& path, const Json::Value& value) {
-  return writeFileAtomic(path, toStyledJson(value));
+bool writeJsonFile(const fs::path& path, const Json::Value& value, FileAccess access) {
+  return writeFileAtomic(path, toStyledJson(value), access);
 }
 
 std::vector<std::pair<fs::path, Json::Value>> listJsonDir(const fs::path& dir) {

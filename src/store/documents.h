@@ -23,22 +23,23 @@ namespace fs = std::filesystem;
 // JSON or not a JSON object (every document is one object); callers treat that as "absent".
 bool readJsonFile(const fs::path& path, Json::Value& out);
 
-// `text` parsed as one JSON object with nothing after it, or nullopt (also for nesting too deep to
-// parse). Used for documents and for request bodies alike.
-std::optional<Json::Value> parseJsonObject(std::string_view text);
 
 // Writes `bytes` to a temporary file of its own beside `path` ("<name>.<random>.tmp", creating
 // missing parent directories), flushes it to the disk, renames it onto `path` and flushes the
 // directory. Returns true only when all of that succeeded: the document then survives a power
 // cut. A failed write removes its temporary and leaves the old document in place. Safe to call
 // from several threads and processes for one `path` at once: each reader sees one whole document.
-bool writeFileAtomic(const fs::path& path, std::string_view bytes);
+// Files holding secrets are written `kOwnerOnly` (mode 0600 from their first byte on).
+enum class FileAccess { kShared, kOwnerOnly };
+bool writeFileAtomic(const fs::path& path, std::string_view bytes,
+                     FileAccess access = FileAccess::kShared);
 
 // The styled (multi-line, indented, keys in ascending order) form of `value`, newline-terminated.
 std::string toStyledJson(const Json::Value& value);
 
 // writeFileAtomic of toStyledJson(value).
-bool writeJsonFile(const fs::path& path, const Json::Value& value);
+bool writeJsonFile(const fs::path& path, const Json::Value& value,
+                   FileAccess access = FileAccess::kShared);
 
 // Every regular "*.json" file directly in `dir` that reads as a document, in directory order
 // (unsorted).

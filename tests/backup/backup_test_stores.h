@@ -20,8 +20,9 @@ class StoreView final : public rill::StorageProvider {
       std::exchange(beforeManifestPut_, {})();
     return inner_.put(key, body, error);
   }
-  bool get(const std::string& key, std::string& body, std::string* error) override {
-    return inner_.get(key, body, error);
+  bool get(const std::string& key, std::string& body, std::string* error,
+           std::uint64_t maxBytes) override {
+    return inner_.get(key, body, error, maxBytes);
   }
   std::optional<rill::ObjectInfo> exists(const std::string& key, std::string* error) override {
     return inner_.exists(key, error);

@@ -95,7 +95,7 @@ TEST_F(RillPeerTest, LinksRefuseWhatTheyDoNotCover) {
   forged.chunks[id] += "x";
   PresignedPullSource refused(forged);
   EXPECT_EQ(refused.manifest().error(), "manifest URL -> HTTP 403");
-  EXPECT_EQ(refused.chunk(id).error(), "chunk URL -> HTTP 403");
+  EXPECT_EQ(refused.chunk({id, 1}).error(), "chunk URL -> HTTP 403");
 }
 
 }  // namespace

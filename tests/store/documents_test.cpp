@@ -1,3 +1,4 @@
+#include "base/json_reader.h"
 #include "store/documents.h"
 
 #include <gtest/gtest.h>
@@ -126,12 +127,12 @@ TEST_F(DocumentsTest, ConcurrentWritersOfOneDocumentNeverShowATornOrMissingFile)
 
 TEST_F(DocumentsTest, NestingTooDeepToParseIsNotAnObject) {
   const std::string deep = std::string(5000, '[') + std::string(5000, ']');
-  EXPECT_FALSE(parseJsonObject("{\"a\":" + deep + "}"));
-  EXPECT_FALSE(parseJsonObject(deep));
+  EXPECT_FALSE(base::parseJsonObject("{\"a\":" + deep + "}"));
+  EXPECT_FALSE(base::parseJsonObject(deep));
   writeRaw(dir() / "deep.json", "{\"a\":" + deep + "}");
   Json::Value value;
   EXPECT_FALSE(readJsonFile(dir() / "deep.json", value));
-  EXPECT_TRUE(parseJsonObject("{\"a\":" + std::string(50, '[') + std::string(50, ']') + "}"));
+  EXPECT_TRUE(base::parseJsonObject("{\"a\":" + std::string(50, '[') + std::string(50, ']') + "}"));
 }
 
 TEST_F(DocumentsTest, MissingOrMalformedFilesReadAsAbsentAndLeaveTheValueAlone) {

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "base/json_reader.h"
 #include "store/data_dir.h"
 #include "store/documents.h"
 #include "store/groups.h"
@@ -270,7 +271,7 @@ TEST_F(IdentityTest, ProfileTextIsCutToBytesThenControlBytesBecomeSpaces) {
 }
 
 TEST_F(IdentityTest, EffectiveChannelsAreFollowsThenGroupChannelsFirstOccurrenceOnly) {
-  auto json = [](const std::string& text) { return (*parseJsonObject(text))["v"]; };
+  auto json = [](const std::string& text) { return (*base::parseJsonObject(text))["v"]; };
   for (const auto& [name, channels] : {std::pair{"g1", R"(["a","c"])"}, {"g2", R"(["c","d"])"}}) {
     Json::Value group = newGroupRecord(name);
     group["channels"] = json(std::string(R"({"v":)") + channels + "}");
