@@ -18,7 +18,7 @@ struct FoundFile {
   std::uint64_t size = 0;
 };
 
-Result<std::vector<FoundFile>> listFiles(const fs::path& root) {
+Result<std::vector<FoundFile>> listFiles(const fs::path& root, const ScanOptions& options) {
   const auto walkError = [&](const std::error_code& ec) {
     return Failure{"walk error under " + root.string() + ": " + ec.message()};
   };
@@ -29,11 +29,24 @@ Result<std::vector<FoundFile>> listFiles(const fs::path& root) {
   for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (ec) return walkError(ec);
     const fs::file_status status = it->symlink_status(ec);
-    if (ec) return walkError(ec);
-    if (!fs::is_regular_file(status)) continue;
+    if (ec) {
+      if (options.tolerant) continue;
+      return walkError(ec);
+    }
+    const bool directory = fs::is_directory(status);
+    if (!directory && !fs::is_regular_file(status)) continue;
+    std::string relative = it->path().lexically_relative(root).generic_string();
+    if (options.skip && options.skip(relative, directory)) {
+      if (directory) it.disable_recursion_pending();
+      continue;
+    }
+    if (directory) continue;
     const std::uintmax_t size = it->file_size(ec);
-    if (ec) return Failure{"cannot stat " + it->path().string()};
-    found.push_back({it->path().lexically_relative(root).generic_string(), size});
+    if (ec) {
+      if (options.tolerant) continue;
+      return Failure{"cannot stat " + it->path().string()};
+    }
+    found.push_back({std::move(relative), size});
   }
   if (ec) return walkError(ec);
   // std::string compares as unsigned bytes: upper-case before lower-case, UTF-8 in code point
@@ -46,10 +59,10 @@ Result<std::vector<FoundFile>> listFiles(const fs::path& root) {
 }  // namespace
 
 Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
-                          const ScannedFileCallback& onFile) {
+                          const ScannedFileCallback& onFile, const ScanOptions& options) {
   std::error_code ec;
   if (!fs::exists(root, ec)) return Failure{"path not found: " + root.string()};
-  auto found = listFiles(root);
+  auto found = listFiles(root, options);
   if (!found) return Failure{found.error()};
 
   TreeScan scan;
@@ -57,7 +70,10 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
   for (FoundFile& file : found.value()) {
     const fs::path full = root / file.path;
     auto chunks = chunkFile(full, params);
-    if (!chunks) return Failure{chunks.error()};
+    if (!chunks) {
+      if (options.tolerant) continue;
+      return Failure{chunks.error()};
+    }
 
     ScannedFile scanned{std::move(file.path), file.size, {}};
     scanned.chunks.reserve(chunks.value().size());
@@ -66,14 +82,18 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
     for (const Chunk& chunk : chunks.value()) {
       gap = gap || chunk.offset != position;
       position += chunk.length;
-      if (seen.insert(chunk.hash).second) {
-        ++scan.stats.unique_chunks;
-        scan.stats.unique_bytes += chunk.length;
-      }
       scanned.chunks.push_back({chunk.hash, chunk.length});
     }
+    // A file that grew or shrank since it was listed: its chunks describe neither size.
+    if (options.tolerant && (gap || position != scanned.size)) continue;
     if (gap) return Failure{"chunk gap in " + full.string()};
     if (position != scanned.size) return Failure{"chunk coverage mismatch in " + full.string()};
+    for (const ChunkRef& chunk : scanned.chunks) {
+      if (seen.insert(chunk.h).second) {
+        ++scan.stats.unique_chunks;
+        scan.stats.unique_bytes += chunk.n;
+      }
+    }
     if (onFile) onFile(full, chunks.value());
 
     ++scan.stats.files;

@@ -55,7 +55,18 @@ struct TreeScan {
 // scan goes on.
 using ScannedFileCallback =
     std::function<void(const std::filesystem::path& file, const std::vector<Chunk>& chunks)>;
+
+// What a scan leaves out.
+struct ScanOptions {
+  // Called with each entry's relative path (forward slashes) and whether it is a directory; true
+  // leaves it out, with everything below it.
+  std::function<bool(std::string_view relative, bool directory)> skip;
+  // A file that cannot be read, vanishes or changes size while it is chunked is left out instead
+  // of failing the scan: for trees that others write to while they are scanned.
+  bool tolerant = false;
+};
+
 Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params,
-                          const ScannedFileCallback& onFile = {});
+                          const ScannedFileCallback& onFile = {}, const ScanOptions& options = {});
 
 }  // namespace quill::rill
