@@ -18,6 +18,12 @@ constexpr std::size_t kSnapshotNameLength = 20;
 constexpr std::string_view kChannelsPrefix = "channels/";
 constexpr std::string_view kManifestSuffix = "/manifest.json";
 
+// The documents of the data directory that hold secrets (credentials, keys): restored owner-only.
+bool holdsSecrets(std::string_view path) {
+  return path == "rill.json" || path == "backup.json" || path == "sso.json" ||
+         path == "backup.key" || path.ends_with(".key");
+}
+
 }  // namespace
 
 std::string snapshotNameAt(std::chrono::system_clock::time_point when) {
@@ -115,7 +121,9 @@ rill::Result<RestoreStats> restoreSnapshot(
   rill::PullOptions options;
   options.channel = name;
   options.progress = progress;
+  options.ownerOnly = holdsSecrets;
   auto report = rill::pullChannel(source, target, options);
+  rill::removePullState(target);
   if (!report) return rill::Failure{report.error()};
   std::string error;
   if (!store::DataDir(target).prepare(error)) return rill::Failure{error};

@@ -1,13 +1,12 @@
 #include "rill/manifest.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
 
-#include <memory>
 #include <sstream>
 #include <unordered_set>
 
+#include "base/json_reader.h"
 #include "rill/chunk_id.h"
 
 namespace quill::rill {
@@ -64,7 +63,8 @@ bool readText(const Json::Value& object, const char* name, std::string& out) {
   return true;
 }
 
-Result<ScannedFile> readFile(const Json::Value& entry, std::size_t index) {
+Result<ScannedFile> readFile(const Json::Value& entry, std::size_t index,
+                             const ChunkerParams& chunker) {
   const std::string where = "files[" + std::to_string(index) + "]";
   ScannedFile file;
   if (!entry.isObject() || !readText(entry, "path", file.path) ||
@@ -78,6 +78,7 @@ Result<ScannedFile> readFile(const Json::Value& entry, std::size_t index) {
         !isChunkId(chunk.h) || chunk.n == 0) {
       return parseError(where + " has a malformed chunk");
     }
+    if (chunk.n > chunker.max) return parseError(where + " has a chunk longer than the chunker's max");
     covered += chunk.n;
     file.chunks.push_back(std::move(chunk));
   }
@@ -101,17 +102,10 @@ std::string serializeManifest(const Manifest& manifest) {
 }
 
 Result<Manifest> parseManifest(std::string_view text) {
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-    std::string first = errors.substr(0, errors.find('\n'));
-    return parseError(first.empty() ? "not JSON" : first);
-  }
-  if (!root.isObject()) return parseError("not a JSON object");
+  std::string reason;
+  const auto parsed = base::parseJsonObject(text, &reason, {.maxBytes = kMaxManifestBytes});
+  if (!parsed) return parseError(reason);
+  const Json::Value& root = *parsed;
   if (!root["schema"].isInt() || root["schema"].asInt() != kManifestSchema) {
     return Failure{"unsupported manifest schema"};
   }
@@ -122,6 +116,10 @@ Result<Manifest> parseManifest(std::string_view text) {
     return parseError("chunker needs min, avg and max");
   }
   if (auto bad = checkChunkerParams(m.chunker)) return parseError("chunker: " + *bad);
+  if (m.chunker.min < kMinChunkerSize || m.chunker.max > kMaxChunkerSize) {
+    return parseError("chunker: sizes must lie between " + std::to_string(kMinChunkerSize) +
+                      " and " + std::to_string(kMaxChunkerSize) + " bytes");
+  }
   if (!readText(root, "channel", m.channel) || !readText(root, "build", m.build) ||
       !readText(root, "created", m.created)) {
     return parseError("channel, build and created must be strings");
@@ -129,7 +127,7 @@ Result<Manifest> parseManifest(std::string_view text) {
   if (!root["files"].isArray()) return parseError("files must be an array");
   std::unordered_set<std::string> seen;
   for (Json::ArrayIndex i = 0; i < root["files"].size(); ++i) {
-    auto file = readFile(root["files"][i], i);
+    auto file = readFile(root["files"][i], i, m.chunker);
     if (!file) return Failure{file.error()};
     for (const ChunkRef& chunk : file.value().chunks) {
       if (seen.insert(chunk.h).second) {

@@ -14,8 +14,13 @@ namespace quill::rill {
 
 inline constexpr int kManifestSchema = 1;
 inline constexpr const char* kChunkerAlgo = "fastcdc-gear";
-// A manifest longer than this is refused unread (a million-chunk build takes about a third).
-inline constexpr std::uint64_t kMaxManifestBytes = 64 * 1024 * 1024;
+// A manifest longer than this is refused unread: some 300,000 chunks, over a terabyte of build at
+// the default chunk sizes, while parsing it stays far below a few hundred MiB.
+inline constexpr std::uint64_t kMaxManifestBytes = 32 * 1024 * 1024;
+// The chunker sizes a reader accepts: beyond them a store could make a reader cut an existing
+// directory into millions of chunks, or hold gigabytes per chunk.
+inline constexpr std::uint64_t kMinChunkerSize = 1024;
+inline constexpr std::uint64_t kMaxChunkerSize = 64 * 1024 * 1024;
 // A signature object is 128 hexadecimal characters; anything much longer is not one.
 inline constexpr std::uint64_t kMaxSignatureBytes = 4096;
 
@@ -35,9 +40,11 @@ std::string signatureKey(std::string_view channel);
 std::string serializeManifest(const Manifest& manifest);
 
 // Reads the stored form. Fails with "manifest parse error: <reason>" when the text is not a
-// manifest (not JSON, a member missing or of the wrong type, a chunk id that is not 64 lower-case
-// hexadecimal characters, chunk lengths that do not add up to the file size) and with
-// "unsupported manifest schema" when `schema` is not 1. File paths are not judged here (see
+// manifest (longer than kMaxManifestBytes, not JSON or nested too deep, a member missing or of the
+// wrong type, chunker sizes outside kMinChunkerSize..kMaxChunkerSize, a chunk id that is not 64
+// lower-case hexadecimal characters, a chunk of 0 bytes or longer than the chunker's `max`, chunk
+// lengths that do not add up to the file size) and with "unsupported manifest schema" when
+// `schema` is not 1. Never throws; memory stays proportional to the text. File paths are not judged here (see
 // isSafeManifestPath).
 Result<Manifest> parseManifest(std::string_view text);
 

@@ -67,7 +67,11 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
 
   TreeScan scan;
   std::unordered_set<std::string> seen;
+  std::uint64_t chunkBudget = options.maxChunks;
   for (FoundFile& file : found.value()) {
+    const std::uint64_t mostChunks = file.size / std::max<std::uint64_t>(params.min, 1) + 1;
+    if (mostChunks > chunkBudget) continue;
+    chunkBudget -= mostChunks;
     const fs::path full = root / file.path;
     auto chunks = chunkFile(full, params);
     if (!chunks) {
@@ -88,14 +92,14 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
     if (options.tolerant && (gap || position != scanned.size)) continue;
     if (gap) return Failure{"chunk gap in " + full.string()};
     if (position != scanned.size) return Failure{"chunk coverage mismatch in " + full.string()};
+    if (onFile) onFile(full, chunks.value());
+    if (!options.collect) continue;
     for (const ChunkRef& chunk : scanned.chunks) {
       if (seen.insert(chunk.h).second) {
         ++scan.stats.unique_chunks;
         scan.stats.unique_bytes += chunk.n;
       }
     }
-    if (onFile) onFile(full, chunks.value());
-
     ++scan.stats.files;
     scan.stats.total_bytes += scanned.size;
     scan.files.push_back(std::move(scanned));

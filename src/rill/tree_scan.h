@@ -64,6 +64,12 @@ struct ScanOptions {
   // A file that cannot be read, vanishes or changes size while it is chunked is left out instead
   // of failing the scan: for trees that others write to while they are scanned.
   bool tolerant = false;
+  // Without `collect` the result holds no files and no statistics: only `onFile` sees each file's
+  // chunks, so memory does not grow with the tree.
+  bool collect = true;
+  // Files are chunked only while the chunks they can hold (size / min + 1 each) add up to at most
+  // this many; the others are left out. Bounds the work that foreign chunker sizes can cause.
+  std::uint64_t maxChunks = UINT64_MAX;
 };
 
 Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params,

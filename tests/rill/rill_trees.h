@@ -10,6 +10,7 @@
 #include <string>
 
 #include "rill/chunker.h"
+#include "rill/pull.h"
 
 namespace quill::rill::test {
 
@@ -44,11 +45,15 @@ inline std::string readFile(const std::filesystem::path& path) {
 }
 
 // Every regular file under `root`: relative path -> content.
+// Every file below `root` and its content, leaving out what a pull keeps for itself.
 inline std::map<std::string, std::string> treeContent(const std::filesystem::path& root) {
   std::map<std::string, std::string> out;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-    if (entry.is_regular_file()) {
-      out[entry.path().lexically_relative(root).generic_string()] = readFile(entry.path());
+  for (auto it = std::filesystem::recursive_directory_iterator(root);
+       it != std::filesystem::recursive_directory_iterator(); ++it) {
+    if (it->path().filename() == kPullStateDir) {
+      it.disable_recursion_pending();
+    } else if (it->is_regular_file()) {
+      out[it->path().lexically_relative(root).generic_string()] = readFile(it->path());
     }
   }
   return out;
