@@ -176,7 +176,12 @@ class FileAssembly {
   Result<bool> openPart() {
     if (fd_) return true;
     const mode_t mode = ownerOnly_ ? 0600 : 0644;
-    fd_.reset(::openat(partsFd_, name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, mode));
+    const int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    fd_.reset(::openat(partsFd_, name_.c_str(), flags, mode));
+    // Something planted a link under the part's name: it goes, unfollowed.
+    if (!fd_ && errno == ELOOP && ::unlinkat(partsFd_, name_.c_str(), 0) == 0) {
+      fd_.reset(::openat(partsFd_, name_.c_str(), flags | O_EXCL, mode));
+    }
     // A part left by an earlier pull keeps the mode it was made with.
     if (!fd_ || (ownerOnly_ && ::fchmod(fd_.get(), 0600) != 0)) {
       fd_.reset();

@@ -94,6 +94,11 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
 };
 
 TEST_F(SnapshotEngineTest, RestoreGivesBackEveryFileAndTheStandardDirectories) {
+  // Empty build files, a file named like another's temporary, and secrets.
+  writeFile(data() / "builds/b1/d/also-empty", "");
+  writeFile(data() / "builds/b1/app.bin.part", "not a temporary");
+  writeFile(data() / "backup.key", std::string(64, 'a') + "\n");
+  writeFile(data() / "rill.json", R"({"secret_key":"s"})");
   const Tree before = treeContent(data());
   auto first = run(kA);
   ASSERT_TRUE(first) << first.error();
@@ -114,6 +119,12 @@ TEST_F(SnapshotEngineTest, RestoreGivesBackEveryFileAndTheStandardDirectories) {
   ASSERT_TRUE(restored) << restored.error();
   EXPECT_EQ(restored.value().files, before.size());
   EXPECT_EQ(treeContent(target), before);
+  EXPECT_FALSE(fs::exists(target / rill::kPullStateDir));
+  for (const char* secret : {"backup.key", "rill.json"}) {
+    EXPECT_EQ(fs::status(target / secret).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write)
+        << secret;
+  }
   for (const char* standard :
        {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
     EXPECT_TRUE(fs::is_directory(target / standard)) << standard;

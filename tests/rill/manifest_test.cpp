@@ -58,6 +58,22 @@ TEST(ManifestTest, RefusesWhatIsNotAManifest) {
       {replaced(good, chunkId("aaaa"), "ABC"), "manifest parse error: files[0] has a"},
       {replaced(good, "\"channel\" : \"nightly\"", "\"channel\" : 7"), "manifest parse error: "},
       {replaced(good, "\"min\" : 1048576", "\"min\" : 99999999"), "manifest parse error: chunker"},
+      // What a hostile store could use to make a reader allocate or work without bound.
+      {replaced(replaced(replaced(good, "\"min\" : 1048576", "\"min\" : 1"), "\"avg\" : 4194304",
+                         "\"avg\" : 1"),
+                "\"max\" : 16777216", "\"max\" : 1"),
+       "manifest parse error: chunker: sizes must lie between 1024 and 67108864 bytes"},
+      {replaced(good, "\"max\" : 16777216", "\"max\" : 1099511627776"),
+       "manifest parse error: chunker: sizes"},
+      {replaced(replaced(good, "\"n\" : 4", "\"n\" : 1099511627776"), "\"size\" : 4",
+                "\"size\" : 1099511627776"),
+       "manifest parse error: files[0] has a chunk longer than the chunker's max"},
+      {replaced(replaced(good, "\"n\" : 4", "\"n\" : 18446744073709551615"), "\"size\" : 4",
+                "\"size\" : 18446744073709551615"),
+       "manifest parse error: files[0] has a chunk longer"},
+      {"{\"files\":" + std::string(200000, '[') + std::string(200000, ']') + "}",
+       "manifest parse error: nested too deep"},
+      {std::string(kMaxManifestBytes + 1, ' '), "manifest parse error: too large"},
   };
   for (const auto& c : cases) {
     auto parsed = parseManifest(c.text);

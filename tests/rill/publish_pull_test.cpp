@@ -129,6 +129,55 @@ TEST_F(PublishPullTest, InterruptedPullCompletesOnTheNextRunReusingWhatArrived) 
   }
 }
 
+TEST_F(PublishPullTest, PullFollowsShapeChangesAndNeverWritesThroughLinks) {
+  // Empty files in subdirectories, and a file named like another's temporary.
+  writeFile(source() / "d/also-empty", "");
+  writeFile(source() / "data.pak", test::randomBytes(40 * 1024, 3));
+  writeFile(source() / "data.pak.part", std::string(1000, 'p'));
+  writeFile(source() / "link/pwn.txt", "pwned");
+  writeFile(source() / "f.txt", "new f");
+  ASSERT_TRUE(publish(options()));
+
+  // Links planted in the target: to a directory outside it, to a file outside it, and under the
+  // name of a part being assembled.
+  const fs::path outside = dir() / "outside";
+  fs::create_directories(outside);
+  writeFile(outside / "victim", "precious");
+  fs::create_directories(target() / kPullStateDir / "parts");
+  fs::create_directory_symlink(outside, target() / "link");
+  fs::create_symlink(outside / "victim", target() / "f.txt");
+  fs::create_symlink(outside / "victim",
+                     target() / kPullStateDir / "parts" / chunkId("data.pak").substr(0, 32));
+  auto pulled = pull();
+  ASSERT_TRUE(pulled) << pulled.error();
+  EXPECT_EQ(treeContent(target()), treeContent(source()));
+  EXPECT_EQ(treeContent(outside), (std::map<std::string, std::string>{{"victim", "precious"}}));
+  EXPECT_FALSE(fs::is_symlink(target() / "link"));
+
+  // The next build turns a file into a directory and a directory into a file, and drops files;
+  // a file the pull never installed stays.
+  writeFile(target() / "mine.txt", "mine");
+  fs::remove_all(source());
+  writeFile(source() / "data.pak/inner", "now a directory");
+  writeFile(source() / "d", "now a file");
+  writeFile(source() / "link/pwn.txt", "pwned");
+  ASSERT_TRUE(publish(options("nightly", true)));
+  auto next = pull();
+  ASSERT_TRUE(next) << next.error();
+  auto expected = treeContent(source());
+  expected["mine.txt"] = "mine";
+  EXPECT_EQ(treeContent(target()), expected);
+
+  // A directory holding files the pull did not install is not replaced by a file.
+  writeFile(target() / "data.pak/mine", "mine too");
+  fs::remove_all(source());
+  writeFile(source() / "data.pak", "a file again");
+  ASSERT_TRUE(publish(options("nightly", true)));
+  EXPECT_EQ(pull().error(), "cannot replace directory " + (target() / "data.pak").string() +
+                                " with a file (it holds other files)");
+  EXPECT_EQ(test::readFile(target() / "data.pak/mine"), "mine too");
+}
+
 TEST_F(PublishPullTest, PullRefusesTamperedWrongAndUnsignedBuilds) {
   const SigningKeyPair keys = generateSigningKeyPair();
   PublishOptions signedOptions = options();
