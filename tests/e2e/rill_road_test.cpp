@@ -62,6 +62,18 @@ class RillRoadE2E : public ::testing::Test {
     return client_.fetch(method, server_->url(path), body, bearer(token_));
   }
 
+  // Gives the server the peer's bucket and makes `channel` a rill channel.
+  void serveFromBucket(const std::string& channel) {
+    Json::Value creds(Json::objectValue);
+    creds["endpoint"] = S3Peers::shared().endpoint();
+    creds["bucket"] = rill::test::kPeerBucket;
+    creds["access_key"] = rill::test::kPeerAccessKey;
+    creds["secret_key"] = rill::test::kPeerSecretKey;
+    const std::string body = Json::writeString(Json::StreamWriterBuilder(), creds);
+    ASSERT_EQ(asAdmin("PUT", "/api/storage", body).status, 200);
+    ASSERT_EQ(asAdmin("POST", "/api/channels/" + channel + "?engine=rill").status, 200);
+  }
+
   TempDir tmp_;
   std::string data_;
   std::string token_;
@@ -90,15 +102,7 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
       << published.out;
   EXPECT_EQ(published.err, "") << "no progress line when the output is not a terminal";
 
-  Json::Value creds(Json::objectValue);
-  creds["endpoint"] = S3Peers::shared().endpoint();
-  creds["bucket"] = rill::test::kPeerBucket;
-  creds["access_key"] = rill::test::kPeerAccessKey;
-  creds["secret_key"] = rill::test::kPeerSecretKey;
-  ASSERT_EQ(
-      asAdmin("PUT", "/api/storage", Json::writeString(Json::StreamWriterBuilder(), creds)).status,
-      200);
-  ASSERT_EQ(asAdmin("POST", "/api/channels/road?engine=rill").status, 200);
+  serveFromBucket("road");
 
   const fs::path tester = tmp_.path() / "tester";
   const auto pulled = pull("road", tester, publicKey);
@@ -144,6 +148,30 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
                                 std::regex("chunks ([0-9]+), new ([0-9]+), reused ([0-9]+)")));
   EXPECT_LT(std::stoi(m.str(2)), std::stoi(m.str(1))) << again.out;
   EXPECT_GT(std::stoi(m.str(3)), 0) << again.out;
+}
+
+TEST_F(RillRoadE2E, UpdatesFollowShapeChangesEmptyFilesAndClashingNames) {
+  serveFromBucket("shapes");
+  const fs::path source = tmp_.path() / "build";
+  const fs::path tester = tmp_.path() / "tester";
+  rill::test::writeFile(source / "d/also-empty", "");
+  rill::test::writeFile(source / "data.pak", rill::test::randomBytes(3 << 20, 5));
+  rill::test::writeFile(source / "data.pak.part", std::string(1000, 'p'));
+  rill::test::writeFile(source / "a", "a file");
+  ASSERT_EQ(publish(source, "shapes").exitCode, 0);
+  auto pulled = pull("shapes", tester);
+  ASSERT_EQ(pulled.exitCode, 0) << pulled.err;
+  EXPECT_EQ(treeContent(tester), treeContent(source));
+
+  // The next build: a file becomes a directory, a directory a file, a file is dropped.
+  fs::remove_all(source);
+  rill::test::writeFile(source / "a/inside", "now a directory");
+  rill::test::writeFile(source / "d", "now a file");
+  rill::test::writeFile(source / "data.pak", rill::test::randomBytes(3 << 20, 5));
+  ASSERT_EQ(publish(source, "shapes").exitCode, 0);
+  pulled = pull("shapes", tester);
+  ASSERT_EQ(pulled.exitCode, 0) << pulled.err;
+  EXPECT_EQ(treeContent(tester), treeContent(source));
 }
 
 TEST_F(RillRoadE2E, ToolRefusesBadCommandLines) {
