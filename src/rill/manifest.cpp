@@ -3,6 +3,7 @@
 #include <json/value.h>
 #include <json/writer.h>
 
+#include <optional>
 #include <sstream>
 #include <unordered_set>
 
@@ -86,6 +87,25 @@ Result<ScannedFile> readFile(const Json::Value& entry, std::size_t index,
   return file;
 }
 
+// A path named twice, or named both as a file and as a directory of another file: no tree holds
+// both, and a pull would have to drop one of them.
+std::optional<std::string> pathClash(const std::vector<ScannedFile>& files) {
+  std::unordered_set<std::string_view> paths;
+  for (const ScannedFile& file : files) {
+    if (!paths.insert(file.path).second) return "path " + file.path + " is named twice";
+  }
+  for (const ScannedFile& file : files) {
+    for (std::size_t slash = file.path.find('/'); slash != std::string::npos;
+         slash = file.path.find('/', slash + 1)) {
+      const std::string_view directory = std::string_view(file.path).substr(0, slash);
+      if (paths.contains(directory)) {
+        return "path " + std::string(directory) + " is both a file and a directory";
+      }
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::string manifestKey(std::string_view channel) {
@@ -139,6 +159,7 @@ Result<Manifest> parseManifest(std::string_view text) {
     m.tree.stats.total_bytes += file.value().size;
     m.tree.files.push_back(std::move(file).value());
   }
+  if (auto clash = pathClash(m.tree.files)) return parseError(*clash);
   return m;
 }
 

@@ -43,6 +43,14 @@ TEST(ManifestTest, StoredFormRoundTrips) {
   EXPECT_EQ(serializeManifest(back.value()), text);
 }
 
+// The sample with one empty file per path.
+Manifest withPaths(std::initializer_list<const char*> paths) {
+  Manifest m = sample();
+  m.tree.files.clear();
+  for (const char* path : paths) m.tree.files.push_back({path, 0, {}});
+  return m;
+}
+
 TEST(ManifestTest, RefusesWhatIsNotAManifest) {
   const std::string good = serializeManifest(sample());
   EXPECT_EQ(parseManifest(replaced(good, "\"schema\" : 1", "\"schema\" : 2")).error(),
@@ -74,6 +82,9 @@ TEST(ManifestTest, RefusesWhatIsNotAManifest) {
       {"{\"files\":" + std::string(200000, '[') + std::string(200000, ']') + "}",
        "manifest parse error: nested too deep"},
       {std::string(kMaxManifestBytes + 1, ' '), "manifest parse error: too large"},
+      {serializeManifest(withPaths({"a", "a"})), "manifest parse error: path a is named twice"},
+      {serializeManifest(withPaths({"a", "a-b", "a/b"})),
+       "manifest parse error: path a is both a file and a directory"},
   };
   for (const auto& c : cases) {
     auto parsed = parseManifest(c.text);
