@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <thread>
 
 #include "app/routes.h"
@@ -69,6 +70,7 @@ std::string startupBanner(const Context& ctx, bool anyTokenExists) {
 }
 
 int runServer(Context& ctx) {
+  const auto startedAt = std::filesystem::file_time_type::clock::now();
   if (sodium_init() < 0) {
     std::fputs("rill-core: libsodium failed to initialise\n", stderr);
     std::abort();
@@ -85,6 +87,9 @@ int runServer(Context& ctx) {
   }
   // Bodies of uploads that a crash or a kill cut short: nothing references them.
   builds::removeUploadLeftovers(ctx.data);
+  // Temporaries of document writes that a crash cut short; those of an offline command writing
+  // right now are younger than this server.
+  ctx.data.removeDocumentLeftovers(startedAt);
   bool anyToken = !store::listJsonDir(ctx.data.tokens()).empty();
   std::fputs(startupBanner(ctx, anyToken).c_str(), stdout);
   std::fflush(stdout);

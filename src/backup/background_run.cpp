@@ -3,11 +3,27 @@
 #include <cstdio>
 #include <thread>
 
+#include "backup/backup_texts.h"
+
 namespace quill::backup {
 
 bool claimRunningFlag(BackupRuntime& runtime) {
   bool expected = false;
   return runtime.running.compare_exchange_strong(expected, true);
+}
+
+RunDone printRunOutcome(std::string what) {
+  return [what = std::move(what)](const rill::Result<RunReport>& outcome) {
+    if (!outcome) {
+      std::fprintf(stderr, "%s failed: %s\n", what.c_str(), outcome.error().c_str());
+    } else if (!outcome.value().unrecorded.empty()) {
+      std::fprintf(stderr, "%s %s done (%s%s)\n", what.c_str(), outcome.value().snapshot.c_str(),
+                   text::kNotRecorded, outcome.value().unrecorded.c_str());
+    } else {
+      std::printf("%s %s done\n", what.c_str(), outcome.value().snapshot.c_str());
+    }
+    std::fflush(stdout);
+  };
 }
 
 void startDetachedRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,

@@ -15,6 +15,11 @@ bool claimRunningFlag(BackupRuntime& runtime);
 
 using RunDone = std::function<void(const rill::Result<RunReport>&)>;
 
+// A RunDone that prints "<what> <snapshot> done" to standard output, or "<what> failed: <text>" to
+// standard error; a run that could not write backup-state.json goes to standard error with
+// " (not recorded: cannot write <path>)" after it.
+RunDone printRunOutcome(std::string what);
+
 // Runs runBackup(dataDir, name, hooks) on a new detached thread, hands its outcome to `done`, and
 // clears the running flag as the thread's last act (so `runtime` must outlive the run, and nothing
 // else is touched after the flag is clear). The caller must have claimed the flag.

@@ -92,6 +92,11 @@ int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   out << "backup " << report.value().snapshot << ": " << s.chunks << " chunk(s), " << s.uploaded
       << " new (" << s.bytes << " bytes -> " << s.storedBytes << " stored, encrypted), "
       << s.alreadyPresent << " already in the bucket\n";
+  // The snapshot is stored, but neither the server nor `backup list` users will learn of it.
+  if (!report.value().unrecorded.empty()) {
+    return fail(err, "backup " + report.value().snapshot + " " + text::kNotRecorded +
+                         report.value().unrecorded);
+  }
   return kOk;
 }
 

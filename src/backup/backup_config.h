@@ -46,7 +46,8 @@ rill::Result<BackupConfig> configFromDocument(const Json::Value& doc);
 rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile);
 
 // Writes endpoint, region, bucket, access_key, secret_key, key_file and, when not empty, prefix.
-// Any schedule stored in the file is dropped. True when the document was replaced whole.
+// Any schedule stored in the file is dropped. True when the document was replaced whole. The file
+// holds the bucket's secret, so only its owner may read it (as writeSchedule leaves it too).
 bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config);
 
 // The schedule of the file (daily_at defaulting to "", keep to 0), or nullopt when there is no

@@ -38,24 +38,28 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
   const std::string snapshot =
       name.empty() ? snapshotNameAt(std::chrono::system_clock::now()) : name;
-  if (!lock) {
-    writeBackupState(dataDir, snapshot, false, lock.error());
-    return rill::Failure{lock.error()};
-  }
+  // The record is how the server and its users learn the outcome: a run that cannot write it
+  // says so itself.
+  const auto record = [&](bool ok, const std::string& error) {
+    if (writeBackupState(dataDir, snapshot, ok, error)) return std::string();
+    return "cannot write " + backupStatePath(dataDir).string();
+  };
+  const auto failed = [&](const std::string& error) {
+    const std::string unrecorded = record(false, error);
+    if (unrecorded.empty()) return rill::Failure{error};
+    return rill::Failure{error + " (" + text::kNotRecorded + unrecorded + ")"};
+  };
+  if (!lock) return failed(lock.error());
   rill::StorageProvider& store = *opened.value().store;
   auto stats = publishSnapshot(store, dataDir, snapshot, hooks.progress);
-  if (!stats) {
-    writeBackupState(dataDir, snapshot, false, stats.error());
-    return rill::Failure{stats.error()};
-  }
+  if (!stats) return failed(stats.error());
   std::string error;
   const std::optional<Schedule> schedule = readSchedule(backupConfigPath(dataDir));
   if (schedule && schedule->keep >= 1) {
     auto pruned = pruneSnapshots(store, schedule->keep, hooks.onRemoved);
     if (!pruned) error = text::kPruneFailedAfterBackup + pruned.error();
   }
-  writeBackupState(dataDir, snapshot, true, error);
-  return RunReport{snapshot, stats.value()};
+  return RunReport{snapshot, stats.value(), record(true, error)};
 }
 
 rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks) {

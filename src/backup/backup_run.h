@@ -30,6 +30,8 @@ struct RunHooks {
 struct RunReport {
   std::string snapshot;
   RunStats stats;
+  // Empty when backup-state.json was written, else "cannot write <path>".
+  std::string unrecorded;
 };
 
 // The store described by `config`: openStore when given, else openBackupStore.
@@ -41,7 +43,8 @@ rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
 // snapshot (`name`, or the current UTC time when empty), publish it, and prune to the schedule's
 // `keep` when that is at least 1. The outcome is recorded in backup-state.json: a failed publish
 // with ok false and its text; a failed prune with ok true and "backup ok; prune failed: <text>",
-// which still returns the report.
+// which still returns the report. When the record cannot be written, a failure's text ends in
+// " (not recorded: cannot write <path>)" and a report's `unrecorded` says so.
 rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
                                   const RunHooks& hooks = {});
 

@@ -53,5 +53,7 @@ inline constexpr const char* kCheckKeyFile =
 
 // Outcomes recorded in backup-state.json.
 inline constexpr const char* kPruneFailedAfterBackup = "backup ok; prune failed: ";
+// A run whose outcome could not be written to backup-state.json says so with this.
+inline constexpr const char* kNotRecorded = "not recorded: ";
 
 }  // namespace quill::backup::text

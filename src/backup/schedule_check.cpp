@@ -1,7 +1,5 @@
 #include "backup/schedule_check.h"
 
-#include <cstdio>
-
 #include "backup/background_run.h"
 #include "backup/backup_config.h"
 
@@ -11,15 +9,6 @@ namespace {
 
 std::string twoDigits(int value) {
   return std::string(1, static_cast<char>('0' + value / 10)) + static_cast<char>('0' + value % 10);
-}
-
-void reportScheduledRun(const rill::Result<RunReport>& outcome) {
-  if (outcome) {
-    std::printf("scheduled backup %s done\n", outcome.value().snapshot.c_str());
-  } else {
-    std::fprintf(stderr, "scheduled backup failed: %s\n", outcome.error().c_str());
-  }
-  std::fflush(stdout);
 }
 
 }  // namespace
@@ -44,7 +33,7 @@ void checkSchedule(Context& ctx, std::time_t now) {
   if (!isScheduleDue(schedule->dailyAt, minute, ctx.backups.lastScheduledDate)) return;
   if (!claimRunningFlag(ctx.backups)) return;
   ctx.backups.lastScheduledDate = minute.date;
-  startDetachedRun(ctx.backups, ctx.data.root(), "", reportScheduledRun);
+  startDetachedRun(ctx.backups, ctx.data.root(), "", printRunOutcome("scheduled backup"));
 }
 
 }  // namespace quill::backup

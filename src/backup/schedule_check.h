@@ -24,8 +24,8 @@ bool isScheduleDue(const std::string& dailyAt, const LocalMinute& now, const std
 // One check at `now`: when backups are configured with a schedule that is due and no run is
 // active, remembers today's date and starts a run on its own thread; it prints
 // "scheduled backup <name> done" to standard output or "scheduled backup failed: <text>" to
-// standard error. While a run is active the check is skipped without remembering the date, so a
-// later check within the same minute can still fire.
+// standard error (printRunOutcome). While a run is active the check is skipped without remembering
+// the date, so a later check within the same minute can still fire.
 void checkSchedule(Context& ctx, std::time_t now);
 
 }  // namespace quill::backup

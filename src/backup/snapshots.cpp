@@ -6,6 +6,7 @@
 #include "rill/channel_store.h"
 #include "rill/manifest.h"
 #include "rill/pull_source.h"
+#include "rill/sealed_object.h"
 #include "store/data_dir.h"
 #include "store/utc_time.h"
 
@@ -48,6 +49,11 @@ rill::Result<RunStats> publishSnapshot(
   options.created = store::nowUtcText();
   options.compress = true;
   options.progress = progress;
+  // The server writes while the run reads: uploads in progress and document temporaries are left
+  // out, and a file that changes or vanishes meanwhile is taken as it was or not at all.
+  options.scan.skip = store::DataDir::isWorkInProgress;
+  options.scan.followLink = store::DataDir::isVolumeLink;
+  options.scan.tolerant = true;
   auto report = rill::publishDirectory(store, dataDir, options);
   if (!report) return rill::Failure{report.error()};
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
@@ -55,9 +61,10 @@ rill::Result<RunStats> publishSnapshot(
   stats.files = scan.files;
   stats.chunks = scan.unique_chunks;
   stats.uploaded = report.value().uploaded;
-  stats.alreadyPresent = stats.chunks - stats.uploaded;
+  stats.alreadyPresent = report.value().present;
   stats.bytes = scan.total_bytes;
-  stats.storedBytes = report.value().storedBytes;
+  // What reached the bucket: every object the publisher stored was sealed on the way.
+  stats.storedBytes = report.value().storedBytes + stats.uploaded * rill::kSealedOverhead;
   return stats;
 }
 

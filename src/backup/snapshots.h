@@ -36,10 +36,13 @@ struct RunStats {
   std::uint64_t storedBytes = 0;     // bytes written for the new chunks, compressed and sealed
 };
 
-// Publishes `dataDir` as channel `name`, compressed, never forced: the publisher's messages
-// ("cannot reach store: ...", "channel '<name>' already published (use --force to overwrite)",
-// "chunk hash mismatch reading <path> (file changed under us?)", ...). The manifest is written
-// last, so a snapshot that lists names only chunks already stored.
+// Publishes `dataDir` as channel `name` to `store`, a sealing (encrypted) store, compressed,
+// never forced. The snapshot holds every regular file but the work in progress of
+// DataDir::isWorkInProgress, and follows the links of DataDir::isVolumeLink as directories; a file
+// that changes or vanishes during the run is taken as it was when it was read, or left out. Fails
+// with the publisher's messages ("cannot reach store: ...", "channel '<name>' already published
+// (use --force to overwrite)", ...). The manifest is written last, so a snapshot that lists names
+// only chunks already stored.
 rill::Result<RunStats> publishSnapshot(
     rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
     const std::function<void(const rill::PublishProgress&)>& progress = {});

@@ -111,6 +111,7 @@ std::filesystem::path uploadBodyFile(const Request& req, Context& ctx) {
 
 Response uploadFile(const Request& req, Context& ctx) {
   if (auto refusal = uploadCheck(req, ctx)) return *refusal;
+  if (req.bodyLost) return http::errorResponse(500, text::kStoreFailed);
   const std::string& id = req.segment();
   const std::string path = *safePath(req);
   std::error_code ec;

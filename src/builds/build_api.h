@@ -14,7 +14,8 @@ using handler::Response;
 // finalized), so uploadCheck runs before the body is read; the body is streamed into the file
 // named by uploadBodyFile (on the build's file system but outside files/, so a broken upload
 // never reaches a manifest) and uploadFile flushes it and renames it into place, unless the build
-// was finalized meanwhile.
+// was finalized meanwhile. A body that could not be stored (a full disk) answers 500 like a failed
+// placement.
 std::optional<Response> uploadCheck(const Request& req, Context& ctx);
 std::filesystem::path uploadBodyFile(const Request& req, Context& ctx);
 Response uploadFile(const Request& req, Context& ctx);

@@ -11,8 +11,8 @@ namespace quill::builds {
 
 namespace {
 
-constexpr const char* kSharedStaging = "~incoming";
-constexpr const char* kBuildStaging = "incoming";
+constexpr std::string_view kSharedStaging = store::DataDir::kSharedUploadStaging;
+constexpr std::string_view kBuildStaging = store::DataDir::kBuildUploadStaging;
 
 // The build's own documents are never read through a link.
 bool isLink(const fs::path& path) {

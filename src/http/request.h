@@ -46,6 +46,9 @@ struct Request {
 
   std::string body;                // the body, when read into memory
   std::filesystem::path bodyFile;  // the body, when the route streams it to a file
+  // The route streams its body to a file, and it could not be stored (the disk is full, say):
+  // `bodyFile` is empty, and the connection closes after the answer.
+  bool bodyLost = false;
 
   std::string_view header(std::string_view name) const { return headers.get(name); }
   // The decoded query parameter `name`, or nullopt when absent.

@@ -87,6 +87,21 @@ struct DiscardBody {
   };
 };
 
+// The file a streamed body is written into, remembering that a write failed: the disk being full
+// is the route's to answer, where a failed read means the client went away.
+class BodyFile : public beast::file {
+ public:
+  std::size_t write(const void* buffer, std::size_t n, beast::error_code& ec) {
+    const std::size_t written = beast::file::write(buffer, n, ec);
+    if (ec) writeFailed_ = true;
+    return written;
+  }
+  bool writeFailed() const { return writeFailed_; }
+
+ private:
+  bool writeFailed_ = false;
+};
+
 // The last coding of a Transfer-Encoding list ("gzip, chunked" ends in "chunked"), lower-cased.
 std::string lastCoding(std::string_view list) {
   std::size_t comma = list.rfind(',');
@@ -270,6 +285,13 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void onBodyRead(beast::error_code ec) {
+    if (ec && fileParser_ && fileParser_->get().body().file().writeFailed()) {
+      stream_.expires_never();
+      loseBody();
+      asio::post(core_.workers,
+                 [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
+      return;
+    }
     if (ec) discardBodyFile();  // nothing of a partial body is kept
     if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
     if (ec && isMalformedBody(ec)) return answerAndClose(400, "malformed request");
@@ -429,7 +451,10 @@ class Session : public std::enable_shared_from_this<Session> {
     route_ = route;
     if (!req_.hasBody) return handle();
     if (route_->bodyFile) {
-      if (!openBodyFile()) return respond(errorResponse(500, "could not store request body"), true);
+      if (!openBodyFile()) {
+        loseBody();
+        return handle();
+      }
     } else if (route_->bodyLimit > 0) {
       // Refused before the parser reserves room for the announced length.
       if (req_.contentLength.value_or(0) > route_->bodyLimit) {
@@ -478,6 +503,15 @@ class Session : public std::enable_shared_from_this<Session> {
                                         close]() mutable { self->write(std::move(r), close); });
   }
 
+  // The body could not be stored where the route streams it (the disk is full, say): the route's
+  // handler answers as it would a failed write of its own, and the connection closes after that,
+  // the rest of the body unread.
+  void loseBody() {
+    discardBodyFile();
+    req_.bodyLost = true;
+    keepAlive_ = false;
+  }
+
   // Removes a streamed body the handler did not move into place (or that never completed).
   void discardBodyFile() {
     if (bodyFile_.empty()) return;
@@ -495,7 +529,7 @@ class Session : public std::enable_shared_from_this<Session> {
   bool keepAlive_ = false;
   std::optional<bhttp::request_parser<bhttp::empty_body>> head_;
   std::optional<bhttp::request_parser<bhttp::string_body>> stringParser_;
-  std::optional<bhttp::request_parser<bhttp::file_body>> fileParser_;
+  std::optional<bhttp::request_parser<bhttp::basic_file_body<BodyFile>>> fileParser_;
   std::optional<bhttp::request_parser<DiscardBody>> discardParser_;
   std::filesystem::path bodyFile_;
   Request req_;

@@ -1,5 +1,6 @@
 #include "rill/publish.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <semaphore>
@@ -9,6 +10,7 @@
 #include "rill/chunk_codec.h"
 #include "rill/chunk_reader.h"
 #include "rill/manifest_signature.h"
+#include "rill/pull.h"
 #include "rill/task_pool.h"
 
 namespace quill::rill {
@@ -49,22 +51,45 @@ class ChunkUploads {
     std::string error;
     const auto info = inListing(key) ? ObjectInfo{true, -1} : store_.exists(key, &error);
     if (!info) return fail("HEAD failed: " + error);
-    std::uint64_t stored = 0;
-    if (!info->present) {
-      transfers_.acquire();
-      const auto put = transfer(file, offset, length, id, key);
-      transfers_.release();
-      if (!put) return fail(put.error());
-      stored = put.value();
+    if (info->present) return done(length, std::nullopt);
+    transfers_.acquire();
+    auto stored = transfer(file, offset, length, id, key);
+    transfers_.release();
+    if (!stored) return fail(stored.error());
+    if (!stored.value()) return changed(file, id);
+    done(length, stored.value());
+  }
+
+  // For a tolerant publish, once the workers are done: stores each chunk that could not be read
+  // back from the file it was found in from another file that `tree` says holds it, then leaves
+  // out of `tree` every file that changed and every file naming a chunk still not stored, so the
+  // manifest names stored chunks only.
+  Result<bool> settleChangedFiles(const fs::path& dir, TreeScan& tree) {
+    if (unread_.empty()) return true;
+    for (const ScannedFile& scanned : tree.files) {
+      const fs::path file = dir / scanned.path;
+      std::uint64_t offset = 0;
+      for (const ChunkRef& chunk : scanned.chunks) {
+        const std::uint64_t at = offset;
+        offset += chunk.n;
+        if (!unread_.contains(chunk.h) || changed_.contains(file.string())) continue;
+        auto stored = transfer(file, at, chunk.n, chunk.h, store_.chunkKey(chunk.h));
+        if (!stored) return Failure{stored.error()};
+        if (!stored.value()) {
+          changed(file, chunk.h);
+          continue;
+        }
+        unread_.erase(chunk.h);
+        done(chunk.n, stored.value());
+      }
     }
-    std::lock_guard lock(mutex_);
-    ++progress_.chunksDone;
-    progress_.bytesDone += length;
-    if (!info->present) {
-      ++progress_.uploaded;
-      progress_.storedBytes += stored;
-    }
-    if (options_.progress) options_.progress(progress_);
+    std::erase_if(tree.files, [&](const ScannedFile& scanned) {
+      if (changed_.contains((dir / scanned.path).string())) return true;
+      return std::any_of(scanned.chunks.begin(), scanned.chunks.end(),
+                         [&](const ChunkRef& chunk) { return unread_.contains(chunk.h); });
+    });
+    tree.stats = statsOf(tree.files);
+    return true;
   }
 
   bool failed() const { return failed_; }
@@ -83,18 +108,39 @@ class ChunkUploads {
     return listingDone_ && listed_.contains(key);
   }
 
-  // Reads, checks, encodes and stores one chunk; the stored size.
-  Result<std::uint64_t> transfer(const fs::path& file, std::uint64_t offset, std::uint64_t length,
-                                 const std::string& id, const std::string& key) {
+  // Reads, checks, encodes and stores one chunk: the stored size, or nullopt when a tolerant
+  // publish finds that the file no longer holds the chunk.
+  Result<std::optional<std::uint64_t>> transfer(const fs::path& file, std::uint64_t offset,
+                                                std::uint64_t length, const std::string& id,
+                                                const std::string& key) {
     std::string object;
     slots_.acquire();
     auto bytes = readChunkAt(file, offset, length, id);
     if (bytes) object = encodeChunk(bytes.value(), options_.compress);
     slots_.release();
+    if (!bytes && options_.scan.tolerant) return std::optional<std::uint64_t>();
     if (!bytes) return Failure{bytes.error()};
     std::string error;
     if (!store_.put(key, object, &error)) return Failure{"PUT failed: " + error};
-    return static_cast<std::uint64_t>(object.size());
+    return std::optional<std::uint64_t>(object.size());
+  }
+
+  // Counts a chunk checked: found present (no `stored` size) or uploaded.
+  void done(std::uint64_t length, std::optional<std::uint64_t> stored) {
+    std::lock_guard lock(mutex_);
+    ++progress_.chunksDone;
+    progress_.bytesDone += length;
+    if (stored) {
+      ++progress_.uploaded;
+      progress_.storedBytes += *stored;
+    }
+    if (options_.progress) options_.progress(progress_);
+  }
+
+  void changed(const fs::path& file, const std::string& id) {
+    std::lock_guard lock(mutex_);
+    changed_.insert(file.string());
+    unread_.insert(id);
   }
 
   void fail(std::string reason) {
@@ -112,6 +158,8 @@ class ChunkUploads {
   PublishProgress progress_;
   bool listingDone_ = false;
   std::unordered_set<std::string> listed_;
+  std::unordered_set<std::string> changed_;  // files that no longer held a chunk they were cut into
+  std::unordered_set<std::string> unread_;   // ids of the chunks not stored because of that
 };
 
 // Lists the store's chunk keys for `uploads`. A listing answers for a thousand chunks per request,
@@ -124,6 +172,31 @@ void listChunks(StorageProvider& store, ChunkUploads& uploads) {
   std::unordered_set<std::string> keys;
   for (const ObjectEntry& entry : *entries) keys.insert(entry.key);
   uploads.listed(std::move(keys));
+}
+
+// Two publishes of one channel at once each write a manifest and then a signature, so the store
+// can end up holding one's manifest and the other's signature while both succeed. Each reads both
+// back once written: the one that finds another's there says so, and publishing again repairs it.
+Result<bool> checkStillOurs(StorageProvider& store, const std::string& channel,
+                            const std::string& manifest, const std::string& signature) {
+  const Failure raced{"another publish replaced channel '" + channel +
+                      "' meanwhile - publish again"};
+  std::string stored;
+  std::string error;
+  const std::uint64_t bound = std::max<std::uint64_t>(manifest.size(), kMaxManifestBytes);
+  if (!store.get(manifestKey(channel), stored, &error, bound)) {
+    return Failure{"GET failed: " + error};
+  }
+  if (stored != manifest) return raced;
+  const auto info = store.exists(signatureKey(channel), &error);
+  if (!info) return Failure{"HEAD failed: " + error};
+  if (info->present == signature.empty()) return raced;
+  if (signature.empty()) return true;
+  if (!store.get(signatureKey(channel), stored, &error, kMaxSignatureBytes)) {
+    return Failure{"GET failed: " + error};
+  }
+  if (stored != signature) return raced;
+  return true;
 }
 
 }  // namespace
@@ -142,14 +215,20 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
                    "' already published (use --force to overwrite)"};
   }
 
+  // A directory that pulls update keeps their staging area: never part of a build.
+  ScanOptions scanOptions = options.scan;
+  scanOptions.skip = [skip = options.scan.skip](std::string_view relative, bool directory) {
+    return relative == kPullStateDir || (skip && skip(relative, directory));
+  };
   ChunkUploads uploads(store, options);
   Result<TreeScan> scan = Failure{""};
   {
     std::jthread lister([&store, &uploads] { listChunks(store, uploads); });
     TaskPool pool(options.checkThreads ? options.checkThreads : defaultCheckThreads());
     std::unordered_set<std::string> queued;
-    scan =
-        scanTree(dir, options.chunker, [&](const fs::path& file, const std::vector<Chunk>& chunks) {
+    scan = scanTree(
+        dir, options.chunker,
+        [&](const fs::path& file, const std::vector<Chunk>& chunks) {
           for (const Chunk& chunk : chunks) {
             if (uploads.failed() || !queued.insert(chunk.hash).second) continue;
             uploads.found();
@@ -157,11 +236,14 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
               uploads.upload(file, chunk.offset, chunk.length, chunk.hash);
             });
           }
-        });
+        },
+        scanOptions);
     pool.wait();
   }
   if (uploads.failed()) return Failure{uploads.failure()};
   if (!scan) return Failure{scan.error()};
+  auto settled = uploads.settleChangedFiles(dir, scan.value());
+  if (!settled) return Failure{settled.error()};
 
   PublishReport report;
   report.manifest = {options.chunker, options.channel, options.build, options.created,
@@ -184,8 +266,11 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
       !store.remove(signatureKey(options.channel), &error)) {
     return Failure{"DELETE failed: " + error};
   }
+  auto settledInStore = checkStillOurs(store, options.channel, text, signature);
+  if (!settledInStore) return Failure{settledInStore.error()};
   const PublishProgress done = uploads.progress();
   report.uploaded = done.uploaded;
+  report.present = done.chunksDone - done.uploaded;
   report.storedBytes = done.storedBytes;
   return report;
 }

@@ -1,5 +1,7 @@
 #include "rill/tree_scan.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <system_error>
 #include <unordered_set>
@@ -18,29 +20,71 @@ struct FoundFile {
   std::uint64_t size = 0;
 };
 
+// The directories from the root down to the entry being looked at, by identity, so that a
+// followed link leading back into one of them is not walked in circles.
+class Ancestors {
+ public:
+  explicit Ancestors(const fs::path& root) { enter(-1, root); }
+
+  // Records `dir`, an entry at `depth` (the root's own entries are at 0) about to be walked into;
+  // false when it is one of its own ancestors.
+  bool enter(int depth, const fs::path& dir) {
+    struct stat st {};
+    // What cannot be looked at here fails the walk, or not, where the walk opens it.
+    if (::stat(dir.c_str(), &st) != 0) return true;
+    chain_.resize(static_cast<std::size_t>(depth + 1));
+    const std::pair id{st.st_dev, st.st_ino};
+    if (std::find(chain_.begin(), chain_.end(), id) != chain_.end()) return false;
+    chain_.push_back(id);
+    return true;
+  }
+
+ private:
+  std::vector<std::pair<dev_t, ino_t>> chain_;
+};
+
 Result<std::vector<FoundFile>> listFiles(const fs::path& root, const ScanOptions& options) {
   const auto walkError = [&](const std::error_code& ec) {
     return Failure{"walk error under " + root.string() + ": " + ec.message()};
   };
+  const bool follows = static_cast<bool>(options.followLink);
   std::vector<FoundFile> found;
   std::error_code ec;
-  fs::recursive_directory_iterator it(root, ec);
+  // With links to follow, the walk enters every link to a directory unless told not to: each
+  // entry that is not to be walked into says so.
+  fs::recursive_directory_iterator it(
+      root, follows ? fs::directory_options::follow_directory_symlink : fs::directory_options::none,
+      ec);
   if (ec) return walkError(ec);
+  Ancestors ancestors(root);
   for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (ec) return walkError(ec);
     const fs::file_status status = it->symlink_status(ec);
     if (ec) {
+      it.disable_recursion_pending();
       if (options.tolerant) continue;
       return walkError(ec);
     }
-    const bool directory = fs::is_directory(status);
-    if (!directory && !fs::is_regular_file(status)) continue;
     std::string relative = it->path().lexically_relative(root).generic_string();
+    bool directory = fs::is_directory(status);
+    if (fs::is_symlink(status)) {
+      std::error_code targetError;
+      directory =
+          follows && options.followLink(relative) && fs::is_directory(it->path(), targetError);
+      if (!directory) {
+        it.disable_recursion_pending();
+        continue;
+      }
+    }
+    if (!directory && !fs::is_regular_file(status)) continue;
     if (options.skip && options.skip(relative, directory)) {
       if (directory) it.disable_recursion_pending();
       continue;
     }
-    if (directory) continue;
+    if (directory) {
+      if (follows && !ancestors.enter(it.depth(), it->path())) it.disable_recursion_pending();
+      continue;
+    }
     const std::uintmax_t size = it->file_size(ec);
     if (ec) {
       if (options.tolerant) continue;
@@ -58,6 +102,21 @@ Result<std::vector<FoundFile>> listFiles(const fs::path& root, const ScanOptions
 
 }  // namespace
 
+ScanStats statsOf(const std::vector<ScannedFile>& files) {
+  ScanStats stats;
+  std::unordered_set<std::string_view> seen;
+  for (const ScannedFile& file : files) {
+    ++stats.files;
+    stats.total_bytes += file.size;
+    for (const ChunkRef& chunk : file.chunks) {
+      if (!seen.insert(chunk.h).second) continue;
+      ++stats.unique_chunks;
+      stats.unique_bytes += chunk.n;
+    }
+  }
+  return stats;
+}
+
 Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
                           const ScannedFileCallback& onFile, const ScanOptions& options) {
   std::error_code ec;
@@ -66,7 +125,6 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
   if (!found) return Failure{found.error()};
 
   TreeScan scan;
-  std::unordered_set<std::string> seen;
   std::uint64_t chunkBudget = options.maxChunks;
   for (FoundFile& file : found.value()) {
     const std::uint64_t mostChunks = file.size / std::max<std::uint64_t>(params.min, 1) + 1;
@@ -94,16 +152,9 @@ Result<TreeScan> scanTree(const fs::path& root, const ChunkerParams& params,
     if (position != scanned.size) return Failure{"chunk coverage mismatch in " + full.string()};
     if (onFile) onFile(full, chunks.value());
     if (!options.collect) continue;
-    for (const ChunkRef& chunk : scanned.chunks) {
-      if (seen.insert(chunk.h).second) {
-        ++scan.stats.unique_chunks;
-        scan.stats.unique_bytes += chunk.n;
-      }
-    }
-    ++scan.stats.files;
-    scan.stats.total_bytes += scanned.size;
     scan.files.push_back(std::move(scanned));
   }
+  scan.stats = statsOf(scan.files);
   return scan;
 }
 

@@ -43,10 +43,10 @@ struct TreeScan {
   ScanStats stats;
 };
 
-// Chunks every regular file under `root` (recursively; symbolic links are not followed or taken)
-// in ascending byte order of relative path, so the same tree always gives the same result.
-// Fails with "path not found: <root>", "walk error under <root>: <reason>",
-// "cannot stat <path>", the file chunker's messages, or the consistency guards
+// Chunks every regular file under `root` (recursively; symbolic links are neither taken nor
+// followed unless `options.followLink` says so) in ascending byte order of relative path, so the
+// same tree always gives the same result. Fails with "path not found: <root>", "walk error under
+// <root>: <reason>", "cannot stat <path>", the file chunker's messages, or the consistency guards
 // "chunk gap in <path>" and "chunk coverage mismatch in <path>" (a file that changed under us).
 // Requires valid `params`.
 //
@@ -70,7 +70,14 @@ struct ScanOptions {
   // Files are chunked only while the chunks they can hold (size / min + 1 each) add up to at most
   // this many; the others are left out. Bounds the work that foreign chunker sizes can cause.
   std::uint64_t maxChunks = UINT64_MAX;
+  // Called with the relative path of each symbolic link; true walks a link to a directory as if it
+  // were that directory (paths below it read as if the link were one). A link back to a directory
+  // the walk is already inside is not followed, so a loop ends the walk there.
+  std::function<bool(std::string_view relative)> followLink;
 };
+
+// The statistics of `files` as a scan counts them (a chunk id found twice counts once).
+ScanStats statsOf(const std::vector<ScannedFile>& files);
 
 Result<TreeScan> scanTree(const std::filesystem::path& root, const ChunkerParams& params,
                           const ScannedFileCallback& onFile = {}, const ScanOptions& options = {});

@@ -20,7 +20,8 @@ std::filesystem::path rillSettingsPath(const store::DataDir& data);
 // parse, kIncomplete when a required member is missing; an absent region reads as "auto".
 rill::Result<rill::S3Settings> readRillSettings(const store::DataDir& data);
 
-// Writes `rill.json` with `schema_version` 1 and the five settings, atomically. False on failure.
+// Writes `rill.json` with `schema_version` 1 and the five settings, atomically, readable by its
+// owner only (it holds the secret key). False on failure.
 bool writeRillSettings(const store::DataDir& data, const rill::S3Settings& settings);
 
 }  // namespace quill::storage

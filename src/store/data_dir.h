@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 namespace quill::store {
 
@@ -34,6 +35,26 @@ class DataDir {
   // Creates the directory and its seven record subdirectories where missing. Returns false and
   // sets `error` when one cannot be created.
   bool prepare(std::string& error) const;
+
+  // Removes what document writes cut short by a crash left behind: temporaries of the document
+  // writer's form (see store/durable_file.h) directly in the root and in the record directories,
+  // last changed before `startedAt`. Build files are never looked at. Only for start-up.
+  void removeDocumentLeftovers(fs::file_time_type startedAt) const;
+
+  // Where uploads are written while they arrive: `builds/~incoming` (a name no build id can take),
+  // or `builds/<id>/incoming` for a build kept on another file system.
+  static constexpr std::string_view kSharedUploadStaging = "~incoming";
+  static constexpr std::string_view kBuildUploadStaging = "incoming";
+
+  // Whether the entry at `relative` (below the root, forward slashes) holds only work in progress
+  // that no document names: an upload staging directory (and the root's `incoming/` of older
+  // versions), or a document temporary outside the build files (`builds/<id>/files/`, whose names
+  // are the uploaders' to choose).
+  static bool isWorkInProgress(std::string_view relative, bool directory);
+
+  // Whether `relative` may be a symbolic link to another volume that the server serves as the
+  // directory itself: `builds` and `builds/<id>`.
+  static bool isVolumeLink(std::string_view relative);
 
  private:
   fs::path root_;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <vector>
@@ -24,6 +25,18 @@ fs::path temporaryBeside(const fs::path& target) {
   tmp += randomString(kTemporaryTagLength);
   tmp += ".tmp";
   return tmp;
+}
+
+bool isTemporaryName(std::string_view fileName) {
+  constexpr std::string_view kSuffix = ".tmp";
+  if (!fileName.ends_with(kSuffix)) return false;
+  fileName.remove_suffix(kSuffix.size());
+  if (fileName.size() < kTemporaryTagLength + 2) return false;
+  const std::string_view tag = fileName.substr(fileName.size() - kTemporaryTagLength);
+  const bool alphanumeric = std::all_of(tag.begin(), tag.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  });
+  return alphanumeric && fileName[fileName.size() - kTemporaryTagLength - 1] == '.';
 }
 
 bool writeAll(int fd, std::string_view bytes) {

@@ -13,6 +13,9 @@ namespace fs = std::filesystem;
 // processes) draw the same one, and listings skip it by its extension.
 fs::path temporaryBeside(const fs::path& target);
 
+// Whether `fileName` has the form temporaryBeside gives: "<name>.<random>.tmp".
+bool isTemporaryName(std::string_view fileName);
+
 // Writes all of `bytes` to `fd`, retrying short writes. False on the first error.
 bool writeAll(int fd, std::string_view bytes);
 

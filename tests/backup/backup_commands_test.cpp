@@ -2,7 +2,6 @@
 // stream, refusals in their order before anything changes, and a restore that gives back the tree.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <functional>
 #include <regex>
@@ -83,9 +82,11 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
                            "only now.\nEvery snapshot is encrypted with it; without it a backup "
                            "cannot be\nrestored - not by you, not by us. Now run: quillmoord "
                            "backup\n");
-  struct stat st {};
-  ASSERT_EQ(::stat(keyPath.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  // The key, and the bucket's secret beside it, are for the server's account only.
+  for (const fs::path& secret : {keyPath, backupConfigPath(data())}) {
+    EXPECT_EQ(fs::status(secret).permissions(), fs::perms::owner_read | fs::perms::owner_write)
+        << secret;
+  }
   auto config = loadBackupConfig(backupConfigPath(data()));
   ASSERT_TRUE(config) << config.error();
   EXPECT_EQ(config.value().keyFile, keyPath.string());
@@ -136,6 +137,17 @@ TEST_F(BackupCommandsTest, ScheduleReplacesKeepOnlyWhenGiven) {
             "scheduled backups: daily at 23:59 (server local time), keep 0 snapshot(s) (no "
             "pruning)\n" +
                 pickedUp);
+}
+
+TEST_F(BackupCommandsTest, ABackupWhoseOutcomeCannotBeRecordedSaysSo) {
+  test::configurePeerBackups(data(), key());
+  fs::create_directories(backupStatePath(data()));  // a directory where the record belongs
+  const auto made = run({"backup"});
+  EXPECT_EQ(made.code, 1);
+  EXPECT_TRUE(std::regex_match(made.out, std::regex("backup snap-.* already in the bucket\n")))
+      << made.out;
+  EXPECT_EQ(made.err, "backup " + made.out.substr(7, 20) + " not recorded: cannot write " +
+                          backupStatePath(data()).string() + "\n");
 }
 
 TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {

@@ -9,18 +9,19 @@
 #include <mutex>
 #include <thread>
 
+#include "backup/background_run.h"
 #include "backup/backup_config.h"
 #include "backup/backup_run.h"
 #include "backup/backup_state.h"
 #include "backup/backup_texts.h"
 #include "backup/snapshots.h"
-#include "backup_test_stores.h"
 #include "rill/encrypted_provider.h"
 #include "rill/encryption_key.h"
 #include "rill/fault_injecting_provider.h"
 #include "rill/memory_provider.h"
 #include "rill/pull.h"
 #include "rill/rill_trees.h"
+#include "rill/store_view.h"
 #include "store/documents.h"
 #include "support/temp_dir_test_base.h"
 
@@ -57,17 +58,22 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
     writeFile(data() / "builds/b1/app.bin", randomBytes(300000, seed));
   }
 
-  // The memory store sealed with `key`, with faults injected where asked.
+  // The memory store sealed with `key`, with faults injected where asked, and `hook` told of each
+  // operation.
   std::unique_ptr<rill::FaultInjectingProvider> sealed(std::uint8_t key = 7,
-                                                       std::function<void()> hook = {}) {
-    auto view = std::make_unique<test::StoreView>(memory_, std::move(hook));
+                                                       rill::test::StoreView::Hook hook = {}) {
+    auto view = std::make_unique<rill::test::StoreView>(memory_, std::move(hook));
     return std::make_unique<rill::FaultInjectingProvider>(
         std::make_unique<rill::EncryptedProvider>(keyOf(key), std::move(view)));
   }
   RunHooks hooks(std::function<void()> beforeManifestPut = {}) {
+    return hooked(
+        rill::test::once("put", "channels/", std::move(beforeManifestPut), "/manifest.json"));
+  }
+  RunHooks hooked(rill::test::StoreView::Hook hook) {
     RunHooks h;
-    h.openStore = [this, beforeManifestPut](const BackupConfig&) {
-      return rill::Result<rill::StorageProviderPtr>(sealed(7, beforeManifestPut));
+    h.openStore = [this, hook](const BackupConfig&) {
+      return rill::Result<rill::StorageProviderPtr>(sealed(7, hook));
     };
     return h;
   }
@@ -212,6 +218,73 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpen) {
   ASSERT_TRUE(run(kC));
   EXPECT_EQ(listSnapshots(*sealed()).value(), std::vector<std::string>{kC});
   EXPECT_EQ(state()["error"], "");
+}
+
+TEST_F(SnapshotEngineTest, ASnapshotTakesTheBuildVolumesAndLeavesWorkInProgressOut) {
+  const fs::path volume = dir() / "volume";
+  writeFile(volume / "b2/files/big.bin", randomBytes(200000, 4));
+  writeFile(volume / "b2/files/notes.json.AbCdEfGhIjKl.tmp", "a build file, whatever its name");
+  writeFile(volume / "b2/manifest.json", R"({"build":"b2"})");
+  writeFile(dir() / "outside/secret.txt", "not ours");
+  fs::create_symlink(volume / "b2", data() / "builds/b2");
+  fs::create_symlink(dir() / "outside", data() / "outside");
+  fs::create_symlink(dir() / "outside", volume / "b2/files/outside");
+  Tree expected = treeContent(data());  // links not followed
+  for (auto& [path, bytes] : treeContent(volume / "b2")) expected["builds/b2/" + path] = bytes;
+  // Uploads arriving, and documents being written.
+  writeFile(volume / "b2/incoming/upload.tmp", "half an upload");
+  writeFile(data() / "builds/~incoming/x.tmp", "half an upload");
+  writeFile(data() / "users/alice.json.AbCdEfGhIjKl.tmp", "{");
+  writeFile(data() / "builds/b1/state.json.AbCdEfGhIjKl.tmp", "{");
+
+  auto report = run(kA);
+  ASSERT_TRUE(report) << report.error();
+  // Stored bytes are what reached the bucket: compressed and sealed.
+  std::uint64_t sealedBytes = 0;
+  const auto chunks = memory_.list("chunks/");
+  for (const rill::ObjectEntry& chunk : *chunks) sealedBytes += chunk.size;
+  EXPECT_EQ(report.value().stats.storedBytes, sealedBytes);
+  ASSERT_TRUE(restore(kA, dir() / "restored"));
+  Tree restored = treeContent(dir() / "restored");
+  restored.erase("backup-state.json");
+  EXPECT_EQ(restored, expected);
+}
+
+TEST_F(SnapshotEngineTest, AFileThatChangesOrVanishesDuringTheRunIsTakenAsItWasOrLeftOut) {
+  // Scanned first: its chunks are checked while the rest of the tree is read.
+  writeFile(data() / "access-requests/big.json", randomBytes(100000, 5));
+  auto report = run(kA, hooked(rill::test::once("exists", "chunks/", [this] {
+                      writeFile(data() / "access-requests/big.json", randomBytes(100000, 6));
+                      fs::remove(data() / "tokens/t1.json");
+                    })));
+  ASSERT_TRUE(report) << report.error();
+  EXPECT_EQ(state()["ok"], true);
+  Tree expected = sourceWithoutState();
+  expected.erase("access-requests/big.json");
+  ASSERT_TRUE(restore(kA, dir() / "restored"));
+  Tree restored = treeContent(dir() / "restored");
+  restored.erase("backup-state.json");
+  EXPECT_EQ(restored, expected);
+}
+
+TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
+  fs::create_directories(backupStatePath(data()));  // a directory where the record belongs
+  const std::string unrecorded = "cannot write " + backupStatePath(data()).string();
+  auto report = run(kA);
+  ASSERT_TRUE(report) << report.error();
+  EXPECT_EQ(report.value().unrecorded, unrecorded);
+  const auto again = run(kA);
+  EXPECT_EQ(again.error(), "channel '" + std::string(kA) +
+                               "' already published (use --force to overwrite) (not recorded: " +
+                               unrecorded + ")");
+
+  // The server's line for a scheduled run.
+  testing::internal::CaptureStderr();
+  printRunOutcome("scheduled backup")(report);
+  printRunOutcome("scheduled backup")(again);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "scheduled backup " + std::string(kA) + " done (not recorded: " + unrecorded +
+                ")\nscheduled backup failed: " + again.error() + "\n");
 }
 
 // Snapshots A (build 1) and B (build 2) exist; C backs up build 1 again, so it finds every chunk of

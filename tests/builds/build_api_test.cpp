@@ -123,6 +123,10 @@ TEST_F(BuildApiTest, UploadStoresTheBodyAtItsPathAndAReuploadReplacesIt) {
   EXPECT_TRUE(isError(upload("b1", "plain/below", "x"), 500, "could not store file"));
   EXPECT_TRUE(isError(upload("b1", "Game Data", "x"), 500, "could not store file"));
   EXPECT_EQ(readBytes(buildDir("b1") / "files" / "plain"), "a file");
+  // Nor can a body the disk had no room for.
+  EXPECT_TRUE(isError(asAdmin(Req("PUT", "/api/builds/b1/files").q("path", "plain").bodyLost()),
+                      500, "could not store file"));
+  EXPECT_EQ(readBytes(buildDir("b1") / "files" / "plain"), "a file");
 }
 
 TEST_F(BuildApiTest, FinalizeWritesTheManifestWithFilesInByteOrder) {

@@ -79,6 +79,7 @@ class ServerTest : public ::testing::Test {
     };
     router.add(refused);
     Route upload = route("PUT", "/upload/{name}", [this](const Request& req) {
+      if (req.bodyLost) return errorResponse(500, "could not store file");
       std::filesystem::rename(req.bodyFile, dir.path() / req.segment());
       return Response::text("stored");
     });
@@ -232,6 +233,22 @@ TEST_F(ServerTest, StreamedBodyLandsWholeAndIsServedFromDisk) {
   EXPECT_EQ(back.body, payload);
   EXPECT_EQ(back.headers["content-length"], std::to_string(payload.size()));
   EXPECT_EQ(client.fetch("GET", s.url("/file/missing")).status, 404);
+}
+
+TEST_F(ServerTest, ABodyThatCannotBeStoredIsTheRoutesToAnswer) {
+  RunningServer s(makeRouter(), {});
+  // Every write to this staging file fails as on a full disk; the open of the other one fails.
+  std::filesystem::create_directories(dir.path() / "incoming");
+  std::filesystem::create_symlink("/dev/full", dir.path() / "incoming" / "full.part");
+  std::filesystem::create_directories(dir.path() / "incoming" / "blocked.part");
+  for (const char* name : {"full", "blocked"}) {
+    auto r = client.fetch("PUT", s.url(std::string("/upload/") + name), std::string(300000, 'x'));
+    EXPECT_EQ(r.status, 500) << name << " " << r.error;
+    EXPECT_EQ(r.body, R"({"error":"could not store file"})") << name;
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / name));
+  }
+  EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
 }
 
 TEST_F(ServerTest, TimerRunsRepeatedly) {

@@ -12,6 +12,7 @@
 #include "rill/publish.h"
 #include "rill/pull.h"
 #include "rill_trees.h"
+#include "store_view.h"
 #include "support/temp_dir_test_base.h"
 
 namespace quill::rill {
@@ -153,6 +154,10 @@ TEST_F(PublishPullTest, PullFollowsShapeChangesAndNeverWritesThroughLinks) {
   EXPECT_EQ(treeContent(target()), treeContent(source()));
   EXPECT_EQ(treeContent(outside), (std::map<std::string, std::string>{{"victim", "precious"}}));
   EXPECT_FALSE(fs::is_symlink(target() / "link"));
+  // Published again as it is, the pulled directory is the same build: the pull's own files stay.
+  auto republished = publishDirectory(*store_, target(), options("again"));
+  ASSERT_TRUE(republished) << republished.error();
+  EXPECT_EQ(republished.value().manifest.tree.files.size(), treeContent(source()).size());
 
   // The next build turns a file into a directory and a directory into a file, and drops files;
   // a file the pull never installed stays.
@@ -235,6 +240,74 @@ TEST_F(PublishPullTest, PublishStopsAtTheFirstStoreFailure) {
                 " (file changed under us?)");
   EXPECT_EQ(readChunkAt(source() / "Empty", 0, 10, "x").error(),
             "cannot read chunk bytes from " + (source() / "Empty").string());
+}
+
+// A tree that others write to while it is published: "a" is rewritten once its chunks are being
+// checked, "c" disappears; "b" holds the same bytes as "a" did.
+class BusyTreeTest : public PublishPullTest {
+ protected:
+  void SetUp() override {
+    PublishPullTest::SetUp();
+    writeFile(busy() / "a-changing.bin", test::randomBytes(100 * 1024, 5));
+    writeFile(busy() / "b-copy.bin", test::readFile(busy() / "a-changing.bin"));
+    writeFile(busy() / "c-vanishing.bin", test::randomBytes(60 * 1024, 6));
+    writeFile(busy() / "d-steady.txt", test::textBytes(500, 7));
+  }
+  fs::path busy() const { return dir() / "busy"; }
+
+  Result<PublishReport> publishWhileBusy(bool tolerant, bool remove) {
+    PublishOptions o = options();
+    o.scan.tolerant = tolerant;
+    test::StoreView view(*store_, test::once("exists", "chunks/", [this, remove] {
+      writeFile(busy() / "a-changing.bin", test::randomBytes(100 * 1024, 8));
+      if (remove) fs::remove(busy() / "c-vanishing.bin");
+    }));
+    return publishDirectory(view, busy(), o);
+  }
+};
+
+TEST_F(BusyTreeTest, ATolerantPublishLeavesOutWhatChangedAndNamesOnlyStoredChunks) {
+  EXPECT_EQ(publishWhileBusy(false, false).error(), "chunk hash mismatch reading " +
+                                                        (busy() / "a-changing.bin").string() +
+                                                        " (file changed under us?)");
+
+  fs::remove_all(busy());
+  SetUp();
+  auto report = publishWhileBusy(true, true);
+  ASSERT_TRUE(report) << report.error();
+  const TreeScan& tree = report.value().manifest.tree;
+  ASSERT_EQ(tree.files.size(), 2u);
+  EXPECT_EQ(tree.files[0].path, "b-copy.bin");  // its chunks were read from here instead
+  EXPECT_EQ(tree.files[1].path, "d-steady.txt");
+  EXPECT_EQ(tree.stats.files, 2u);
+  EXPECT_EQ(tree.stats.total_bytes,
+            fs::file_size(busy() / "b-copy.bin") + fs::file_size(busy() / "d-steady.txt"));
+  for (const ScannedFile& file : tree.files) {
+    for (const ChunkRef& chunk : file.chunks) {
+      EXPECT_TRUE(memory_->exists(memory_->chunkKey(chunk.h))->present) << file.path;
+    }
+  }
+  ASSERT_TRUE(pull());
+  EXPECT_EQ(test::readFile(target() / "b-copy.bin"), test::readFile(busy() / "b-copy.bin"));
+  EXPECT_FALSE(fs::exists(target() / "a-changing.bin"));
+}
+
+TEST_F(PublishPullTest, OfTwoSignedPublishesAtOnceTheOneThatLostSaysSo) {
+  const SigningKeyPair keys = generateSigningKeyPair();
+  PublishOptions first = options("nightly", true);
+  first.signingKey = keys.secretKeyHex;
+  PublishOptions second = first;
+  second.build = "b2";
+  // The second publish runs whole between the first one's manifest and its signature.
+  Result<PublishReport> other = Failure{"not run"};
+  test::StoreView view(*store_, test::once("put", signatureKey("nightly"), [&] {
+    other = publishDirectory(*store_, source(), second);
+  }));
+  EXPECT_EQ(publishDirectory(view, source(), first).error(),
+            "another publish replaced channel 'nightly' meanwhile - publish again");
+  ASSERT_TRUE(other) << other.error();
+  ASSERT_TRUE(publish(first));
+  ASSERT_TRUE(pull("nightly", keys.publicKeyHex));
 }
 
 TEST_F(PublishPullTest, DeletedChannelLeavesOnlyItsOwnChunksToTheSweep) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "rill/chunk_id.h"
@@ -46,6 +47,38 @@ TEST_F(TreeScanTest, ListsRegularFilesInByteOrderWithForwardSlashes) {
             (std::vector<std::string>{"B.txt", "a-b", "a/Y.txt", "a/z.txt", "b.txt"}));
   EXPECT_EQ(scanTree(dir() / "nope", small_).error(),
             "path not found: " + (dir() / "nope").string());
+}
+
+TEST_F(TreeScanTest, FollowsOnlyTheLinksItIsToldToAndNeverInCircles) {
+  const fs::path root = dir() / "tree";
+  const fs::path volume = dir() / "volume";
+  write(root, "a.txt", "a");
+  write(volume, "shelf/b/files/x.bin", "x");
+  write(volume, "b2/files/sub/y.bin", "y");
+  write(volume, "stray/z.bin", "z");
+  fs::create_symlink(volume / "shelf", root / "builds");
+  fs::create_symlink(volume / "b2", volume / "shelf" / "b2");
+  fs::create_symlink(volume / "stray", root / "stray");
+  fs::create_symlink(volume / "stray/z.bin", root / "z.bin");
+  // Asked to be followed, but back to a directory the walk is already inside.
+  fs::create_symlink(root, volume / "b2" / "files" / "loop");
+  fs::create_symlink(volume / "shelf", volume / "b2" / "files" / "up");
+
+  std::vector<std::string> asked;
+  ScanOptions options;
+  options.followLink = [&](std::string_view relative) {
+    asked.emplace_back(relative);
+    return relative != "stray" && relative != "z.bin";
+  };
+  auto scan = scanTree(root, small_, {}, options);
+  ASSERT_TRUE(scan) << scan.error();
+  EXPECT_EQ(paths(scan.value()), (std::vector<std::string>{"a.txt", "builds/b/files/x.bin",
+                                                           "builds/b2/files/sub/y.bin"}));
+  std::sort(asked.begin(), asked.end());
+  EXPECT_EQ(asked, (std::vector<std::string>{"builds", "builds/b2", "builds/b2/files/loop",
+                                             "builds/b2/files/up", "stray", "z.bin"}));
+  // Without the option no link is followed.
+  EXPECT_EQ(paths(scanTree(root, small_).value()), std::vector<std::string>{"a.txt"});
 }
 
 TEST_F(TreeScanTest, CountsDuplicateChunksOnceAndListsEmptyFiles) {

@@ -86,6 +86,8 @@ TEST_F(StorageApiTest, SavedSettingsAreShownWithoutTheSecretAndForgotten) {
   const Json::Value stored = readDoc(settingsFile());
   EXPECT_EQ(stored["secret_key"], rill::test::kPeerSecretKey);
   EXPECT_EQ(stored.getMemberNames().size(), 6u);
+  EXPECT_EQ(fs::status(settingsFile()).permissions(),
+            fs::perms::owner_read | fs::perms::owner_write);
 
   const auto forgotten = asAdmin(Req("DELETE", "/api/storage"));
   EXPECT_EQ(text(bodyOf(forgotten)), text(parseJson(R"({"configured":false,"schema_version":1})")));

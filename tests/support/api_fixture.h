@@ -33,6 +33,11 @@ class Req {
   Req& header(std::string name, std::string value);
   Req& from(std::string peer);
   Req& body(std::string bytes);
+  // A streamed body the server could not store (a full disk).
+  Req& bodyLost() {
+    req_.bodyLost = true;
+    return *this;
+  }
   const http::Request& build() const { return req_; }
 
  private:

@@ -1,0 +1,70 @@
+#pragma once
+// A view of a store the test owns, so that every provider a test builds, and the test itself, see
+// the same objects. `before` hears of each operation (its name and key) before the store does, so
+// a test can act at a chosen moment of a publish: rewrite a file, or publish from elsewhere.
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "rill/storage_provider.h"
+
+namespace quill::rill::test {
+
+class StoreView final : public StorageProvider {
+ public:
+  // Called from the threads that call the store, possibly several at once.
+  using Hook = std::function<void(std::string_view operation, const std::string& key)>;
+
+  explicit StoreView(StorageProvider& inner, Hook before = {})
+      : inner_(inner), before_(std::move(before)) {}
+
+  bool put(const std::string& key, std::string_view body, std::string* error) override {
+    notify("put", key);
+    return inner_.put(key, body, error);
+  }
+  bool get(const std::string& key, std::string& body, std::string* error,
+           std::uint64_t maxBytes) override {
+    notify("get", key);
+    return inner_.get(key, body, error, maxBytes);
+  }
+  std::optional<ObjectInfo> exists(const std::string& key, std::string* error) override {
+    notify("exists", key);
+    return inner_.exists(key, error);
+  }
+  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
+                                               std::string* error) override {
+    notify("list", prefix);
+    return inner_.list(prefix, error);
+  }
+  bool remove(const std::string& key, std::string* error) override {
+    notify("remove", key);
+    return inner_.remove(key, error);
+  }
+  std::string chunkKey(const std::string& chunkId) const override {
+    return inner_.chunkKey(chunkId);
+  }
+
+ private:
+  void notify(std::string_view operation, const std::string& key) {
+    if (before_) before_(operation, key);
+  }
+
+  StorageProvider& inner_;
+  Hook before_;
+};
+
+// A hook that runs `action` once, on the first `operation` whose key starts with `prefix` (and
+// ends with `suffix`). Thread-safe.
+inline StoreView::Hook once(std::string_view operation, std::string prefix,
+                            std::function<void()> action, std::string suffix = "") {
+  auto fired = std::make_shared<std::once_flag>();
+  return [=, op = std::string(operation)](std::string_view called, const std::string& key) {
+    if (!action || called != op || !key.starts_with(prefix) || !key.ends_with(suffix)) return;
+    std::call_once(*fired, action);
+  };
+}
+
+}  // namespace quill::rill::test
