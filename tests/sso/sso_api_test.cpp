@@ -408,6 +408,32 @@ TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
   EXPECT_TRUE(isError(redeemHandoff(first), 404, "unknown or expired handoff code"));
 }
 
+TEST_F(SsoApi, AFloodOfStartsIsRefusedRatherThanCancelSignInsInProgress) {
+  configure();
+  Started inProgress = start();
+  now_ += std::chrono::seconds(30);
+  auto startFrom = [&](const std::string& peer) {
+    return send(Req("GET", "/api/sso/start").q("port", "5555").from(peer));
+  };
+  for (std::size_t i = 1; i < sso::SsoState::kCapacity; ++i) {
+    ASSERT_EQ(startFrom(freshPeer()).status, 302u) << i;
+  }
+  // Full of sign-ins younger than a minute: the oldest may go once it is a minute old.
+  const char* kTooMany = "too many sign-ins in progress - try again in a minute";
+  auto refused = startFrom(freshPeer());
+  EXPECT_TRUE(isError(refused, 503, kTooMany));
+  EXPECT_EQ(headerOf(refused, "Retry-After"), "30");
+  now_ += std::chrono::seconds(29);
+  EXPECT_EQ(headerOf(startFrom(freshPeer()), "Retry-After"), "1");
+
+  serveToken(key_.sign(claims(inProgress)));
+  EXPECT_EQ(callback(inProgress.state).status, 302u);
+  EXPECT_EQ(startFrom(freshPeer()).status, 302u);  // its place is free again
+  EXPECT_TRUE(isError(startFrom(freshPeer()), 503, kTooMany));
+  now_ += std::chrono::seconds(31);  // the flood's first starts are a minute old now
+  EXPECT_EQ(startFrom(freshPeer()).status, 302u);
+}
+
 TEST_F(SsoApi, ProviderTextsReachThePageEscaped) {
   configure();
   Started started = start();
