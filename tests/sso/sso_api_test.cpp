@@ -133,6 +133,11 @@ class SsoApi : public ApiTest {
     return ::testing::AssertionSuccess();
   }
 
+  static bool isOwnerOnly(const fs::path& path) {
+    return (fs::status(path).permissions() & fs::perms::all) ==
+           (fs::perms::owner_read | fs::perms::owner_write);
+  }
+
   std::chrono::steady_clock::time_point now_{};
   StaticProvider idp_;
   const JwtSigner& key_ = JwtSigner::shared("k1");
@@ -155,6 +160,7 @@ TEST_F(SsoApi, ConfigIsSavedAfterDiscoveryAndNeverShowsTheSecret) {
   EXPECT_EQ(res.body.find(kSecret), std::string::npos);
 
   Json::Value stored = readDoc(sso::ssoConfigPath(data()));
+  EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));  // it holds the secret
   EXPECT_EQ(stored["issuer"], idp_.origin());
   EXPECT_EQ(stored["scopes"], "openid profile email");
   EXPECT_EQ(stored["client_secret"], kSecret);
@@ -254,9 +260,12 @@ TEST_F(SsoApi, MappingIsValidatedAndMarksTheTargetGroups) {
       isError(putMapping(R"({"groups":{"t":"../x"}})"), 404, "group '../x' does not exist"));
   EXPECT_EQ(readBytes(sso::ssoConfigPath(data())), before);
 
+  fs::permissions(sso::ssoConfigPath(data()), fs::perms::group_read | fs::perms::others_read,
+                  fs::perm_options::add);
   res = putMapping(
       R"({"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}})");
   ASSERT_TRUE(isOk(res));
+  EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));
   EXPECT_EQ(bodyOf(res)["mapping"]["roles_claim"], "realm");
   EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], true);
   EXPECT_EQ(readDoc(groupPath("beta"))["sso_managed"], true);
