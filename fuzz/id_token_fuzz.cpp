@@ -25,6 +25,7 @@
 #include "sso/base64url.h"
 #include "sso/id_token.h"
 #include "sso/oidc_client.h"
+#include "sso/provisioning.h"
 
 namespace {
 
@@ -137,6 +138,13 @@ std::optional<Token> readToken(std::string_view text) {
   return token;
 }
 
+// A mapping that reads the roles claim (a string or an array of strings).
+const quill::sso::Mapping kMapping = [] {
+  quill::sso::Mapping mapping;
+  mapping.roles = {{"ops", "admin"}, {"dev", "publisher"}};
+  return mapping;
+}();
+
 bool mayTry(const Token& token, const Jwk& key) {
   return token.kid.empty() || key.kid.empty() || key.kid == token.kid;
 }
@@ -157,6 +165,9 @@ void check(const std::string& text, const std::vector<Jwk>& keys) {
     // Accepted: a real signature by a key it could try, of RS256 header and an object payload.
     if (!token || !someKeySigned || !result.value().isObject()) std::abort();
     if ((*token->header)["alg"] != "RS256") std::abort();
+    // What a sign-in reads of the payload next, whatever its members hold.
+    (void)quill::sso::checkClaims(result.value(), {"https://id", "quill", "n", 1'800'000'000});
+    if (!quill::sso::isRole(quill::sso::mappedRole(kMapping, result.value()))) std::abort();
     return;
   }
   // Refused although well formed and genuinely signed: only the payload may be at fault.
