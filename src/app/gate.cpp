@@ -13,8 +13,28 @@ namespace quill {
 
 namespace {
 
-constexpr std::array<std::string_view, 4> kCredentialPaths = {
-    "/api/invites/redeem", "/api/claim", "/api/access-requests", "/api/sso/handoff"};
+// Routes charged to a budget of their own before anything else is judged, whatever the caller:
+// credential attempts, whether they succeed or not, and sign-in starts, each of which holds a
+// place in the bounded store of pending sign-ins.
+struct ChargedRoute {
+  std::string_view method;
+  std::string_view path;
+  Budget budget;
+};
+constexpr std::array<ChargedRoute, 5> kChargedRoutes = {{
+    {"POST", "/api/invites/redeem", Budget::Credential},
+    {"POST", "/api/claim", Budget::Credential},
+    {"POST", "/api/access-requests", Budget::Credential},
+    {"POST", "/api/sso/handoff", Budget::Credential},
+    {"GET", "/api/sso/start", Budget::SignInStart},
+}};
+
+std::optional<Budget> routeBudget(std::string_view method, std::string_view path) {
+  for (const ChargedRoute& route : kChargedRoutes) {
+    if (route.method == method && route.path == path) return route.budget;
+  }
+  return std::nullopt;
+}
 
 std::string_view trimBlanks(std::string_view text) {
   auto first = text.find_first_not_of(" \t");
@@ -86,9 +106,8 @@ Gate::Gate(Context& ctx) : ctx_(ctx), limiter_(ctx.settings.rateLimit) {}
 
 std::optional<http::Response> Gate::judge(const http::Request& req) {
   const std::string key = clientKey(req);
-  if (req.method == "POST" && std::find(kCredentialPaths.begin(), kCredentialPaths.end(),
-                                        req.path) != kCredentialPaths.end()) {
-    auto charged = limiter_.charge(key, Budget::Credential);
+  if (auto budget = routeBudget(req.method, req.path)) {
+    auto charged = limiter_.charge(key, *budget);
     if (!charged.allowed) return tooManyRequests(charged.retryAfterSeconds);
   }
   if (isOpenPath(req.method, req.path)) return std::nullopt;

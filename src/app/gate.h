@@ -2,9 +2,10 @@
 // The request gate: every routed request passes it on its head, before any body is read.
 //
 // It lets open paths through, lets anonymous readers see public channels and their builds,
-// charges per-client rate-limit budgets (credential attempts; requests without a valid token),
-// requires a valid token for everything else, and keeps writes to admins, with a narrow carve-out
-// for publishers (upload, finalize, and promote or create the channels on their allow-list).
+// charges per-client rate-limit budgets (credential attempts; sign-in starts; requests without a
+// valid token), requires a valid token for everything else, and keeps writes to admins, with a
+// narrow carve-out for publishers (upload, finalize, and promote or create the channels on their
+// allow-list).
 // It changes nothing and attaches nothing to the request: handlers look the caller up again.
 
 #include <memory>

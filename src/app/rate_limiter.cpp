@@ -22,6 +22,13 @@ std::size_t RateLimiter::size() const {
   return entries_.size();
 }
 
+bool RateLimiter::isFull(const Entry& e) {
+  for (std::size_t i = 0; i < kBudgets; ++i) {
+    if (e.buckets[i].tokens < kCapacity[i]) return false;
+  }
+  return true;
+}
+
 void RateLimiter::erase(std::unordered_map<std::string, Entry>::iterator it) {
   if (isFull(it->second)) --fullEntries_;
   recency_.erase(it->second.recency);
@@ -40,8 +47,7 @@ RateLimiter::Entry& RateLimiter::admit(const std::string& key, std::int64_t now)
   if (entries_.size() >= kMaxEntries) erase(entries_.find(recency_.back()));
   recency_.push_front(key);
   Entry entry;
-  entry.credentialRefilled = now;
-  entry.anonymousRefilled = now;
+  for (std::size_t i = 0; i < kBudgets; ++i) entry.buckets[i] = {kCapacity[i], now};
   entry.recency = recency_.begin();
   ++fullEntries_;
   return entries_.emplace(key, entry).first->second;
@@ -56,10 +62,10 @@ ChargeResult RateLimiter::charge(const std::string& key, Budget budget) {
   recency_.splice(recency_.begin(), recency_, entry.recency);
 
   const bool wasFull = isFull(entry);
-  const bool credential = budget == Budget::Credential;
-  const double capacity = credential ? kCredentialCapacity : kAnonymousCapacity;
-  double& tokens = credential ? entry.credential : entry.anonymous;
-  std::int64_t& refilled = credential ? entry.credentialRefilled : entry.anonymousRefilled;
+  const auto index = static_cast<std::size_t>(budget);
+  const double capacity = kCapacity[index];
+  double& tokens = entry.buckets[index].tokens;
+  std::int64_t& refilled = entry.buckets[index].refilled;
 
   const double elapsed = static_cast<double>(now - refilled) / 1e9;
   refilled = now;

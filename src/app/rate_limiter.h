@@ -1,13 +1,16 @@
 #pragma once
-// Per-client token buckets: a small credential budget for the sign-in style endpoints and a larger
-// anonymous budget for requests without a valid token. Buckets refill continuously.
+// Per-client token buckets, one per budget: a small credential budget for the sign-in style
+// endpoints, a larger anonymous budget for requests without a valid token, and a budget of its
+// own for starting browser sign-ins (each start holds a place in the bounded pending store).
+// Every budget refills its whole capacity continuously over a minute.
 //
 // The table holds at most 4096 clients. A new client in a full table first clears entries whose
-// stored budgets are both full, then, if still full, evicts the client seen longest ago, so a
+// stored budgets are all full, then, if still full, evicts the client seen longest ago, so a
 // flood of distinct addresses cannot grow memory. Every operation is constant time.
 //
 // Thread safety: charge() and size() may be called from any thread.
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -18,7 +21,7 @@
 
 namespace quill {
 
-enum class Budget { Credential, Anonymous };
+enum class Budget { Credential, Anonymous, SignInStart };
 
 struct ChargeResult {
   bool allowed = true;
@@ -28,8 +31,9 @@ struct ChargeResult {
 class RateLimiter {
  public:
   static constexpr std::size_t kMaxEntries = 4096;
-  static constexpr double kCredentialCapacity = 5.0;
-  static constexpr double kAnonymousCapacity = 30.0;
+  static constexpr std::size_t kBudgets = 3;
+  // Tokens each budget starts with and refills per minute, indexed by Budget.
+  static constexpr std::array<double, kBudgets> kCapacity = {5.0, 30.0, 30.0};
 
   using Clock = std::function<std::int64_t()>;  // monotonic nanoseconds
   explicit RateLimiter(bool enabled, Clock clock = steadyNanoseconds);
@@ -42,16 +46,15 @@ class RateLimiter {
   static std::int64_t steadyNanoseconds();
 
  private:
+  struct Bucket {
+    double tokens = 0;
+    std::int64_t refilled = 0;
+  };
   struct Entry {
-    double credential = kCredentialCapacity;
-    std::int64_t credentialRefilled = 0;
-    double anonymous = kAnonymousCapacity;
-    std::int64_t anonymousRefilled = 0;
+    std::array<Bucket, kBudgets> buckets;
     std::list<std::string>::iterator recency;  // position in recency_ (front: seen last)
   };
-  static bool isFull(const Entry& e) {
-    return e.credential >= kCredentialCapacity && e.anonymous >= kAnonymousCapacity;
-  }
+  static bool isFull(const Entry& e);
   Entry& admit(const std::string& key, std::int64_t now);
   void erase(std::unordered_map<std::string, Entry>::iterator it);
 

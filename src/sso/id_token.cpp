@@ -9,7 +9,6 @@
 
 #include "base/json_reader.h"
 #include "sso/base64url.h"
-#include "store/documents.h"
 
 namespace quill::sso {
 
@@ -54,6 +53,7 @@ using PkeyPtr = std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)>;
 // An RSA public key from its big-endian modulus and exponent.
 PkeyPtr rsaPublicKey(const Jwk& key) {
   PkeyPtr pkey(nullptr, EVP_PKEY_free);
+  if (!isUsableRsaKey(key)) return pkey;
   std::unique_ptr<BIGNUM, void (*)(BIGNUM*)> n(
       BN_bin2bn(reinterpret_cast<const unsigned char*>(key.n.data()),
                 static_cast<int>(key.n.size()), nullptr),

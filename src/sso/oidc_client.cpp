@@ -2,6 +2,8 @@
 
 #include <openssl/sha.h>
 
+#include <bit>
+
 #include "base/json_reader.h"
 #include "sso/base64url.h"
 #include "sso/provider_http.h"
@@ -28,7 +30,30 @@ constexpr const char* kTokenUnreachable = "token endpoint unreachable";
 constexpr const char* kNoIdToken = "token endpoint returned no id_token";
 }  // namespace text
 
+constexpr std::size_t kMinModulusBits = 2048;
+constexpr std::size_t kMaxModulusBits = 16384;
+constexpr std::size_t kMaxExponentBits = 64;
+
+// The bit length of a big-endian unsigned integer (leading zero bytes allowed).
+std::size_t bitLength(std::string_view bytes) {
+  while (!bytes.empty() && bytes.front() == '\0') bytes.remove_prefix(1);
+  if (bytes.empty()) return 0;
+  return (bytes.size() - 1) * 8 +
+         static_cast<std::size_t>(std::bit_width(static_cast<unsigned char>(bytes.front())));
+}
+
+bool isOdd(std::string_view bytes) {
+  return !bytes.empty() && (static_cast<unsigned char>(bytes.back()) & 1) != 0;
+}
+
 }  // namespace
+
+bool isUsableRsaKey(const Jwk& key) {
+  const std::size_t modulusBits = bitLength(key.n);
+  const std::size_t exponentBits = bitLength(key.e);
+  return modulusBits >= kMinModulusBits && modulusBits <= kMaxModulusBits && isOdd(key.n) &&
+         exponentBits >= 2 && exponentBits <= kMaxExponentBits && isOdd(key.e);
+}
 
 PkceSecrets newPkceSecrets() {
   return {store::randomString(32), store::randomString(32), store::randomString(64)};
@@ -80,14 +105,17 @@ Result<std::vector<Jwk>> parseKeySet(long status, const std::string& body) {
   if (status != 200) return Failure{text::kNoKeys};
   auto doc = base::parseJsonObject(body);
   if (!doc) return Failure{text::kKeysNotJson};
+  const Json::Value& set = (*doc)["keys"];
   std::vector<Jwk> keys;
-  for (const auto& key : (*doc)["keys"]) {
+  for (Json::ArrayIndex i = 0; set.isArray() && i < set.size() && keys.size() < kMaxKeys; ++i) {
+    const Json::Value& key = set[i];
     if (!key.isObject() || store::textOf(key, "kty") != "RSA") continue;
     if (key.isMember("use") && store::textOf(key, "use") != "sig") continue;
     auto n = base64urlDecode(store::textOf(key, "n"));
     auto e = base64urlDecode(store::textOf(key, "e"));
-    if (!n || !e || n->empty() || e->empty()) continue;
-    keys.push_back({store::textOf(key, "kid"), std::move(*n), std::move(*e)});
+    if (!n || !e) continue;
+    Jwk jwk{store::textOf(key, "kid"), std::move(*n), std::move(*e)};
+    if (isUsableRsaKey(jwk)) keys.push_back(std::move(jwk));
   }
   if (keys.empty()) return Failure{text::kNoRsaKeys};
   return keys;

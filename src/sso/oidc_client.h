@@ -5,6 +5,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,11 @@ struct Jwk {
   std::string e;
 };
 
+// Whether a signature is checked with `key` at all: a modulus of 2048 (the least RS256 allows) to
+// 16384 bits (the most OpenSSL uses) and an odd exponent from 3 to 64 bits wide. Anything else is
+// a broken or hostile key set, not a provider's key.
+bool isUsableRsaKey(const Jwk& key);
+
 // Per sign-in secrets: state and nonce 32 characters, the PKCE verifier 64.
 struct PkceSecrets {
   std::string state;
@@ -45,7 +51,9 @@ Result<std::string> discoveryUrl(const std::string& issuer);
 Result<Discovery> parseDiscovery(long status, const std::string& body, const std::string& issuer);
 Result<Discovery> fetchDiscovery(const std::string& issuer);
 
-// Keeps RSA keys with n and e whose `use` is absent or "sig", in key-set order.
+// Keeps the RSA keys with n and e whose `use` is absent or "sig" and that pass isUsableRsaKey, in
+// key-set order, at most kMaxKeys of them (each may cost a signature check per sign-in).
+inline constexpr std::size_t kMaxKeys = 32;
 Result<std::vector<Jwk>> parseKeySet(long status, const std::string& body);
 Result<std::vector<Jwk>> fetchKeys(const std::string& jwksUri);
 

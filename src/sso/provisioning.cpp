@@ -18,8 +18,6 @@ namespace {
 
 constexpr const char* kNoSubject = "token has no subject";
 constexpr const char* kFallbackName = "sso-user";
-// Leaves room for a "-<n>" suffix within the 128-byte name limit.
-constexpr std::size_t kMaxBaseName = 120;
 
 // A claim holding a string or an array of strings, as a list.
 std::vector<std::string> claimValues(const Json::Value& claims, const std::string& name) {
@@ -50,8 +48,7 @@ std::string baseName(const Json::Value& claims) {
       name.push_back(static_cast<char>(std::tolower(byte)));
     }
   }
-  if (!store::isValidName(name)) return kFallbackName;
-  return name.substr(0, kMaxBaseName);
+  return store::isValidName(name) ? name : kFallbackName;
 }
 
 bool userFileExists(const store::DataDir& data, const std::string& name) {
@@ -88,7 +85,11 @@ std::string derivedUserName(const store::DataDir& data, const Json::Value& claim
   const std::string base = baseName(claims);
   if (!userFileExists(data, base)) return base;
   for (int n = 2;; ++n) {
-    std::string candidate = base + "-" + std::to_string(n);
+    // Cut the base only as far as the suffix needs to stay within the name rule. A cut never
+    // leaves fewer than 100 bytes, so it cannot make a reserved or dot name.
+    std::string suffix = "-";
+    suffix += std::to_string(n);
+    std::string candidate = base.substr(0, store::kMaxNameBytes - suffix.size()) + suffix;
     if (!userFileExists(data, candidate)) return candidate;
   }
 }
@@ -145,7 +146,11 @@ Result<Json::Value> provisionUser(const store::DataDir& data, const Mapping& map
 
 Result<MintedToken> mintSsoToken(const store::DataDir& data, const std::string& userName) {
   MintedToken minted;
-  minted.name = userName + "-sso-" + store::randomString(8);
+  // The user's part is cut so the token name passes the name rule that `token delete` applies;
+  // the record's `user` member names the owner in full.
+  std::string suffix = "-sso-";
+  suffix += store::randomString(8);
+  minted.name = userName.substr(0, store::kMaxNameBytes - suffix.size()) + suffix;
   minted.text = store::mintToken(data, minted.name, userName);
   if (minted.text.empty()) return Failure{kTokenNotCreated};
   const auto path = store::DataDir::recordPath(data.tokens(), minted.name);

@@ -17,7 +17,8 @@ inline constexpr const char* kTokenNotCreated = "could not create token";
 
 // The name for a first-time user: preferred_username, else email, else "sso-user"; cut at the
 // first "@", reduced to letters, digits, "-", "." and "_", lower-cased; "sso-user" when that is
-// not a valid name. Free of existing users by appending "-2", "-3", ... when needed.
+// not a valid name. Free of existing users by appending "-2", "-3", ... when needed, with the
+// name cut only as far as such a suffix needs to stay within 128 bytes.
 std::string derivedUserName(const store::DataDir& data, const Json::Value& claims);
 
 // The role the claims map to: the highest of admin, publisher, member among the mapped values of
@@ -40,8 +41,9 @@ struct MintedToken {
   std::string name;
 };
 
-// A token named <user>-sso-<8 random characters>, marked `sso` and validated now; it stops
-// resolving a day after this sign-in. Failure: "could not create token".
+// A token named <user>-sso-<8 random characters> (the user's part cut to keep it within 128
+// bytes), marked `sso` and validated now; it stops resolving a day after this sign-in. Failure:
+// "could not create token".
 Result<MintedToken> mintSsoToken(const store::DataDir& data, const std::string& userName);
 
 }  // namespace quill::sso

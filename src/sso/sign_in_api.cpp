@@ -24,6 +24,7 @@ constexpr const char* kBadPort = "port must be the client's loopback port (1024.
 constexpr const char* kStartAgain = "Start again from the Quillmoor client.";
 constexpr const char* kUnknownCode = "unknown or expired handoff code";
 constexpr const char* kProviderPrefix = "identity provider: ";
+constexpr const char* kTooManySignIns = "too many sign-ins in progress - try again in a minute";
 }  // namespace text
 
 constexpr std::size_t kHandoffCodeLength = 32;
@@ -106,7 +107,11 @@ Response startSignIn(const Request& req, Context& ctx) {
   if (!discovery) return resultPage(502, title::kUnreachable, discovery.error());
   const PkceSecrets secrets = newPkceSecrets();
   PendingSignIn pending{*port, secrets.nonce, secrets.codeVerifier, callbackUri(req, ctx)};
-  state.pending.put(secrets.state, pending);
+  auto put = state.pending.put(secrets.state, pending);
+  if (!put.stored) {
+    return http::errorResponse(503, text::kTooManySignIns)
+        .withHeader("Retry-After", std::to_string(put.retryAfter.count()));
+  }
   return noStoreRedirect(
       authorizationUrl(discovery.value(), config.value(), pending.redirectUri, secrets));
 }

@@ -147,7 +147,10 @@ Result<bool> saveSsoConfig(const store::DataDir& data, const SsoConfig& config) 
   doc["scopes"] = config.scopes;
   doc["mapping"] = mappingToJson(config.mapping);
   const auto path = ssoConfigPath(data);
-  if (!store::writeJsonFile(path, doc)) return Failure{"cannot write " + path.string()};
+  // It holds the client secret.
+  if (!store::writeJsonFile(path, doc, store::FileAccess::kOwnerOnly)) {
+    return Failure{"cannot write " + path.string()};
+  }
   return true;
 }
 

@@ -61,7 +61,8 @@ Result<SsoConfig> loadSsoConfig(const store::DataDir& data);
 // The mapping stored in `sso.json` (even an incomplete one), or the defaults.
 Mapping storedMapping(const store::DataDir& data);
 
-// Writes `sso.json` through a temporary file; the error is "cannot write <path>".
+// Writes `sso.json` (owner-only: it holds the client secret) through a temporary file; the error
+// is "cannot write <path>".
 Result<bool> saveSsoConfig(const store::DataDir& data, const SsoConfig& config);
 
 Json::Value mappingToJson(const Mapping& mapping);

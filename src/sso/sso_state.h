@@ -2,6 +2,11 @@
 // The single sign-on state that outlives a request: the pending sign-ins (keyed by `state`, 600
 // seconds), the handoff answers (keyed by handoff code, 60 seconds) and the provider cache. One
 // per Context, created on first use.
+//
+// Both stores hold 4096 entries. A pending sign-in younger than a minute is never dropped to make
+// room, so anonymous starts cannot cancel the sign-ins people are in the middle of; a start that
+// finds no room is refused. Handoff answers exist only after a completed sign-in at the provider,
+// so the oldest simply makes room.
 
 #include <json/value.h>
 
@@ -27,11 +32,12 @@ class SsoState {
   static constexpr std::chrono::seconds kPendingLifetime{600};
   static constexpr std::chrono::seconds kHandoffLifetime{60};
   static constexpr std::size_t kCapacity = 4096;
+  static constexpr std::chrono::seconds kPendingProtectedAge{60};
 
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
   explicit SsoState(Clock clock = [] { return std::chrono::steady_clock::now(); })
-      : pending(kPendingLifetime, kCapacity, clock),
-        handoffs(kHandoffLifetime, kCapacity, clock),
+      : pending(kPendingLifetime, kCapacity, kPendingProtectedAge, clock),
+        handoffs(kHandoffLifetime, kCapacity, std::chrono::seconds(0), clock),
         providers(fetchDiscovery, fetchKeys, clock) {}
 
   ExpiringStore<PendingSignIn> pending;

@@ -255,6 +255,25 @@ TEST_F(GateTest, TheThirtyFirstAnonymousRequestIsRefusedButValidTokensOpenAndPub
   EXPECT_EQ(send(Req("GET", "/api/me").bearer(token)).status, 200u);
 }
 
+TEST_F(GateTest, SignInStartsHaveABudgetOfTheirOwnPerClient) {
+  const Req start("GET", "/api/sso/start");
+  for (int i = 0; i < 30; ++i) expectPasses(start);
+  auto refusal = judge(start);
+  ASSERT_TRUE(refusal);
+  EXPECT_TRUE(isError(*refusal, 429, kSlowDown));
+  EXPECT_EQ(headerOf(*refusal, "Retry-After"), "2");
+  // The other budgets and the other clients are untouched.
+  expectRefused(Req("GET", "/api/builds"), 401, kMissing);
+  expectPasses(Req("POST", "/api/sso/handoff"));
+  expectPasses(Req("GET", "/api/sso/start").from("10.0.0.2"));
+  // A local proxy's clients are told apart by the forwarded hop; loopback without one is not
+  // limited, like every other budget.
+  for (int i = 0; i < 40; ++i) expectPasses(Req("GET", "/api/sso/start").from("127.0.0.1"));
+  Req viaProxy("GET", "/api/sso/start");
+  viaProxy.from("127.0.0.1").header("x-forwarded-for", "10.0.0.1");
+  expectRefused(viaProxy, 429, kSlowDown);
+}
+
 TEST_F(GateTest, WithRateLimitingOffNothingIsThrottled) {
   start(false);
   for (int i = 0; i < 50; ++i) {

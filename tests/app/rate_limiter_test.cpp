@@ -33,7 +33,10 @@ TEST_F(RateLimiterTest, BudgetsStartFullAndAreIndependentPerKeyAndKind) {
   EXPECT_EQ(refusedFor("a", Budget::Credential), 12);
   exhaust("a", Budget::Anonymous, 30);
   EXPECT_EQ(refusedFor("a", Budget::Anonymous), 2);
+  exhaust("a", Budget::SignInStart, 30);
+  EXPECT_EQ(refusedFor("a", Budget::SignInStart), 2);
   exhaust("b", Budget::Credential, 5);
+  exhaust("b", Budget::SignInStart, 30);
   EXPECT_EQ(limiter.size(), 2u);
 }
 

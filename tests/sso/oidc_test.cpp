@@ -13,6 +13,7 @@
 #include "sso/web_text.h"
 #include "support/api_fixture.h"
 #include "support/jwt_signer.h"
+#include "support/numbered.h"
 
 namespace quill::sso {
 namespace {
@@ -107,6 +108,55 @@ TEST(SsoKeySet, KeepsRsaSigningKeysOnlyInOrder) {
   EXPECT_EQ(parseKeySet(200, R"({"keys":[{"kty":"EC","use":"sig"}]})").error(),
             "key set has no RSA signing keys");
   EXPECT_EQ(fetchKeys("file:///etc/passwd").error(), "jwks_uri is not a URL");
+}
+
+TEST(SsoKeySet, KeysOfAbsurdSizeOrShapeAreNotUsed) {
+  // A modulus of `bits` bits (odd) and the given exponent bytes.
+  auto rsaKey = [](std::size_t bits, std::string e, const char* kid = "x") {
+    std::string n((bits + 7) / 8, '\xff');
+    if (bits % 8) n[0] = static_cast<char>(0xff >> (8 - bits % 8));
+    Json::Value key(Json::objectValue);
+    key["kty"] = "RSA";
+    key["kid"] = kid;
+    key["n"] = base64urlEncode(n);
+    key["e"] = base64urlEncode(e);
+    return key;
+  };
+  const std::string f4("\x01\x00\x01", 3);
+  const std::pair<Json::Value, bool> cases[] = {
+      {rsaKey(2048, f4), true},
+      {rsaKey(16384, f4), true},
+      {rsaKey(2048, std::string(1, '\x00') + f4), true},  // leading zeros do not count
+      {rsaKey(2047, f4), false},
+      {rsaKey(16385, f4), false},
+      {rsaKey(2048, std::string(8, '\xff')), true},
+      {rsaKey(2048, std::string(9, '\xff')), false},
+      {rsaKey(2048, "\x01"), false},
+      {rsaKey(2048, std::string("\x01\x00", 2)), false},  // even
+      {rsaKey(2048, ""), false},
+  };
+  for (const auto& [key, usable] : cases) {
+    Json::Value set(Json::objectValue);
+    set["keys"].append(key);
+    EXPECT_EQ(bool(parseKeySet(200, http::toCompactJson(set))), usable) << key;
+  }
+  Json::Value evenModulus = rsaKey(2048, f4);
+  std::string n = *base64urlDecode(evenModulus["n"].asString());
+  n.back() = '\xfe';
+  evenModulus["n"] = base64urlEncode(n);
+  Json::Value set(Json::objectValue);
+  set["keys"].append(evenModulus);
+  EXPECT_FALSE(parseKeySet(200, http::toCompactJson(set)));
+
+  // A key set is an array; a long one is read no further than kMaxKeys usable keys.
+  set["keys"] = Json::Value(Json::objectValue);
+  set["keys"]["a"] = rsaKey(2048, f4);
+  EXPECT_EQ(parseKeySet(200, http::toCompactJson(set)).error(), "key set has no RSA signing keys");
+  set["keys"] = Json::Value(Json::arrayValue);
+  for (int i = 0; i < 40; ++i) set["keys"].append(rsaKey(2048, f4, test::numbered("k", i).c_str()));
+  auto keys = parseKeySet(200, http::toCompactJson(set));
+  ASSERT_EQ(keys.value().size(), kMaxKeys);
+  EXPECT_EQ(keys.value().back().kid, test::numbered("k", kMaxKeys - 1));
 }
 
 TEST(SsoTokenAnswer, FailuresQuoteTheProvider) {

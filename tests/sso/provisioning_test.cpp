@@ -39,6 +39,24 @@ TEST_F(Provisioning, NamesAreDerivedFromTheClaimsAndMadeFree) {
   seedUser("ann.lee-2", "member");
   EXPECT_EQ(sso::derivedUserName(data(), claimsOf({{"preferred_username", "Ann.Lee@x"}})),
             "ann.lee-3");
+
+  // Long names are cut only as far as a suffix needs, within the 128-byte name rule.
+  const std::string longest(128, 'q');
+  const std::string someLong(125, 'r');
+  for (const std::string& name : {longest, someLong}) {
+    EXPECT_EQ(sso::derivedUserName(data(), claimsOf({{"preferred_username", name}})), name);
+  }
+  seedUser(longest, "member");
+  seedUser(someLong, "member");
+  EXPECT_EQ(sso::derivedUserName(data(), claimsOf({{"preferred_username", longest}})),
+            longest.substr(0, 126) + "-2");
+  EXPECT_EQ(sso::derivedUserName(data(), claimsOf({{"preferred_username", someLong}})),
+            someLong + "-2");
+  // The token minted for such a user is named within the rule too.
+  auto token = sso::mintSsoToken(data(), longest);
+  ASSERT_TRUE(token);
+  EXPECT_EQ(token.value().name.size(), 128u);
+  EXPECT_EQ(readDoc(tokenPath(token.value().name))["user"], longest);
 }
 
 TEST_F(Provisioning, TheHighestMappedRoleWinsElseTheDefault) {

@@ -133,6 +133,11 @@ class SsoApi : public ApiTest {
     return ::testing::AssertionSuccess();
   }
 
+  static bool isOwnerOnly(const fs::path& path) {
+    return (fs::status(path).permissions() & fs::perms::all) ==
+           (fs::perms::owner_read | fs::perms::owner_write);
+  }
+
   std::chrono::steady_clock::time_point now_{};
   StaticProvider idp_;
   const JwtSigner& key_ = JwtSigner::shared("k1");
@@ -155,6 +160,7 @@ TEST_F(SsoApi, ConfigIsSavedAfterDiscoveryAndNeverShowsTheSecret) {
   EXPECT_EQ(res.body.find(kSecret), std::string::npos);
 
   Json::Value stored = readDoc(sso::ssoConfigPath(data()));
+  EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));  // it holds the secret
   EXPECT_EQ(stored["issuer"], idp_.origin());
   EXPECT_EQ(stored["scopes"], "openid profile email");
   EXPECT_EQ(stored["client_secret"], kSecret);
@@ -254,9 +260,12 @@ TEST_F(SsoApi, MappingIsValidatedAndMarksTheTargetGroups) {
       isError(putMapping(R"({"groups":{"t":"../x"}})"), 404, "group '../x' does not exist"));
   EXPECT_EQ(readBytes(sso::ssoConfigPath(data())), before);
 
+  fs::permissions(sso::ssoConfigPath(data()), fs::perms::group_read | fs::perms::others_read,
+                  fs::perm_options::add);
   res = putMapping(
       R"({"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}})");
   ASSERT_TRUE(isOk(res));
+  EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));
   EXPECT_EQ(bodyOf(res)["mapping"]["roles_claim"], "realm");
   EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], true);
   EXPECT_EQ(readDoc(groupPath("beta"))["sso_managed"], true);
@@ -406,6 +415,32 @@ TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
   EXPECT_TRUE(isOk(redeemHandoff(second)));
   now_ += std::chrono::seconds(1);
   EXPECT_TRUE(isError(redeemHandoff(first), 404, "unknown or expired handoff code"));
+}
+
+TEST_F(SsoApi, AFloodOfStartsIsRefusedRatherThanCancelSignInsInProgress) {
+  configure();
+  Started inProgress = start();
+  now_ += std::chrono::seconds(30);
+  auto startFrom = [&](const std::string& peer) {
+    return send(Req("GET", "/api/sso/start").q("port", "5555").from(peer));
+  };
+  for (std::size_t i = 1; i < sso::SsoState::kCapacity; ++i) {
+    ASSERT_EQ(startFrom(freshPeer()).status, 302u) << i;
+  }
+  // Full of sign-ins younger than a minute: the oldest may go once it is a minute old.
+  const char* kTooMany = "too many sign-ins in progress - try again in a minute";
+  auto refused = startFrom(freshPeer());
+  EXPECT_TRUE(isError(refused, 503, kTooMany));
+  EXPECT_EQ(headerOf(refused, "Retry-After"), "30");
+  now_ += std::chrono::seconds(29);
+  EXPECT_EQ(headerOf(startFrom(freshPeer()), "Retry-After"), "1");
+
+  serveToken(key_.sign(claims(inProgress)));
+  EXPECT_EQ(callback(inProgress.state).status, 302u);
+  EXPECT_EQ(startFrom(freshPeer()).status, 302u);  // its place is free again
+  EXPECT_TRUE(isError(startFrom(freshPeer()), 503, kTooMany));
+  now_ += std::chrono::seconds(31);  // the flood's first starts are a minute old now
+  EXPECT_EQ(startFrom(freshPeer()).status, 302u);
 }
 
 TEST_F(SsoApi, ProviderTextsReachThePageEscaped) {
