@@ -8,12 +8,14 @@
 
 #include <csignal>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
+#include <map>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -31,15 +33,28 @@ namespace bhttp = beast::http;
 using tcp = asio::ip::tcp;
 
 // Everything a connection needs. Destroyed after the I/O threads have stopped; its members go in
-// reverse order, so the worker pool (whose pending tasks hold connections) is joined before the
+// reverse order, so the worker pools (whose pending tasks hold connections) are joined before the
 // I/O context that those connections' sockets belong to, and the connection limits outlive both.
 struct ServerCore {
   ServerCore(Router r, ServerOptions o)
       : router(std::move(r)),
         options(std::move(o)),
-        workers(options.workerThreads),
+        workers(std::max(1U, options.workerThreads)),
         acceptor(ioc),
-        acceptRetry(ioc) {}
+        acceptRetry(ioc) {
+    for (const Route& route : router.routes()) {
+      if (route.waitsOn.empty() || remotePools.count(route.waitsOn) != 0) continue;
+      remotePools.emplace(route.waitsOn,
+                          std::make_unique<asio::thread_pool>(std::max(1U, options.blockingThreads)));
+    }
+  }
+
+  // Waits for every pool's pending tasks; the pools stay usable by no one after.
+  void joinPools() {
+    workers.join();
+    for (auto& [service, pool] : remotePools) pool->join();
+    timerThread.join();
+  }
 
   Router router;
   ServerOptions options;
@@ -50,8 +65,11 @@ struct ServerCore {
   // request with a worker); only stop() ends run().
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning =
       asio::make_work_guard(ioc);
-  asio::thread_pool workers;          // checks and quick handlers
-  asio::thread_pool blockingWorkers;  // handlers that wait on remote services, timer tasks
+  asio::thread_pool workers;  // checks and handlers that touch only local files
+  // Handlers that wait on a remote service, one pool per service; built from the route table
+  // before any thread runs, and only read after.
+  std::map<std::string, std::unique_ptr<asio::thread_pool>> remotePools;
+  asio::thread_pool timerThread{1};
   tcp::acceptor acceptor;
   asio::steady_timer acceptRetry;
   std::vector<std::unique_ptr<asio::steady_timer>> timers;
@@ -461,13 +479,13 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void handle() {
-    if (route_->blocking && !onBlockingPool_) {
-      onBlockingPool_ = true;
-      asio::post(core_.blockingWorkers,
+    if (!route_->waitsOn.empty() && !onRemotePool_) {
+      onRemotePool_ = true;
+      asio::post(*core_.remotePools.at(route_->waitsOn),
                  [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
       return;
     }
-    onBlockingPool_ = false;
+    onRemotePool_ = false;
     Response response = core_.router.invoke(*route_, req_);
     discardBodyFile();
     respond(std::move(response), false);
@@ -503,7 +521,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::vector<char> drainBuffer_;
   std::size_t drained_ = 0;
   asio::steady_timer idleTimer_;
-  bool onBlockingPool_ = false;
+  bool onRemotePool_ = false;
   std::shared_ptr<const OpenFile> file_;  // the file being sent
   off_t fileOffset_ = 0;
   std::uint64_t fileSize_ = 0;
@@ -553,7 +571,7 @@ void scheduleTimer(ServerCore& core, asio::steady_timer& timer, std::chrono::mil
   timer.expires_after(period);
   timer.async_wait([&core, &timer, period, task = std::move(task)](beast::error_code ec) mutable {
     if (ec) return;
-    asio::post(core.blockingWorkers, task);
+    asio::post(core.timerThread, task);
     scheduleTimer(core, timer, period, std::move(task));
   });
 }
@@ -566,8 +584,7 @@ Server::Server(Router router, ServerOptions options)
 Server::~Server() {
   core_->stopping = true;
   stop();
-  core_->workers.join();
-  core_->blockingWorkers.join();
+  core_->joinPools();
 }
 
 namespace {
