@@ -54,6 +54,13 @@ class StorageApiTest : public ApiTest {
 
   fs::path settingsFile() const { return data().root() / "rill.json"; }
 
+  // {"endpoint": {"endpoint": ...}} nested far deeper than any reader should follow.
+  static std::string deepObject() {
+    std::string text;
+    for (int i = 0; i < 50000; ++i) text += "{\"endpoint\":";
+    return text + "1" + std::string(50000, '}');
+  }
+
   // Publishes a small tree to `channel` in the peer's bucket.
   rill::Manifest publish(const std::string& channel) {
     rill::test::writeBuild(dir() / "source");
@@ -123,6 +130,8 @@ TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
       {text(unknownKey), "access denied - check the access key and secret ("},
       {text(missingBucket), "bucket not found - check the bucket name and endpoint ("},
       {text(unreachable), "could not reach the bucket - check the endpoint: curl: "},
+      {std::string(100000, '['), "JSON body required"},
+      {deepObject(), "JSON body required"},
   };
   for (const auto& c : cases) {
     const auto res = put(c.body);
@@ -138,7 +147,10 @@ TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
 }
 
 TEST_F(StorageApiTest, TestProbesTheGivenOrTheSavedSettings) {
-  EXPECT_TRUE(isError(probe(""), 400, "rill storage not configured (missing data-dir rill.json)"));
+  for (const std::string& body : {std::string(), deepObject()}) {
+    EXPECT_TRUE(
+        isError(probe(body), 400, "rill storage not configured (missing data-dir rill.json)"));
+  }
   writeText(settingsFile(), R"({"schema_version": 1, "endpoint": "http://x"})");
   EXPECT_TRUE(isError(probe("{}"), 400, "rill.json missing endpoint/bucket/access_key/secret_key"));
 
