@@ -7,7 +7,8 @@
 // closes. Signatures are not checked. Every request is answered by the mode of its object key
 // (the path after the bucket), the first that applies:
 //   - `<dir>/<key>` is a file: GET answers it (HEAD its length), like a store;
-//   - `<dir>/<key>.endless` exists: GET answers a body that never ends, as fast as it is read;
+//   - `<dir>/<key>.endless` exists: GET answers a body that never ends, as fast as it is read
+//     (HEAD tells no length);
 //   - `<dir>/<key>.stall` exists: the request is accepted and never answered;
 //   - otherwise the mode of --mode (default serve: 404 NoSuchKey; a listing answers no objects).
 
@@ -86,7 +87,13 @@ const server = http.createServer((req, res) => {
     req.socket.on('close', () => stalled.delete(req.socket));
     return;
   }
-  if (req.method === 'GET' && mode === 'endless') return endless(res);
+  if (mode === 'endless') {
+    if (req.method === 'GET') return endless(res);
+    if (req.method === 'HEAD') {
+      res.writeHead(200, { 'content-type': 'application/octet-stream' });  // no length told
+      return res.end();
+    }
+  }
   if (mode === 'file') {
     const size = fs.statSync(file).size;
     res.writeHead(200, { 'content-type': 'application/octet-stream', 'content-length': size });

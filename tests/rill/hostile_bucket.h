@@ -26,7 +26,12 @@ class HostileBucket {
   std::string url(const std::string& key) const { return peer_.origin() + "/b/" + key; }
 
   void plant(const std::string& key, const std::string& bytes) { write(key, bytes); }
-  // GET of `key` answers a body that never ends.
+  // An object of `size` zero bytes that takes no room on disk.
+  void plantSparse(const std::string& key, std::uintmax_t size) {
+    write(key, "");
+    std::filesystem::resize_file(dir_.path() / key, size);
+  }
+  // GET of `key` answers a body that never ends (and HEAD tells no length).
   void plantEndless(const std::string& key) { write(key + ".endless", ""); }
   // A request for `key` is accepted and never answered.
   void plantStall(const std::string& key) { write(key + ".stall", ""); }
