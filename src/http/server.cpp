@@ -23,6 +23,7 @@
 
 #include "http/connection_limits.h"
 #include "http/json.h"
+#include "http/request_framing.h"
 #include "http/url.h"
 
 namespace quill::http {
@@ -87,53 +88,11 @@ constexpr std::size_t kReservedDescriptors = 128;
 // How long accept waits after running out of descriptors before it tries again.
 constexpr std::chrono::milliseconds kAcceptBackoff{100};
 
-// Reads a body and keeps none of it: for routes that take no body, so that a client announcing
-// gigabytes costs the server bandwidth at most, never memory.
-struct DiscardBody {
-  struct value_type {};
-  class reader {
-   public:
-    template <bool isRequest, class Fields>
-    reader(bhttp::header<isRequest, Fields>&, value_type&) {}
-    void init(const boost::optional<std::uint64_t>&, beast::error_code& ec) { ec = {}; }
-    template <class ConstBufferSequence>
-    std::size_t put(const ConstBufferSequence& buffers, beast::error_code& ec) {
-      ec = {};
-      return asio::buffer_size(buffers);
-    }
-    void finish(beast::error_code& ec) { ec = {}; }
-  };
-};
-
-// The last coding of a Transfer-Encoding list ("gzip, chunked" ends in "chunked"), lower-cased.
-std::string lastCoding(std::string_view list) {
-  std::size_t comma = list.rfind(',');
-  std::string_view last = comma == std::string_view::npos ? list : list.substr(comma + 1);
-  std::size_t first = last.find_first_not_of(" \t");
-  std::size_t end = last.find_last_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  std::string coding(last.substr(first, end - first + 1));
-  for (char& c : coding) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return coding;
-}
-
-// Whether the head frames its body beyond doubt: a Transfer-Encoding must end in chunked (else
-// the body's length is unknown) and must not come with a Content-Length (the two could be read
-// differently by a proxy in front of us).
-bool framingIsSound(const bhttp::request_parser<bhttp::empty_body>& head) {
-  const auto& msg = head.get();
-  auto codings = msg.equal_range(bhttp::field::transfer_encoding);
-  if (codings.first == codings.second) return true;
-  if (msg.count(bhttp::field::content_length) != 0) return false;
-  std::string_view lastField;
-  for (auto it = codings.first; it != codings.second; ++it) lastField = it->value();
-  return lastCoding(lastField) == "chunked";
-}
-
-// A parse error in the body (a bad chunk size, say), as opposed to the client going away.
-bool isMalformedBody(const beast::error_code& ec) {
-  return ec.category() == bhttp::make_error_code(bhttp::error::bad_chunk).category() &&
-         ec != bhttp::error::partial_message;
+// The error text of an answer to a request that could not be read.
+std::string_view failureText(unsigned status) {
+  if (status == 413) return "request body too large";
+  if (status == 431) return "request header too large";
+  return "malformed request";
 }
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
@@ -203,8 +162,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void readHead() {
     req_ = Request{};
     head_.emplace();
-    head_->header_limit(static_cast<std::uint32_t>(core_.options.headerLimit));
-    head_->body_limit(core_.options.bodyLimit);
+    limitHead(*head_, core_.options);
     stringParser_.reset();
     fileParser_.reset();
     discardParser_.reset();
@@ -216,14 +174,12 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void onHead(beast::error_code ec) {
-    if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
-    if (ec == bhttp::error::header_limit) return answerAndClose(431, "request header too large");
-    if (ec == bhttp::error::end_of_stream || ec == beast::error::timeout ||
-        ec == asio::error::operation_aborted || ec == asio::error::connection_reset ||
-        ec == asio::error::eof) {
-      return closeNow();
+    if (ec) {
+      const auto status = headFailureStatus(ec);
+      if (!status) return closeNow();
+      return answerAndClose(*status, failureText(*status));
     }
-    if (ec || !framingIsSound(*head_)) return answerAndClose(400, "malformed request");
+    if (!framingIsSound(*head_)) return answerAndClose(400, failureText(400));
     stream_.expires_never();
 
     const auto& msg = head_->get();
@@ -238,15 +194,9 @@ class Session : public std::enable_shared_from_this<Session> {
     if (auto length = head_->content_length()) req_.contentLength = *length;
     req_.hasBody = !head_->is_done();
 
-    std::string_view target = req_.target;
-    std::size_t q = target.find('?');
-    auto path = percentDecode(target.substr(0, q), false);
-    auto query = parseQuery(q == std::string_view::npos ? "" : target.substr(q + 1));
-    if (target.empty() || target.front() != '/' || !path || !query) {
+    if (!splitTarget(req_.target, req_.path, req_.query)) {
       return answerAndClose(400, "malformed request target");
     }
-    req_.path = std::move(*path);
-    req_.query = std::move(*query);
     asio::post(core_.workers, [self = shared_from_this()] { self->guarded([&] { self->judge(); }); });
   }
 
@@ -288,10 +238,12 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void onBodyRead(beast::error_code ec) {
-    if (ec) discardBodyFile();  // nothing of a partial body is kept
-    if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
-    if (ec && isMalformedBody(ec)) return answerAndClose(400, "malformed request");
-    if (ec) return closeNow();  // the client went away or stalled
+    if (ec) {
+      discardBodyFile();  // nothing of a partial body is kept
+      const auto status = bodyFailureStatus(ec);
+      if (!status) return closeNow();  // the client went away or stalled
+      return answerAndClose(*status, failureText(*status));
+    }
     if (!bodyDone()) return readSomeBody();
     stream_.expires_never();
     if (fileParser_) {
@@ -451,7 +403,7 @@ class Session : public std::enable_shared_from_this<Session> {
     } else if (route_->bodyLimit > 0) {
       // Refused before the parser reserves room for the announced length.
       if (req_.contentLength.value_or(0) > route_->bodyLimit) {
-        return respond(errorResponse(413, "request body too large"), true);
+        return respond(errorResponse(413, failureText(413)), true);
       }
       stringParser_.emplace(std::move(*head_));
       stringParser_->body_limit(route_->bodyLimit);
@@ -511,7 +463,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::string peer_;
   unsigned version_ = 0;
   bool keepAlive_ = false;
-  std::optional<bhttp::request_parser<bhttp::empty_body>> head_;
+  std::optional<HeadParser> head_;
   std::optional<bhttp::request_parser<bhttp::string_body>> stringParser_;
   std::optional<bhttp::request_parser<bhttp::file_body>> fileParser_;
   std::optional<bhttp::request_parser<DiscardBody>> discardParser_;
