@@ -48,9 +48,16 @@ http::Route withJsonBody(http::Route r) {
   return r;
 }
 
-// A route whose handler waits on a remote service, run on the blocking pool.
-http::Route blocking(http::Route r) {
-  r.blocking = true;
+// The remote services that handlers wait on. Each has a pool of its own, so that one that stops
+// answering delays only the routes that need it: sign-ins go on while the bucket stalls, and an
+// admin can still test and save new settings while the configured bucket or provider stalls.
+constexpr const char* kRillBucket = "rill bucket";
+constexpr const char* kBackupBucket = "backup bucket";
+constexpr const char* kIdentityProvider = "identity provider";
+constexpr const char* kSettingsProbe = "settings probe";  // the bucket or provider being tried
+
+http::Route waitingOn(const char* service, http::Route r) {
+  r.waitsOn = service;
   return r;
 }
 
@@ -111,28 +118,30 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
       route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
       route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
-      blocking(route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
+      waitingOn(kRillBucket, route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
       route("POST", "/api/backup", ctx, backup::startBackup),
-      blocking(route("GET", "/api/backups", ctx, backup::backupStatus)),
+      waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus)),
       withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule)),
-      withJsonBody(blocking(route("POST", "/api/backup/init",
+      withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
                                   [&ctx](const Request& req) {
                                     return backup::initBackups(req, ctx, storage::readRillSettings);
                                   }))),
       route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
       route("GET", "/api/storage", ctx, storage::readStorage),
-      blocking(withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
+      waitingOn(kSettingsProbe, withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
       route("DELETE", "/api/storage", ctx, storage::forgetStorage),
-      blocking(withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),
+      waitingOn(kSettingsProbe,
+                withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),
       route("GET", "/api/sso/config", ctx, sso::readConfig),
-      blocking(withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
+      waitingOn(kSettingsProbe, withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
       route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
-      blocking(withJsonBody(route("POST", "/api/sso/config/test", ctx, sso::testConfig))),
+      waitingOn(kSettingsProbe,
+                withJsonBody(route("POST", "/api/sso/config/test", ctx, sso::testConfig))),
       route("GET", "/api/sso/mapping", ctx, sso::readMapping),
       withJsonBody(route("PUT", "/api/sso/mapping", ctx, sso::putMapping)),
       route("GET", "/api/sso/status", ctx, sso::ssoStatus),
-      blocking(route("GET", "/api/sso/start", ctx, sso::startSignIn)),
-      blocking(route("GET", "/api/sso/callback", ctx, sso::callback)),
+      waitingOn(kIdentityProvider, route("GET", "/api/sso/start", ctx, sso::startSignIn)),
+      waitingOn(kIdentityProvider, route("GET", "/api/sso/callback", ctx, sso::callback)),
       withJsonBody(route("POST", "/api/sso/handoff", ctx, sso::handoff)),
       route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
       route("GET", "/", [](const Request&) { return landingPage(); }),

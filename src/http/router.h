@@ -37,7 +37,10 @@ struct Route {
   // The largest body read into `Request::body`; a longer one is refused with 413. 0: the route
   // takes no body in memory, and one that arrives anyway is read and dropped unstored.
   std::uint64_t bodyLimit = 0;
-  bool blocking = false;  // the handler waits on remote services: run it on the blocking pool
+  // The remote service the handler waits on ("rill bucket", say), or empty for a handler that only
+  // touches local files. Handlers that wait on one service run on a pool of that service's own,
+  // so a service that stops answering holds up only the requests that need it.
+  std::string waitsOn;
 };
 
 class Router {

@@ -8,12 +8,14 @@
 
 #include <csignal>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
+#include <map>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -21,6 +23,7 @@
 
 #include "http/connection_limits.h"
 #include "http/json.h"
+#include "http/request_framing.h"
 #include "http/url.h"
 
 namespace quill::http {
@@ -31,15 +34,28 @@ namespace bhttp = beast::http;
 using tcp = asio::ip::tcp;
 
 // Everything a connection needs. Destroyed after the I/O threads have stopped; its members go in
-// reverse order, so the worker pool (whose pending tasks hold connections) is joined before the
+// reverse order, so the worker pools (whose pending tasks hold connections) are joined before the
 // I/O context that those connections' sockets belong to, and the connection limits outlive both.
 struct ServerCore {
   ServerCore(Router r, ServerOptions o)
       : router(std::move(r)),
         options(std::move(o)),
-        workers(options.workerThreads),
+        workers(std::max(1U, options.workerThreads)),
         acceptor(ioc),
-        acceptRetry(ioc) {}
+        acceptRetry(ioc) {
+    for (const Route& route : router.routes()) {
+      if (route.waitsOn.empty() || remotePools.count(route.waitsOn) != 0) continue;
+      remotePools.emplace(route.waitsOn,
+                          std::make_unique<asio::thread_pool>(std::max(1U, options.blockingThreads)));
+    }
+  }
+
+  // Waits for every pool's pending tasks; the pools stay usable by no one after.
+  void joinPools() {
+    workers.join();
+    for (auto& [service, pool] : remotePools) pool->join();
+    timerThread.join();
+  }
 
   Router router;
   ServerOptions options;
@@ -50,8 +66,11 @@ struct ServerCore {
   // request with a worker); only stop() ends run().
   asio::executor_work_guard<asio::io_context::executor_type> keepRunning =
       asio::make_work_guard(ioc);
-  asio::thread_pool workers;          // checks and quick handlers
-  asio::thread_pool blockingWorkers;  // handlers that wait on remote services, timer tasks
+  asio::thread_pool workers;  // checks and handlers that touch only local files
+  // Handlers that wait on a remote service, one pool per service; built from the route table
+  // before any thread runs, and only read after.
+  std::map<std::string, std::unique_ptr<asio::thread_pool>> remotePools;
+  asio::thread_pool timerThread{1};
   tcp::acceptor acceptor;
   asio::steady_timer acceptRetry;
   std::vector<std::unique_ptr<asio::steady_timer>> timers;
@@ -69,24 +88,6 @@ constexpr std::size_t kReservedDescriptors = 128;
 // How long accept waits after running out of descriptors before it tries again.
 constexpr std::chrono::milliseconds kAcceptBackoff{100};
 
-// Reads a body and keeps none of it: for routes that take no body, so that a client announcing
-// gigabytes costs the server bandwidth at most, never memory.
-struct DiscardBody {
-  struct value_type {};
-  class reader {
-   public:
-    template <bool isRequest, class Fields>
-    reader(bhttp::header<isRequest, Fields>&, value_type&) {}
-    void init(const boost::optional<std::uint64_t>&, beast::error_code& ec) { ec = {}; }
-    template <class ConstBufferSequence>
-    std::size_t put(const ConstBufferSequence& buffers, beast::error_code& ec) {
-      ec = {};
-      return asio::buffer_size(buffers);
-    }
-    void finish(beast::error_code& ec) { ec = {}; }
-  };
-};
-
 // The file a streamed body is written into, remembering that a write failed: the disk being full
 // is the route's to answer, where a failed read means the client went away.
 class BodyFile : public beast::file {
@@ -102,35 +103,11 @@ class BodyFile : public beast::file {
   bool writeFailed_ = false;
 };
 
-// The last coding of a Transfer-Encoding list ("gzip, chunked" ends in "chunked"), lower-cased.
-std::string lastCoding(std::string_view list) {
-  std::size_t comma = list.rfind(',');
-  std::string_view last = comma == std::string_view::npos ? list : list.substr(comma + 1);
-  std::size_t first = last.find_first_not_of(" \t");
-  std::size_t end = last.find_last_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  std::string coding(last.substr(first, end - first + 1));
-  for (char& c : coding) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return coding;
-}
-
-// Whether the head frames its body beyond doubt: a Transfer-Encoding must end in chunked (else
-// the body's length is unknown) and must not come with a Content-Length (the two could be read
-// differently by a proxy in front of us).
-bool framingIsSound(const bhttp::request_parser<bhttp::empty_body>& head) {
-  const auto& msg = head.get();
-  auto codings = msg.equal_range(bhttp::field::transfer_encoding);
-  if (codings.first == codings.second) return true;
-  if (msg.count(bhttp::field::content_length) != 0) return false;
-  std::string_view lastField;
-  for (auto it = codings.first; it != codings.second; ++it) lastField = it->value();
-  return lastCoding(lastField) == "chunked";
-}
-
-// A parse error in the body (a bad chunk size, say), as opposed to the client going away.
-bool isMalformedBody(const beast::error_code& ec) {
-  return ec.category() == bhttp::make_error_code(bhttp::error::bad_chunk).category() &&
-         ec != bhttp::error::partial_message;
+// The error text of an answer to a request that could not be read.
+std::string_view failureText(unsigned status) {
+  if (status == 413) return "request body too large";
+  if (status == 431) return "request header too large";
+  return "malformed request";
 }
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
@@ -200,8 +177,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void readHead() {
     req_ = Request{};
     head_.emplace();
-    head_->header_limit(static_cast<std::uint32_t>(core_.options.headerLimit));
-    head_->body_limit(core_.options.bodyLimit);
+    limitHead(*head_, core_.options);
     stringParser_.reset();
     fileParser_.reset();
     discardParser_.reset();
@@ -213,14 +189,12 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void onHead(beast::error_code ec) {
-    if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
-    if (ec == bhttp::error::header_limit) return answerAndClose(431, "request header too large");
-    if (ec == bhttp::error::end_of_stream || ec == beast::error::timeout ||
-        ec == asio::error::operation_aborted || ec == asio::error::connection_reset ||
-        ec == asio::error::eof) {
-      return closeNow();
+    if (ec) {
+      const auto status = headFailureStatus(ec);
+      if (!status) return closeNow();
+      return answerAndClose(*status, failureText(*status));
     }
-    if (ec || !framingIsSound(*head_)) return answerAndClose(400, "malformed request");
+    if (!framingIsSound(*head_)) return answerAndClose(400, failureText(400));
     stream_.expires_never();
 
     const auto& msg = head_->get();
@@ -235,15 +209,9 @@ class Session : public std::enable_shared_from_this<Session> {
     if (auto length = head_->content_length()) req_.contentLength = *length;
     req_.hasBody = !head_->is_done();
 
-    std::string_view target = req_.target;
-    std::size_t q = target.find('?');
-    auto path = percentDecode(target.substr(0, q), false);
-    auto query = parseQuery(q == std::string_view::npos ? "" : target.substr(q + 1));
-    if (target.empty() || target.front() != '/' || !path || !query) {
+    if (!splitTarget(req_.target, req_.path, req_.query)) {
       return answerAndClose(400, "malformed request target");
     }
-    req_.path = std::move(*path);
-    req_.query = std::move(*query);
     asio::post(core_.workers, [self = shared_from_this()] { self->guarded([&] { self->judge(); }); });
   }
 
@@ -292,10 +260,12 @@ class Session : public std::enable_shared_from_this<Session> {
                  [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
       return;
     }
-    if (ec) discardBodyFile();  // nothing of a partial body is kept
-    if (ec == bhttp::error::body_limit) return answerAndClose(413, "request body too large");
-    if (ec && isMalformedBody(ec)) return answerAndClose(400, "malformed request");
-    if (ec) return closeNow();  // the client went away or stalled
+    if (ec) {
+      discardBodyFile();  // nothing of a partial body is kept
+      const auto status = bodyFailureStatus(ec);
+      if (!status) return closeNow();  // the client went away or stalled
+      return answerAndClose(*status, failureText(*status));
+    }
     if (!bodyDone()) return readSomeBody();
     stream_.expires_never();
     if (fileParser_) {
@@ -458,7 +428,7 @@ class Session : public std::enable_shared_from_this<Session> {
     } else if (route_->bodyLimit > 0) {
       // Refused before the parser reserves room for the announced length.
       if (req_.contentLength.value_or(0) > route_->bodyLimit) {
-        return respond(errorResponse(413, "request body too large"), true);
+        return respond(errorResponse(413, failureText(413)), true);
       }
       stringParser_.emplace(std::move(*head_));
       stringParser_->body_limit(route_->bodyLimit);
@@ -486,13 +456,13 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void handle() {
-    if (route_->blocking && !onBlockingPool_) {
-      onBlockingPool_ = true;
-      asio::post(core_.blockingWorkers,
+    if (!route_->waitsOn.empty() && !onRemotePool_) {
+      onRemotePool_ = true;
+      asio::post(*core_.remotePools.at(route_->waitsOn),
                  [self = shared_from_this()] { self->guarded([&] { self->handle(); }); });
       return;
     }
-    onBlockingPool_ = false;
+    onRemotePool_ = false;
     Response response = core_.router.invoke(*route_, req_);
     discardBodyFile();
     respond(std::move(response), false);
@@ -527,7 +497,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::string peer_;
   unsigned version_ = 0;
   bool keepAlive_ = false;
-  std::optional<bhttp::request_parser<bhttp::empty_body>> head_;
+  std::optional<HeadParser> head_;
   std::optional<bhttp::request_parser<bhttp::string_body>> stringParser_;
   std::optional<bhttp::request_parser<bhttp::basic_file_body<BodyFile>>> fileParser_;
   std::optional<bhttp::request_parser<DiscardBody>> discardParser_;
@@ -537,7 +507,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::vector<char> drainBuffer_;
   std::size_t drained_ = 0;
   asio::steady_timer idleTimer_;
-  bool onBlockingPool_ = false;
+  bool onRemotePool_ = false;
   std::shared_ptr<const OpenFile> file_;  // the file being sent
   off_t fileOffset_ = 0;
   std::uint64_t fileSize_ = 0;
@@ -587,7 +557,7 @@ void scheduleTimer(ServerCore& core, asio::steady_timer& timer, std::chrono::mil
   timer.expires_after(period);
   timer.async_wait([&core, &timer, period, task = std::move(task)](beast::error_code ec) mutable {
     if (ec) return;
-    asio::post(core.blockingWorkers, task);
+    asio::post(core.timerThread, task);
     scheduleTimer(core, timer, period, std::move(task));
   });
 }
@@ -600,8 +570,7 @@ Server::Server(Router router, ServerOptions options)
 Server::~Server() {
   core_->stopping = true;
   stop();
-  core_->workers.join();
-  core_->blockingWorkers.join();
+  core_->joinPools();
 }
 
 namespace {

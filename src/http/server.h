@@ -13,6 +13,10 @@
 // connection closed. A client that goes away mid-answer costs only its connection (SIGPIPE is
 // ignored process-wide once the server listens).
 //
+// Handlers run on worker threads, never on the I/O threads: ordinary handlers on one pool, and
+// handlers that wait on a remote service (Route::waitsOn) on a pool per service, so that a
+// service that stalls fills only its own pool. Timer tasks have a thread of their own.
+//
 // Floods: the open connections are bounded in all (from the open-file limit, so that descriptors
 // remain for files) and per client address; when `accept` runs out of descriptors the server
 // backs off instead of spinning, and keeps serving the connections it has.
@@ -38,8 +42,8 @@ struct ServerOptions {
   // Checks and ordinary handlers: about one per core, since they only touch local files; more
   // threads would only add wake-ups.
   unsigned workerThreads = 2;
-  // Handlers marked `blocking` (they wait on remote services) and timer tasks, so that those never
-  // hold up ordinary requests.
+  // Threads of each remote service's pool: how many requests may wait on one service at once
+  // (the others queue behind them, and nothing else does).
   unsigned blockingThreads = 8;
   std::uint64_t bodyLimit = 2147483648ULL;
   std::size_t headerLimit = 64 * 1024;
@@ -67,7 +71,8 @@ class Server {
   bool listen(std::string& error);
   // The bound port (useful after listening on port 0).
   std::uint16_t port() const;
-  // Runs `task` on a blocking-pool thread every `period`, from the time run() starts.
+  // Runs `task` every `period`, from the time run() starts, on the thread that every timer task
+  // shares (and no handler uses): a task should hand long work to a thread of its own.
   void every(std::chrono::milliseconds period, std::function<void()> task);
   // Serves until stop(); returns after every I/O thread has finished.
   void run();

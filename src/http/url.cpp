@@ -50,4 +50,16 @@ std::optional<std::map<std::string, std::string, std::less<>>> parseQuery(std::s
   return params;
 }
 
+bool splitTarget(std::string_view target, std::string& path,
+                 std::map<std::string, std::string, std::less<>>& query) {
+  if (target.empty() || target.front() != '/') return false;
+  const std::size_t q = target.find('?');
+  auto decodedPath = percentDecode(target.substr(0, q), false);
+  auto decodedQuery = parseQuery(q == std::string_view::npos ? "" : target.substr(q + 1));
+  if (!decodedPath || !decodedQuery) return false;
+  path = std::move(*decodedPath);
+  query = std::move(*decodedQuery);
+  return true;
+}
+
 }  // namespace quill::http

@@ -82,12 +82,31 @@ struct ListDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
-// One handle per thread, reset between requests: it keeps its connection cache, so a thread that
-// talks to one store again reuses the open connection instead of connecting anew.
+// One handle per thread: it keeps its connection cache, so a thread that talks to one store again
+// reuses the open connection instead of connecting anew.
 CURL* threadHandle() {
   thread_local std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
-  if (handle) curl_easy_reset(handle.get());
   return handle.get();
+}
+
+// Resets the thread's handle when a request ends, however it ends: the handle then holds no
+// pointers into the finished request (its header list, error text and body), and the next request
+// starts from the defaults.
+struct ResetWhenDone {
+  CURL* handle;
+  ~ResetWhenDone() { curl_easy_reset(handle); }
+};
+
+// The failure of a transfer that timed out: a connection never made (so no request was sent on
+// it), or a transfer that stalled.
+std::string timedOut(CURL* h, const HttpRequest& request) {
+  long sent = 0;
+  curl_easy_getinfo(h, CURLINFO_REQUEST_SIZE, &sent);
+  if (sent == 0) {
+    return "curl: could not connect within " + std::to_string(request.connectSeconds) + " s";
+  }
+  return "curl: transfer stalled (less than " + std::to_string(request.stallBytesPerSecond) +
+         " bytes/s for " + std::to_string(request.stallSeconds) + " s)";
 }
 
 }  // namespace
@@ -104,6 +123,7 @@ HttpResponse performHttp(const HttpRequest& request) {
     response.error = "curl init failed";
     return response;
   }
+  const ResetWhenDone resetWhenDone{h};
   std::unique_ptr<curl_slist, ListDeleter> headers;
   for (const std::string& header : request.headers) {
     curl_slist* grown = curl_slist_append(headers.get(), header.c_str());
@@ -126,6 +146,9 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(h, CURLOPT_MAXAGE_CONN, kMaxIdleSeconds);
+  curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, request.connectSeconds);
+  curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, request.stallSeconds);
+  curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, request.stallBytesPerSecond);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &download);
   if (request.method == "PUT") {
@@ -146,6 +169,10 @@ HttpResponse performHttp(const HttpRequest& request) {
     response.body.clear();
     if (download.tooLarge) {
       response.error = "curl: " + tooLarge(request.maxBody);
+      return response;
+    }
+    if (code == CURLE_OPERATION_TIMEDOUT) {
+      response.error = timedOut(h, request);
       return response;
     }
     response.error = std::string("curl: ") + (errorText[0] ? errorText : curl_easy_strerror(code));

@@ -17,6 +17,13 @@ struct HttpRequest {
   // The answer's body may not be longer: the transfer stops there and fails (a store or server
   // that sends without end costs at most this much memory).
   std::uint64_t maxBody = UINT64_MAX;
+  // Connecting (name lookup and TLS included) must finish within this time.
+  long connectSeconds = 10;
+  // A transfer that moves fewer than `stallBytesPerSecond` on average for `stallSeconds` (waiting
+  // for an answer included) is given up, so a peer that accepts and never answers costs about a
+  // minute; a slow link that keeps moving is never cut off, whatever the size.
+  long stallSeconds = 60;
+  long stallBytesPerSecond = 8;
 };
 
 struct HttpResponse {
@@ -31,9 +38,12 @@ struct HttpResponse {
 // "answer larger than <n> bytes": the failure of a transfer whose body ran past its bound.
 std::string tooLarge(std::uint64_t maxBytes);
 
-// Performs `request` and collects the answer in memory. Statuses are not interpreted. There are no
-// time-outs, on purpose: a large transfer over a slow link must not be cut off. Only http and https
-// URLs are followed, and redirects are not.
+// Performs `request` and collects the answer in memory. Statuses are not interpreted. There is no
+// limit on a transfer's whole duration, on purpose: a large transfer over a slow link must not be
+// cut off; only a connection that cannot be made or a transfer that stalls is given up, with
+// "curl: could not connect within <n> s: <reason>" or "curl: no progress for <n> s: <reason>".
+// Only http and https URLs are followed, and redirects are not. A failed transfer, whatever its
+// cause, leaves the calling thread's handle fit for the next one.
 HttpResponse performHttp(const HttpRequest& request);
 
 }  // namespace quill::rill

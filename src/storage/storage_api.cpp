@@ -1,9 +1,6 @@
 #include "storage/storage_api.h"
 
-#include <json/reader.h>
-
-#include <memory>
-
+#include "base/json_reader.h"
 #include "handler/caller.h"
 #include "rill/bucket_probe.h"
 #include "rill/storage_credentials.h"
@@ -18,16 +15,6 @@ namespace text {
 constexpr const char* kBodyRequired = "JSON body required";
 constexpr const char* kWriteFailed = "could not write rill.json";
 }  // namespace text
-
-// Any JSON value with nothing after it, or nullopt.
-std::optional<Json::Value> parseJson(const std::string& body) {
-  Json::CharReaderBuilder builder;
-  builder["failIfExtra"] = true;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value value;
-  if (!reader->parse(body.data(), body.data() + body.size(), &value, nullptr)) return std::nullopt;
-  return value;
-}
 
 Json::Value storageInfo(const rill::S3Settings* settings) {
   Json::Value info(Json::objectValue);
@@ -50,7 +37,7 @@ Response readStorage(const Request& req, Context& ctx) {
 }
 
 Response saveStorage(const Request& req, Context& ctx) {
-  const auto body = parseJson(req.body);
+  const auto body = base::parseJson(req.body);
   if (!body) return http::errorResponse(400, text::kBodyRequired);
   const auto settings = rill::parseStorageCredentials(*body);
   if (!settings) return http::errorResponse(400, settings.error());
@@ -69,7 +56,7 @@ Response forgetStorage(const Request&, Context& ctx) {
 }
 
 Response testStorage(const Request& req, Context& ctx) {
-  const auto body = parseJson(req.body);
+  const auto body = base::parseJson(req.body);
   const bool given = body && body->isObject() && body->isMember("endpoint");
   const auto settings = given ? rill::parseStorageCredentials(*body) : readRillSettings(ctx.data);
   if (!settings) return http::errorResponse(400, settings.error());

@@ -1,6 +1,6 @@
 #include "storage/sync_api.h"
 
-#include <json/writer.h>
+#include <malloc.h>
 
 #include <cstdlib>
 
@@ -9,6 +9,7 @@
 #include "rill/sync_descriptor.h"
 #include "storage/rill_settings.h"
 #include "store/documents.h"
+#include "store/scratch_file.h"
 
 namespace quill::storage {
 
@@ -17,6 +18,7 @@ namespace {
 namespace text {
 constexpr const char* kBadName = "invalid channel name";
 constexpr const char* kNoRillChannel = "no such Rill channel";
+constexpr const char* kNoScratch = "cannot write sync descriptor";
 }  // namespace text
 
 constexpr std::int64_t kDefaultLifetime = 300;
@@ -32,6 +34,12 @@ Response unavailable(const std::string& reason) {
   return http::errorResponse(503, "rill: " + reason);
 }
 
+// "manifest larger than <n> bytes"
+std::string manifestTooLarge(std::uint64_t bound) {
+  std::string text = "manifest larger than ";
+  return text.append(std::to_string(bound)).append(" bytes");
+}
+
 }  // namespace
 
 std::int64_t syncLinkLifetime(const Request& req) {
@@ -42,6 +50,46 @@ std::int64_t syncLinkLifetime(const Request& req) {
   return value < 1 ? kDefaultLifetime : value;
 }
 
+namespace {
+
+// The descriptor of `channel` from its manifest in `bucket`, sent from a file.
+Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& channel,
+                  std::int64_t lifetime) {
+  // The manifest's size, asked first, is what its download and parse take from the budget and
+  // all that its download may bring: a bucket that stalls holds none of the budget, and one that
+  // lies about the size is cut off there (as is, rarely, a manifest replaced in between; the
+  // client asks again). A size not told may take the whole budget.
+  const std::uint64_t bound = ctx.syncManifestBytes.total();
+  std::string error;
+  const auto info = bucket.exists(rill::manifestKey(channel), &error);
+  if (!info) return unavailable(error);
+  const bool sized = info->present && info->size >= 0;
+  if (sized && static_cast<std::uint64_t>(info->size) > bound) {
+    return unavailable(manifestTooLarge(bound));
+  }
+  const std::uint64_t size = !info->present ? 0 : sized ? static_cast<std::uint64_t>(info->size)
+                                                        : bound;
+  const auto lease = ctx.syncManifestBytes.take(size);
+  std::string body;
+  if (!bucket.get(rill::manifestKey(channel), body, &error, size)) return unavailable(error);
+  auto manifest = rill::parseManifest(body);
+  body = std::string();
+  if (!manifest) return unavailable(manifest.error());
+
+  // Written to an unnamed file and sent from there: the descriptor is several times the size of
+  // the manifest, and a slow client must not keep that in memory.
+  store::ScratchFile file(ctx.data.root());
+  if (!file.ok()) return unavailable(text::kNoScratch);
+  const auto written = rill::writeSyncDescriptor(
+      bucket.client(), channel, manifest.value(), lifetime,
+      [&file](std::string_view piece) { return file.write(piece); });
+  if (!written) return unavailable(written.error());
+  if (!file.flush()) return unavailable(text::kNoScratch);
+  return Response::fromOpenFile(file.release(), http::kJsonType);
+}
+
+}  // namespace
+
 Response rillSync(const Request& req, Context& ctx) {
   const std::string& channel = req.segment();
   if (auto refused = handler::refuseInvalidName(channel, text::kBadName)) return *refused;
@@ -49,21 +97,12 @@ Response rillSync(const Request& req, Context& ctx) {
 
   const auto settings = readRillSettings(ctx.data);
   if (!settings) return unavailable(settings.error());
-  const std::int64_t lifetime = syncLinkLifetime(req);
   rill::S3Provider bucket(settings.value());
-  std::string body;
-  std::string error;
-  if (!bucket.get(rill::manifestKey(channel), body, &error)) return unavailable(error);
-  auto manifest = rill::parseManifest(body);
-  if (!manifest) return unavailable(manifest.error());
-
-  Json::StreamWriterBuilder styled;
-  styled["indentation"] = "  ";
-  styled["emitUTF8"] = true;
-  return Response::json(
-      Json::writeString(
-          styled, rill::buildSyncDescriptor(bucket.client(), channel, manifest.value(), lifetime)) +
-      "\n");
+  Response answer = describe(ctx, bucket, channel, syncLinkLifetime(req));
+  // A parsed manifest leaves hundreds of MiB of small blocks free in this thread's heap, which
+  // the allocator keeps; handed back, they do not add up over the pool's threads.
+  ::malloc_trim(0);
+  return answer;
 }
 
 }  // namespace quill::storage

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <fstream>
 #include <thread>
 
@@ -249,6 +252,74 @@ TEST_F(ServerTest, ABodyThatCannotBeStoredIsTheRoutesToAnswer) {
   }
   EXPECT_TRUE(std::filesystem::exists("/dev/full"));
   EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
+}
+
+TEST_F(ServerTest, AStalledServiceHoldsUpOnlyItsOwnRoutesAndNeverTheTimers) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int waiting = 0;
+  bool released = false;
+  Router router = makeRouter();
+  Route stalled = route("GET", "/stalled", [&](const Request&) {
+    std::unique_lock lock(mutex);
+    ++waiting;
+    changed.notify_all();
+    changed.wait(lock, [&] { return released; });
+    return Response::text("late");
+  });
+  stalled.waitsOn = "stalled service";
+  router.add(stalled);
+  Route other = route("GET", "/other", [](const Request&) { return Response::text("other"); });
+  other.waitsOn = "other service";
+  router.add(other);
+
+  ServerOptions o;
+  o.address = "127.0.0.1";
+  o.port = 0;
+  o.blockingThreads = 6;
+  std::atomic<int> ticks{0};
+  Server server(std::move(router), o);
+  server.every(20ms, [&] { ++ticks; });
+  std::string error;
+  ASSERT_TRUE(server.listen(error)) << error;
+  std::thread serving([&] { server.run(); });
+  const auto url = [&](const char* path) {
+    return "http://127.0.0.1:" + std::to_string(server.port()) + path;
+  };
+  // Declared last, so it runs first on every way out: the pools can only be joined once their
+  // handlers return.
+  const auto release = [&] {
+    std::lock_guard lock(mutex);
+    released = true;
+    changed.notify_all();
+  };
+  struct Finally {
+    std::function<void()> run;
+    ~Finally() { run(); }
+  } finally{[&] {
+    release();
+    server.stop();
+    serving.join();
+  }};
+
+  // One request more than the service's pool holds: the pool is full, and one waits.
+  std::vector<std::unique_ptr<RawConnection>> clients;
+  for (int i = 0; i < 7; ++i) {
+    clients.push_back(std::make_unique<RawConnection>(server.port()));
+    clients.back()->send("GET /stalled HTTP/1.1\r\nHost: x\r\n\r\n");
+  }
+  {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return waiting == 6; })) << waiting;
+  }
+  EXPECT_EQ(client.fetch("GET", url("/other")).body, "other");
+  EXPECT_EQ(client.fetch("GET", url("/ping")).body, "pong");
+  const int before = ticks;
+  for (int i = 0; i < 250 && ticks < before + 3; ++i) std::this_thread::sleep_for(20ms);
+  EXPECT_GE(ticks.load(), before + 3);
+
+  release();
+  for (auto& c : clients) EXPECT_NE(c->readUntil("late", 10s).find("late"), std::string::npos);
 }
 
 TEST_F(ServerTest, TimerRunsRepeatedly) {

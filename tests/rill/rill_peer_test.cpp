@@ -2,7 +2,6 @@
 // links of a sync descriptor.
 
 #include <gtest/gtest.h>
-#include <json/writer.h>
 
 #include "rill/manifest_signature.h"
 #include "rill/publish.h"
@@ -39,9 +38,13 @@ class RillPeerTest : public quill::test::TempDirTest {
     S3Provider bucket(S3Peers::shared().settings());
     std::string text;
     EXPECT_TRUE(bucket.get(manifestKey(channel), text));
-    const Json::Value descriptor =
-        buildSyncDescriptor(bucket.client(), channel, parseManifest(text).value(), ttl);
-    auto parsed = parseSyncDescriptor(Json::writeString(Json::StreamWriterBuilder(), descriptor));
+    std::string descriptor;
+    EXPECT_TRUE(writeSyncDescriptor(bucket.client(), channel, parseManifest(text).value(), ttl,
+                                    [&](std::string_view piece) {
+                                      descriptor += piece;
+                                      return true;
+                                    }));
+    auto parsed = parseSyncDescriptor(descriptor);
     EXPECT_TRUE(parsed) << parsed.error();
     return parsed.value();
   }

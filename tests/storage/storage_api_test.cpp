@@ -6,12 +6,14 @@
 #include <regex>
 
 #include "rill/bucket_probe.h"
+#include "rill/hostile_bucket.h"
 #include "rill/http_transport.h"
 #include "rill/publish.h"
 #include "rill/rill_trees.h"
 #include "rill/s3_peers.h"
 #include "rill/s3_provider.h"
 #include "rill/storage_credentials.h"
+#include "storage/rill_settings.h"
 #include "support/api_fixture.h"
 #include "support/http_client.h"
 
@@ -53,6 +55,16 @@ class StorageApiTest : public ApiTest {
   }
 
   fs::path settingsFile() const { return data().root() / "rill.json"; }
+
+  // {"endpoint": {"endpoint": ...}} nested far deeper than any reader should follow.
+  static std::string deepObject() {
+    std::string text;
+    for (int i = 0; i < 50000; ++i) text += "{\"endpoint\":";
+    return text + "1" + std::string(50000, '}');
+  }
+
+  // The descriptor of a sync answer (sent from a file).
+  static Json::Value descriptorOf(const http::Response& res) { return parseJson(fileBody(res)); }
 
   // Publishes a small tree to `channel` in the peer's bucket.
   rill::Manifest publish(const std::string& channel) {
@@ -125,6 +137,8 @@ TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
       {text(unknownKey), "access denied - check the access key and secret ("},
       {text(missingBucket), "bucket not found - check the bucket name and endpoint ("},
       {text(unreachable), "could not reach the bucket - check the endpoint: curl: "},
+      {std::string(100000, '['), "JSON body required"},
+      {deepObject(), "JSON body required"},
   };
   for (const auto& c : cases) {
     const auto res = put(c.body);
@@ -140,7 +154,10 @@ TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
 }
 
 TEST_F(StorageApiTest, TestProbesTheGivenOrTheSavedSettings) {
-  EXPECT_TRUE(isError(probe(""), 400, "rill storage not configured (missing data-dir rill.json)"));
+  for (const std::string& body : {std::string(), deepObject()}) {
+    EXPECT_TRUE(
+        isError(probe(body), 400, "rill storage not configured (missing data-dir rill.json)"));
+  }
   writeText(settingsFile(), R"({"schema_version": 1, "endpoint": "http://x"})");
   EXPECT_TRUE(isError(probe("{}"), 400, "rill.json missing endpoint/bucket/access_key/secret_key"));
 
@@ -176,9 +193,10 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
 
   const rill::Manifest manifest = publish("api-sync");
   const auto res = as(seedUser("tess", "member"), Req("GET", "/api/rill/sync/api-sync"));
-  ASSERT_TRUE(isOk(res));
-  EXPECT_NE(res.body.find("\n  \"build\" : \"b42\""), std::string::npos) << "indented JSON";
-  const Json::Value d = bodyOf(res);
+  ASSERT_EQ(res.status, 200u);
+  EXPECT_EQ(res.contentType, http::kJsonType);
+  EXPECT_NE(fileBody(res).find("\n  \"build\" : \"b42\""), std::string::npos) << "indented JSON";
+  const Json::Value d = descriptorOf(res);
   EXPECT_EQ(d["channel"], "api-sync");
   EXPECT_EQ(d["created"], "2026-03-04T05:06:07Z");
   EXPECT_EQ(d["chunks"].size(), manifest.tree.stats.unique_chunks);
@@ -195,7 +213,7 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
                                      {"-5", "300"},
                                      {"86400", "86400"}}) {
     std::smatch m;
-    const std::string url = bodyOf(sync("api-sync", ttl))["manifest_url"].asString();
+    const std::string url = descriptorOf(sync("api-sync", ttl))["manifest_url"].asString();
     ASSERT_TRUE(std::regex_search(url, m, expires)) << url;
     EXPECT_EQ(m[1], seconds) << "ttl=" << ttl;
   }
@@ -203,6 +221,21 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
   // A promotion is the file-by-file operation and leaves no engine behind.
   writeChannel("api-sync", "");
   EXPECT_TRUE(isError(sync("api-sync"), 404, "no such Rill channel"));
+}
+
+// The sync endpoint reads no more of a manifest than its bound, whatever the bucket sends.
+TEST_F(StorageApiTest, SyncReadsNoMoreOfAManifestThanItsBound) {
+  rill::test::HostileBucket bucket;
+  QUILL_REQUIRE_HOSTILE_BUCKET(bucket);
+  ASSERT_TRUE(storage::writeRillSettings(data(), bucket.settings()));
+  const std::string bound = std::to_string(ctx().syncManifestBytes.total());
+  ASSERT_TRUE(isOk(createChannel("endless", "rill")));
+  bucket.plantEndless("channels/endless/manifest.json");
+  EXPECT_TRUE(isError(sync("endless"), 503, "rill: curl: answer larger than " + bound + " bytes"));
+  // Told too large: refused without a download.
+  ASSERT_TRUE(isOk(createChannel("huge", "rill")));
+  bucket.plantSparse("channels/huge/manifest.json", ctx().syncManifestBytes.total() + 1);
+  EXPECT_TRUE(isError(sync("huge"), 503, "rill: manifest larger than " + bound + " bytes"));
 }
 
 }  // namespace

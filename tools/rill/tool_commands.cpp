@@ -1,15 +1,14 @@
 #include "tool_commands.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <memory>
-#include <sstream>
 
+#include "base/json_reader.h"
 #include "rill/http_transport.h"
 #include "rill/manifest_signature.h"
 #include "rill/prefixed_provider.h"
@@ -62,17 +61,14 @@ Result<rill::PresignedLinks> askServer(const ToolOptions& o) {
   std::string base = o.server;
   while (base.ends_with('/')) base.pop_back();
   rill::HttpRequest request{"GET", base + "/api/rill/sync/" + o.channel, {}, {}};
+  request.maxBody = rill::kMaxSyncDescriptorBytes;
   if (!o.token.empty()) request.headers.push_back("Authorization: Bearer " + o.token);
   const rill::HttpResponse response = rill::performHttp(request);
   if (!response.error.empty()) return Failure{"cannot reach server: " + response.error};
   if (response.status != 200) {
     std::string reason = response.body.substr(0, 300);
-    Json::Value doc;
-    std::istringstream in(response.body);
-    if (Json::parseFromStream(Json::CharReaderBuilder(), in, &doc, nullptr) && doc.isObject() &&
-        doc["error"].isString()) {
-      reason = doc["error"].asString();
-    }
+    const auto doc = base::parseJsonObject(response.body);
+    if (doc && (*doc)["error"].isString()) reason = (*doc)["error"].asString();
     return Failure{"server answered HTTP " + std::to_string(response.status) + ": " + reason};
   }
   return rill::parseSyncDescriptor(response.body);

@@ -1,0 +1,57 @@
+#pragma once
+// The hostile bucket peer (tests/rill-peers/hostile-bucket.mjs) over a directory of its own, on
+// 127.0.0.1: objects planted here are served, and keys marked endless or stalled misbehave.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "rill/s3_client.h"
+#include "support/node_peer.h"
+#include "support/temp_dir.h"
+
+namespace quill::rill::test {
+
+class HostileBucket {
+ public:
+  HostileBucket()
+      : peer_(std::filesystem::path(__FILE__).parent_path().parent_path() / "rill-peers" /
+                  "hostile-bucket.mjs",
+              std::vector<std::string>{"--dir", dir_.path().string()}) {}
+
+  const std::string& failure() const { return peer_.failure(); }
+  S3Settings settings() const { return {peer_.origin(), "", "b", "x", "y"}; }
+  std::string url(const std::string& key) const { return peer_.origin() + "/b/" + key; }
+
+  void plant(const std::string& key, const std::string& bytes) { write(key, bytes); }
+  // An object of `size` zero bytes that takes no room on disk.
+  void plantSparse(const std::string& key, std::uintmax_t size) {
+    write(key, "");
+    std::filesystem::resize_file(dir_.path() / key, size);
+  }
+  // GET of `key` answers a body that never ends (and HEAD tells no length).
+  void plantEndless(const std::string& key) { write(key + ".endless", ""); }
+  // A request for `key` is accepted and never answered.
+  void plantStall(const std::string& key) { write(key + ".stall", ""); }
+
+ private:
+  void write(const std::string& name, const std::string& bytes) {
+    const auto path = dir_.path() / name;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+  }
+
+  quill::test::TempDir dir_;
+  quill::test::NodePeer peer_;
+};
+
+// Skips the current test when node is missing; fails it when the peer could not start.
+#define QUILL_REQUIRE_HOSTILE_BUCKET(bucket)                                                   \
+  do {                                                                                         \
+    if (quill::test::programOnPath("node").empty()) GTEST_SKIP() << "node is not installed"; \
+    ASSERT_EQ((bucket).failure(), "");                                                         \
+  } while (false)
+
+}  // namespace quill::rill::test
