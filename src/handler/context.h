@@ -8,7 +8,7 @@
 #include <string>
 
 #include "handler/settings.h"
-#include "store/byte_budget.h"
+#include "base/byte_budget.h"
 #include "store/data_dir.h"
 #include "store/keyed_mutex.h"
 #include "store/token_index.h"
@@ -39,7 +39,7 @@ struct Context {
   // Manifest bytes that sync descriptors (GET /api/rill/sync) hold in memory at once, and the
   // largest manifest one may read: a parsed manifest costs about twelve times its text, so the
   // server stays within a few hundred MiB whatever a bucket serves.
-  store::ByteBudget syncManifestBytes{32 * 1024 * 1024};
+  base::ByteBudget syncManifestBytes{32 * 1024 * 1024};
 
   // Single sign-on: pending sign-ins, handoff codes and the provider cache (sso/sso_state.h).
   // Created on first use; a test may install its own before the first request.

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,6 +13,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "base/byte_budget.h"
 #include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "rill/chunk_codec.h"
@@ -103,31 +103,6 @@ std::vector<std::string> previouslyInstalled(const TargetTree& tree) {
   return paths;
 }
 
-// Limits the chunk bytes that the fetching threads hold at once.
-class ByteBudget {
- public:
-  explicit ByteBudget(std::uint64_t capacity) : capacity_(capacity) {}
-  void acquire(std::uint64_t bytes) {
-    std::unique_lock lock(mutex_);
-    // One chunk larger than the whole budget still goes, alone.
-    freed_.wait(lock, [&] { return used_ == 0 || used_ + bytes <= capacity_; });
-    used_ += bytes;
-  }
-  void release(std::uint64_t bytes) {
-    {
-      std::lock_guard lock(mutex_);
-      used_ -= bytes;
-    }
-    freed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable freed_;
-  std::uint64_t capacity_;
-  std::uint64_t used_ = 0;
-};
-
 // One file being assembled in the parts directory under a name derived from its path, so that an
 // interrupted pull finds it again. The part is opened by the first chunk that arrives.
 class FileAssembly {
@@ -209,10 +184,8 @@ class ChunkFetches {
   void fetch(FileAssembly& assembly, std::size_t chunkIndex, std::uint64_t offset) {
     if (failed_) return;
     const ChunkRef& ref = assembly.file().chunks[chunkIndex];
-    const std::uint64_t held = ref.n + maxChunkObjectSize(ref.n);
-    budget_.acquire(held);
+    const auto held = budget_.take(ref.n + maxChunkObjectSize(ref.n));
     fetchHeld(assembly, ref, offset);
-    budget_.release(held);
   }
 
   void plan(std::uint64_t chunks, std::uint64_t bytes) {
@@ -283,7 +256,7 @@ class ChunkFetches {
   PullSource& source_;
   const LocalIndex& index_;
   const PullOptions& options_;
-  ByteBudget budget_;
+  base::ByteBudget budget_;
   std::mutex mutex_;
   std::atomic<bool> failed_{false};
   std::string failure_;

@@ -1,8 +1,8 @@
-#include "store/byte_budget.h"
+#include "base/byte_budget.h"
 
 #include <algorithm>
 
-namespace quill::store {
+namespace quill::base {
 
 ByteBudget::Lease ByteBudget::take(std::uint64_t bytes) {
   bytes = std::min(bytes, total_);
@@ -24,4 +24,4 @@ void ByteBudget::give(std::uint64_t bytes) {
   freed_.notify_all();
 }
 
-}  // namespace quill::store
+}  // namespace quill::base

@@ -1,4 +1,4 @@
-#include "store/byte_budget.h"
+#include "base/byte_budget.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-namespace quill::store {
+namespace quill::base {
 namespace {
 
 using namespace std::chrono_literals;
@@ -47,4 +47,4 @@ TEST(ByteBudget, TakersShareWhatFitsAndWaitInTheirTurn) {
 }
 
 }  // namespace
-}  // namespace quill::store
+}  // namespace quill::base

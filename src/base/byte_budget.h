@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <mutex>
 
-namespace quill::store {
+namespace quill::base {
 
 class ByteBudget {
  public:
@@ -46,4 +46,4 @@ class ByteBudget {
   std::condition_variable freed_;
 };
 
-}  // namespace quill::store
+}  // namespace quill::base
