@@ -67,8 +67,8 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   if (sized && static_cast<std::uint64_t>(info->size) > bound) {
     return unavailable(manifestTooLarge(bound));
   }
-  const std::uint64_t size = !info->present ? 0 : sized ? static_cast<std::uint64_t>(info->size)
-                                                        : bound;
+  std::uint64_t size = sized ? static_cast<std::uint64_t>(info->size) : bound;
+  if (!info->present) size = 0;
   const auto lease = ctx.syncManifestBytes.take(size);
   std::string body;
   if (!bucket.get(rill::manifestKey(channel), body, &error, size)) return unavailable(error);

@@ -17,8 +17,7 @@ namespace quill::rill::test {
 class HostileBucket {
  public:
   HostileBucket()
-      : peer_(std::filesystem::path(__FILE__).parent_path().parent_path() / "rill-peers" /
-                  "hostile-bucket.mjs",
+      : peer_(std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers" / "hostile-bucket.mjs",
               std::vector<std::string>{"--dir", dir_.path().string()}) {}
 
   const std::string& failure() const { return peer_.failure(); }
