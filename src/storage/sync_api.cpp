@@ -80,9 +80,9 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   // the manifest, and a slow client must not keep that in memory.
   store::ScratchFile file(ctx.data.root());
   if (!file.ok()) return unavailable(text::kNoScratch);
-  const auto written = rill::writeSyncDescriptor(
-      bucket.client(), channel, manifest.value(), lifetime,
-      [&file](std::string_view piece) { return file.write(piece); });
+  const auto written =
+      rill::writeSyncDescriptor(bucket.client(), channel, manifest.value(), lifetime,
+                                [&file](std::string_view piece) { return file.write(piece); });
   if (!written) return unavailable(written.error());
   if (!file.flush()) return unavailable(text::kNoScratch);
   return Response::fromOpenFile(file.release(), http::kJsonType);
