@@ -123,12 +123,14 @@ std::vector<http::Route> routeTable(Context& ctx) {
       waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus)),
       withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule)),
       withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
-                                  [&ctx](const Request& req) {
-                                    return backup::initBackups(req, ctx, storage::readRillSettings);
-                                  }))),
+                                                   [&ctx](const Request& req) {
+                                                     return backup::initBackups(
+                                                         req, ctx, storage::readRillSettings);
+                                                   }))),
       route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
       route("GET", "/api/storage", ctx, storage::readStorage),
-      waitingOn(kSettingsProbe, withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
+      waitingOn(kSettingsProbe,
+                withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
       route("DELETE", "/api/storage", ctx, storage::forgetStorage),
       waitingOn(kSettingsProbe,
                 withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),

@@ -15,8 +15,9 @@ void limitHead(HeadParser& head, const ServerOptions& options) {
 std::optional<unsigned> headFailureStatus(const beast::error_code& ec) {
   if (ec == bhttp::error::body_limit) return 413;
   if (ec == bhttp::error::header_limit) return 431;
-  if (ec == bhttp::error::end_of_stream || ec == beast::error::timeout || ec == asio::error::operation_aborted ||
-      ec == asio::error::connection_reset || ec == asio::error::eof) {
+  if (ec == bhttp::error::end_of_stream || ec == beast::error::timeout ||
+      ec == asio::error::operation_aborted || ec == asio::error::connection_reset ||
+      ec == asio::error::eof) {
     return std::nullopt;
   }
   return 400;

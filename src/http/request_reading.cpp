@@ -33,7 +33,8 @@ void readBody(HeadParser&& head, std::uint64_t bodyLimit, std::string_view rest,
   bhttp::request_parser<Body> parser(std::move(head));
   parser.body_limit(bodyLimit);
   beast::error_code ec;
-  feed(parser, rest, [&] { return parser.is_done(); }, ec);
+  feed(
+      parser, rest, [&] { return parser.is_done(); }, ec);
   if (ec == bhttp::error::need_more) {
     out.incomplete = true;
   } else if (ec) {
@@ -53,7 +54,8 @@ ReadRequest readRequest(std::string_view bytes, const ServerOptions& options,
   head.eager(false);
   limitHead(head, options);
   beast::error_code ec;
-  const std::size_t used = feed(head, bytes, [&] { return head.is_header_done(); }, ec);
+  const std::size_t used = feed(
+      head, bytes, [&] { return head.is_header_done(); }, ec);
   if (ec == bhttp::error::need_more) {
     out.incomplete = true;
     return out;

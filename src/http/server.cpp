@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -15,6 +13,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
+#include <csignal>
 #include <map>
 #include <optional>
 #include <system_error>
@@ -45,8 +44,8 @@ struct ServerCore {
         acceptRetry(ioc) {
     for (const Route& route : router.routes()) {
       if (route.waitsOn.empty() || remotePools.count(route.waitsOn) != 0) continue;
-      remotePools.emplace(route.waitsOn,
-                          std::make_unique<asio::thread_pool>(std::max(1U, options.blockingThreads)));
+      remotePools.emplace(route.waitsOn, std::make_unique<asio::thread_pool>(
+                                             std::max(1U, options.blockingThreads)));
     }
   }
 

@@ -58,20 +58,21 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   // The manifest's size, asked first, is what its download and parse take from the budget and
   // all that its download may bring: a bucket that stalls holds none of the budget, and one that
   // lies about the size is cut off there (as is, rarely, a manifest replaced in between; the
-  // client asks again). A size not told may take the whole budget.
+  // client asks again). A size not told may take the whole budget. An error answer reads as
+  // size 0, and the download then reports the error as the bucket gives it.
   const std::uint64_t bound = ctx.syncManifestBytes.total();
-  std::string error;
-  const auto info = bucket.exists(rill::manifestKey(channel), &error);
-  if (!info) return unavailable(error);
-  const bool sized = info->present && info->size >= 0;
-  if (sized && static_cast<std::uint64_t>(info->size) > bound) {
-    return unavailable(manifestTooLarge(bound));
+  const std::string key = rill::manifestKey(channel);
+  const rill::HttpResponse head = bucket.client().head(key);
+  if (!head.error.empty()) return unavailable(head.error);  // asking again would wait again
+  std::uint64_t size = 0;
+  if (head.isSuccess()) {
+    size = head.contentLength >= 0 ? static_cast<std::uint64_t>(head.contentLength) : bound;
   }
-  const std::uint64_t size = !info->present ? 0 : sized ? static_cast<std::uint64_t>(info->size)
-                                                        : bound;
+  if (size > bound) return unavailable(manifestTooLarge(bound));
   const auto lease = ctx.syncManifestBytes.take(size);
   std::string body;
-  if (!bucket.get(rill::manifestKey(channel), body, &error, size)) return unavailable(error);
+  std::string error;
+  if (!bucket.get(key, body, &error, size)) return unavailable(error);
   auto manifest = rill::parseManifest(body);
   body = std::string();
   if (!manifest) return unavailable(manifest.error());
@@ -80,9 +81,9 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   // the manifest, and a slow client must not keep that in memory.
   store::ScratchFile file(ctx.data.root());
   if (!file.ok()) return unavailable(text::kNoScratch);
-  const auto written = rill::writeSyncDescriptor(
-      bucket.client(), channel, manifest.value(), lifetime,
-      [&file](std::string_view piece) { return file.write(piece); });
+  const auto written =
+      rill::writeSyncDescriptor(bucket.client(), channel, manifest.value(), lifetime,
+                                [&file](std::string_view piece) { return file.write(piece); });
   if (!written) return unavailable(written.error());
   if (!file.flush()) return unavailable(text::kNoScratch);
   return Response::fromOpenFile(file.release(), http::kJsonType);

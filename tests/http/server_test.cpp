@@ -4,9 +4,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <functional>
 #include <mutex>
-#include <fstream>
 #include <thread>
 
 #include "http/json.h"

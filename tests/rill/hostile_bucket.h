@@ -17,9 +17,9 @@ namespace quill::rill::test {
 class HostileBucket {
  public:
   HostileBucket()
-      : peer_(std::filesystem::path(__FILE__).parent_path().parent_path() / "rill-peers" /
-                  "hostile-bucket.mjs",
-              std::vector<std::string>{"--dir", dir_.path().string()}) {}
+      : peer_(
+            std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers" / "hostile-bucket.mjs",
+            std::vector<std::string>{"--dir", dir_.path().string()}) {}
 
   const std::string& failure() const { return peer_.failure(); }
   S3Settings settings() const { return {peer_.origin(), "", "b", "x", "y"}; }
@@ -48,10 +48,10 @@ class HostileBucket {
 };
 
 // Skips the current test when node is missing; fails it when the peer could not start.
-#define QUILL_REQUIRE_HOSTILE_BUCKET(bucket)                                                   \
-  do {                                                                                         \
+#define QUILL_REQUIRE_HOSTILE_BUCKET(bucket)                                                 \
+  do {                                                                                       \
     if (quill::test::programOnPath("node").empty()) GTEST_SKIP() << "node is not installed"; \
-    ASSERT_EQ((bucket).failure(), "");                                                         \
+    ASSERT_EQ((bucket).failure(), "");                                                       \
   } while (false)
 
 }  // namespace quill::rill::test

@@ -46,7 +46,7 @@ class S3Peers {
       skipReason_ = "node is not installed; the S3 tests need it (scripts/install-deps.sh)";
       return;
     }
-    const auto peers = std::filesystem::path(__FILE__).parent_path().parent_path() / "rill-peers";
+    const auto peers = std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers";
     if (!std::filesystem::exists(peers / "node_modules" / "s3rver")) {
       failure_ = "s3rver is not installed in " + peers.string() + " (run scripts/install-deps.sh)";
       return;

@@ -24,10 +24,13 @@ Manifest manifestWith(std::vector<std::vector<ChunkRef>> files) {
 
 Result<std::uint64_t> write(const Manifest& m, std::string& text,
                             std::uint64_t maxBytes = kMaxSyncDescriptorBytes) {
-  return writeSyncDescriptor(kBucket, "ch", m, 300, [&](std::string_view piece) {
-    text += piece;
-    return true;
-  }, maxBytes);
+  return writeSyncDescriptor(
+      kBucket, "ch", m, 300,
+      [&](std::string_view piece) {
+        text += piece;
+        return true;
+      },
+      maxBytes);
 }
 
 // Exactly what the JSON writer makes of the same document, indented by two spaces.
@@ -68,12 +71,12 @@ TEST(SyncDescriptor, WritingStopsAtTheBoundOrWhenRefused) {
   ASSERT_TRUE(write(m, whole));
   std::string cut;
   const auto bounded = write(m, cut, whole.size() - 1);
-  EXPECT_EQ(bounded.error(), "sync descriptor larger than " + std::to_string(whole.size() - 1) +
-                                 " bytes");
+  EXPECT_EQ(bounded.error(),
+            "sync descriptor larger than " + std::to_string(whole.size() - 1) + " bytes");
   EXPECT_LT(cut.size(), whole.size());
   int pieces = 0;
-  const auto refused = writeSyncDescriptor(kBucket, "ch", m, 300,
-                                           [&](std::string_view) { return ++pieces < 3; });
+  const auto refused =
+      writeSyncDescriptor(kBucket, "ch", m, 300, [&](std::string_view) { return ++pieces < 3; });
   EXPECT_EQ(refused.error(), "cannot write sync descriptor");
   EXPECT_EQ(pieces, 3);
 }
@@ -88,13 +91,15 @@ TEST(SyncDescriptor, ReadingFailsWithAReasonAndNeverThrows) {
       {deep, "sync descriptor: nested too deep"},
       {"[1]", "sync descriptor: not a JSON object"},
       {R"({"chunks": {}})", "sync descriptor: manifest_url and chunks required"},
-      {R"({"manifest_url": "u", "chunks": []})", "sync descriptor: manifest_url and chunks required"},
+      {R"({"manifest_url": "u", "chunks": []})",
+       "sync descriptor: manifest_url and chunks required"},
       {R"({"manifest_url": "u", "chunks": {"a": 1}})",
        "sync descriptor: chunk links must be strings"},
   };
   for (const auto& c : cases) {
     const auto links = parseSyncDescriptor(c.text);
-    EXPECT_TRUE(links.error().starts_with(c.error)) << c.text.substr(0, 40) << ": " << links.error();
+    EXPECT_TRUE(links.error().starts_with(c.error))
+        << c.text.substr(0, 40) << ": " << links.error();
     EXPECT_FALSE(links);
   }
 }
