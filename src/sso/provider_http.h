@@ -1,6 +1,6 @@
 #pragma once
 // Blocking requests to the identity provider with libcurl, each limited to 10 seconds. Callers run
-// on the blocking pool (routes marked `blocking`), never on a request worker of their own.
+// on a pool of their route's own (the route waits on the identity provider), never on a request worker.
 //
 // Thread safety: any number of threads may call at once (one easy handle per request).
 
