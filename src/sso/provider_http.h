@@ -1,6 +1,6 @@
 #pragma once
 // Blocking requests to the identity provider with libcurl, each limited to 10 seconds. Callers run
-// on a pool of their route's own (the route waits on the identity provider), never on a request worker.
+// on the pool of the routes that wait on the identity provider, never on a request worker.
 //
 // Thread safety: any number of threads may call at once (one easy handle per request).
 
