@@ -1,8 +1,7 @@
 #include "api/service_tokens.h"
 
-#include <filesystem>
-
 #include "api/users.h"
+#include "store/accounts.h"
 #include "store/tokens.h"
 #include "store/users.h"
 
@@ -26,8 +25,7 @@ Response mintServiceToken(const Request& req, Context& ctx) {
   }
   auto tokenName = handler::nameParam(req, "name");
   if (!tokenName) return http::errorResponse(400, text::kBadTokenName);
-  std::error_code ec;
-  if (std::filesystem::exists(store::DataDir::recordPath(ctx.data.tokens(), *tokenName), ec)) {
+  if (store::tokenNameTaken(ctx.data, *tokenName)) {
     return http::errorResponse(409, text::kTokenExists);
   }
   std::string token = store::mintToken(ctx.data, *tokenName, req.segment());

@@ -1,7 +1,6 @@
 #include "api/users.h"
 
-#include <filesystem>
-
+#include "store/accounts.h"
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/users.h"
@@ -26,10 +25,6 @@ constexpr const char* kNoGroup = "group does not exist - create it first";
 constexpr const char* kNoChannel = "channel does not exist - create it first";
 constexpr const char* kWriteFailed = "could not update user";
 }  // namespace text
-
-bool isRole(std::string_view role) {
-  return role == "admin" || role == "member" || role == "publisher";
-}
 
 bool isAdmin(const Json::Value& user) { return store::textOf(user, "role") == "admin"; }
 
@@ -104,7 +99,7 @@ Response createUser(const Request& req, Context& ctx) {
   if (auto refusal = handler::refuseInvalidName(name, text::kInvalidUser)) return *refusal;
   std::string role(req.param("role").value_or(""));
   if (role.empty()) role = "member";
-  if (!isRole(role)) return http::errorResponse(400, text::kBadRole);
+  if (!store::isRole(role)) return http::errorResponse(400, text::kBadRole);
 
   store::NewUser user;
   user.name = name;
@@ -116,10 +111,7 @@ Response createUser(const Request& req, Context& ctx) {
     if (auto* refusal = std::get_if<Response>(&list)) return std::move(*refusal);
     user.channels = std::get<std::vector<std::string>>(std::move(list));
   }
-  std::error_code ec;
-  if (std::filesystem::exists(store::DataDir::recordPath(ctx.data.users(), name), ec)) {
-    return http::errorResponse(409, text::kUserExists);
-  }
+  if (store::userExists(ctx.data, name)) return http::errorResponse(409, text::kUserExists);
   std::string_view service = req.param("service").value_or("");
   user.service = service == "1" || service == "true";
   if (user.service && role != "publisher") {
@@ -187,7 +179,7 @@ Response setUserRole(const Request& req, Context& ctx) {
   const std::string& name = req.segment();
   if (auto refusal = handler::refuseInvalidName(name, text::kInvalidUser)) return *refusal;
   const std::string value(req.param("value").value_or(""));
-  if (!isRole(value)) return http::errorResponse(400, text::kBadRoleValue);
+  if (!store::isRole(value)) return http::errorResponse(400, text::kBadRoleValue);
   std::string_view channels = req.param("channels").value_or("");
   if (!channels.empty() && value != "publisher") {
     return http::errorResponse(400, text::kChannelsNeedPublisher);

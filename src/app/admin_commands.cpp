@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "handler/common.h"
+#include "store/accounts.h"
 #include "store/documents.h"
 #include "store/invites.h"
 #include "store/names.h"
@@ -30,25 +30,20 @@ std::string joined(const std::vector<std::string>& items) {
   return text;
 }
 
-bool tokenExists(const Context& ctx, const std::string& name) {
-  std::error_code ec;
-  return std::filesystem::exists(store::DataDir::recordPath(ctx.data.tokens(), name), ec);
-}
-
-// --channels for `user create`: every piece (an empty one included) a valid, declared channel.
+// --channels for `user create`: split at every comma, so a trailing one leaves an empty piece,
+// which the name rule refuses.
 std::optional<std::string> channelListProblem(const Context& ctx, const std::string& value,
                                               std::vector<std::string>& channels) {
-  channels = handler::splitList(value);
-  if (value.ends_with(',')) channels.emplace_back();
-  for (const auto& piece : channels) {
-    if (!store::isValidName(piece)) return "invalid channel name in --channels";
+  auto checked = store::checkChannelList(ctx.data, value, store::ListSplit::kEveryComma);
+  if (auto* list = std::get_if<std::vector<std::string>>(&checked)) {
+    channels = std::move(*list);
+    return std::nullopt;
   }
-  for (const auto& piece : channels) {
-    if (!handler::channelExists(ctx, piece)) {
-      return "channel '" + piece + "' is not declared on this server";
-    }
+  const auto& problem = std::get<store::ChannelListProblem>(checked);
+  if (problem.kind == store::ChannelListProblem::Kind::kInvalidName) {
+    return "invalid channel name in --channels";
   }
-  return std::nullopt;
+  return "channel '" + problem.piece + "' is not declared on this server";
 }
 
 // Deletes the pending invites of `user`. Records that cannot be read are left alone, and so is an
@@ -69,7 +64,7 @@ int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string& name = argument(ctx);
   if (!store::isValidName(name)) return fail(err, "invalid user name");
   std::string role = s.role;
-  if (role != "admin" && role != "member" && role != "publisher") {
+  if (!store::isRole(role)) {
     return fail(err, "--role must be admin, member or publisher");
   }
   std::vector<std::string> channels;
@@ -125,7 +120,9 @@ int userListCommand(Context& ctx, std::ostream& out, std::ostream&) {
 int tokenCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string& name = argument(ctx);
   if (!store::isValidName(name)) return fail(err, "invalid token name");
-  if (tokenExists(ctx, name)) return fail(err, "token '" + name + "' already exists");
+  if (store::tokenNameTaken(ctx.data, name)) {
+    return fail(err, "token '" + name + "' already exists");
+  }
   // Without --user the token belongs to a user named like the token.
   const std::string owner = ctx.settings.user.empty() ? name : ctx.settings.user;
   if (!store::isValidName(owner)) return fail(err, "invalid user name");

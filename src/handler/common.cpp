@@ -1,7 +1,6 @@
 #include "handler/common.h"
 
-#include <filesystem>
-
+#include "store/accounts.h"
 #include "store/names.h"
 
 namespace quill::handler {
@@ -18,35 +17,21 @@ std::optional<std::string> nameParam(const Request& req, std::string_view name) 
 }
 
 bool channelExists(const Context& ctx, const std::string& name) {
-  std::error_code ec;
-  return std::filesystem::exists(store::DataDir::recordPath(ctx.data.channels(), name), ec);
+  return store::channelDeclared(ctx.data, name);
 }
 
 std::vector<std::string> splitList(std::string_view value) {
-  std::vector<std::string> pieces;
-  std::size_t start = 0;
-  while (start < value.size()) {
-    std::size_t comma = value.find(',', start);
-    if (comma == std::string_view::npos) comma = value.size();
-    pieces.emplace_back(value.substr(start, comma - start));
-    start = comma + 1;
-  }
-  return pieces;
+  return store::splitList(value, store::ListSplit::kTrailingCommaEnds);
 }
 
 OrError<std::vector<std::string>> checkedChannelList(const Context& ctx, std::string_view value) {
-  auto pieces = splitList(value);
-  for (const auto& piece : pieces) {
-    if (!store::isValidName(piece)) {
-      return http::errorResponse(400, "invalid channel name in ?channels=");
-    }
+  auto checked = store::checkChannelList(ctx.data, value, store::ListSplit::kTrailingCommaEnds);
+  if (auto* channels = std::get_if<std::vector<std::string>>(&checked)) return std::move(*channels);
+  const auto& problem = std::get<store::ChannelListProblem>(checked);
+  if (problem.kind == store::ChannelListProblem::Kind::kInvalidName) {
+    return http::errorResponse(400, "invalid channel name in ?channels=");
   }
-  for (const auto& piece : pieces) {
-    if (!channelExists(ctx, piece)) {
-      return http::errorResponse(404, "channel '" + piece + "' does not exist");
-    }
-  }
-  return pieces;
+  return http::errorResponse(404, "channel '" + problem.piece + "' does not exist");
 }
 
 bool removeAll(Json::Value& array, const std::string& item) {

@@ -1,9 +1,9 @@
 #include "sso/provisioning.h"
 
 #include <cctype>
-#include <filesystem>
 #include <set>
 
+#include "store/accounts.h"
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/names.h"
@@ -51,11 +51,6 @@ std::string baseName(const Json::Value& claims) {
   return store::isValidName(name) ? name : kFallbackName;
 }
 
-bool userFileExists(const store::DataDir& data, const std::string& name) {
-  std::error_code ec;
-  return std::filesystem::exists(store::DataDir::recordPath(data.users(), name), ec);
-}
-
 std::optional<Json::Value> userWithSubject(const store::DataDir& data, const std::string& sub) {
   for (auto& user : store::listUsers(data)) {
     if (store::textOf(user, "sso_subject") == sub) return std::move(user);
@@ -72,25 +67,18 @@ Json::Value createDerivedUser(const store::DataDir& data, const Json::Value& cla
   }
 }
 
-int roleRank(const std::string& role) {
-  if (role == "admin") return 3;
-  if (role == "publisher") return 2;
-  if (role == "member") return 1;
-  return 0;
-}
-
 }  // namespace
 
 std::string derivedUserName(const store::DataDir& data, const Json::Value& claims) {
   const std::string base = baseName(claims);
-  if (!userFileExists(data, base)) return base;
+  if (!store::userExists(data, base)) return base;
   for (int n = 2;; ++n) {
     // Cut the base only as far as the suffix needs to stay within the name rule. A cut never
     // leaves fewer than 100 bytes, so it cannot make a reserved or dot name.
     std::string suffix = "-";
     suffix += std::to_string(n);
     std::string candidate = base.substr(0, store::kMaxNameBytes - suffix.size()) + suffix;
-    if (!userFileExists(data, candidate)) return candidate;
+    if (!store::userExists(data, candidate)) return candidate;
   }
 }
 
@@ -98,7 +86,8 @@ std::string mappedRole(const Mapping& mapping, const Json::Value& claims) {
   std::string best;
   for (const auto& value : claimValues(claims, mapping.rolesClaim)) {
     auto it = mapping.roles.find(value);
-    if (it != mapping.roles.end() && roleRank(it->second) > roleRank(best)) best = it->second;
+    if (it == mapping.roles.end()) continue;
+    if (store::roleRank(it->second) > store::roleRank(best)) best = it->second;
   }
   return best.empty() ? mapping.defaultRole : best;
 }

@@ -1,5 +1,6 @@
 #include "sso/sso_config.h"
 
+#include "store/accounts.h"
 #include "store/documents.h"
 #include "store/users.h"
 
@@ -68,10 +69,6 @@ std::string normalizeText(std::string_view text) {
   return std::string(text);
 }
 
-bool isRole(std::string_view role) {
-  return role == "admin" || role == "publisher" || role == "member";
-}
-
 Result<SsoConfig> validateProvider(const Json::Value& body, bool issuerOnly) {
   if (!body.isObject()) return Failure{text::kJsonRequired};
   SsoConfig config;
@@ -100,11 +97,13 @@ Result<Mapping> applyMapping(const Mapping& mapping, const Json::Value& body) {
   }
   if (body.isMember("default_role")) {
     const Json::Value& value = body["default_role"];
-    if (!value.isString() || !isRole(value.asString())) return Failure{text::kBadDefaultRole};
+    if (!value.isString() || !store::isRole(value.asString())) {
+      return Failure{text::kBadDefaultRole};
+    }
     out.defaultRole = value.asString();
   }
   if (body.isMember("roles")) {
-    auto roles = stringMap(body, "roles", isRole, " must map to admin, publisher or member");
+    auto roles = stringMap(body, "roles", store::isRole, " must map to admin, publisher or member");
     if (!roles) return Failure{roles.error()};
     out.roles = std::move(roles).value();
   }

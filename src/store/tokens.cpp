@@ -5,6 +5,7 @@
 #include <cctype>
 #include <ctime>
 
+#include "store/accounts.h"
 #include "store/documents.h"
 #include "store/names.h"
 #include "store/random.h"
@@ -104,8 +105,7 @@ std::string machineTokenName(const DataDir& data, std::string_view owner,
   // The cut keeps the owner's stem (or more than 4 bytes of it), so it never makes a reserved
   // device name, and it cannot end up as "." or "..".
   std::string name = (std::string(owner) + "-" + word).substr(0, kMaxNameBytes - kSuffixBytes);
-  std::error_code ec;
-  if (fs::exists(DataDir::recordPath(data.tokens(), name), ec)) {
+  if (tokenNameTaken(data, name)) {
     name += '-';
     name += randomString(kSuffixBytes - 1);
   }
