@@ -116,7 +116,7 @@ Response me(const Request& req, Context& ctx) {
   doc["name"] = (*caller)["name"];
   doc["role"] = (*caller)["role"];
   doc["groups"] = (*caller)["groups"];
-  doc["channels"] = store::effectiveChannels(ctx.data, *caller);
+  doc["channels"] = store::effectiveChannels(ctx.data, *caller, &ctx.documents);
   return http::jsonResponse(doc);
 }
 

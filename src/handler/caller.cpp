@@ -8,7 +8,7 @@ namespace quill::handler {
 
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx) {
   return store::resolveToken(ctx.data, store::bearerToken(req.header("authorization")),
-                             &ctx.tokens);
+                             &ctx.tokens, &ctx.documents);
 }
 
 std::optional<http::Response> refuseUnlessAdmin(const http::Request& req, Context& ctx) {

@@ -10,6 +10,7 @@
 #include "handler/settings.h"
 #include "base/byte_budget.h"
 #include "store/data_dir.h"
+#include "store/document_cache.h"
 #include "store/keyed_mutex.h"
 #include "store/token_index.h"
 
@@ -32,6 +33,8 @@ struct Context {
   Settings settings;
   store::DataDir data;
   store::TokenIndex tokens;
+  // User and group records on the authenticated road (every lookup still checks the file).
+  store::DocumentCache documents;
   // Per build id: an upload's last check and rename, and a finalize's check, walk and manifest
   // write, never interleave, so a finalized build never differs from its manifest.
   store::KeyedMutex buildLocks;

@@ -1,13 +1,17 @@
 #include "store/groups.h"
 
+#include "store/document_cache.h"
 #include "store/documents.h"
 #include "store/utc_time.h"
 
 namespace quill::store {
 
-std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name) {
+std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name,
+                                     DocumentCache* cache) {
+  const fs::path path = DataDir::recordPath(data.groups(), name);
+  if (cache) return cache->read(path);
   Json::Value record;
-  if (!readJsonFile(DataDir::recordPath(data.groups(), name), record)) {
+  if (!readJsonFile(path, record)) {
     return std::nullopt;
   }
   return record;

@@ -11,8 +11,12 @@
 
 namespace quill::store {
 
-// The group record named `name` (already checked with isValidName), or nullopt.
-std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name);
+class DocumentCache;
+
+// The group record named `name` (already checked with isValidName), or nullopt. With a cache, an
+// unchanged file is not read again.
+std::optional<Json::Value> findGroup(const DataDir& data, const std::string& name,
+                                     DocumentCache* cache = nullptr);
 // A new record: schema_version 1, name, empty channels, created_at now.
 Json::Value newGroupRecord(const std::string& name);
 bool saveGroup(const DataDir& data, const Json::Value& record);

@@ -1,46 +1,19 @@
 #include "store/token_index.h"
 
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
 
 #include "store/documents.h"
+#include "store/file_stamp.h"
 
 namespace quill::store {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// What identifies one version of a file: a rename onto it changes the inode, an edit in place
-// the modification time or the size.
-struct FileStamp {
-  std::uint64_t inode = 0;
-  std::int64_t modifiedNs = 0;
-  std::int64_t size = 0;
-  bool regular = false;
-};
-
-std::optional<FileStamp> stampOf(const fs::path& path) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-  return FileStamp{
-      static_cast<std::uint64_t>(st.st_ino),
-      static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec,
-      static_cast<std::int64_t>(st.st_size), S_ISREG(st.st_mode)};
-}
-
-// Reads `path` and checks it holds `hash`.
-std::optional<TokenFile> confirm(const fs::path& path, const std::string& hash) {
-  TokenFile file{path, {}};
-  if (!readJsonFile(path, file.record)) return std::nullopt;
-  const Json::Value& stored = file.record["token_hash"];
-  if (!stored.isString() || stored.asString() != hash) return std::nullopt;
-  return file;
-}
 
 std::string storedHash(const fs::path& path) {
   Json::Value record;
@@ -49,6 +22,14 @@ std::string storedHash(const fs::path& path) {
 }
 
 }  // namespace
+
+std::optional<TokenFile> TokenIndex::confirm(const fs::path& path, const std::string& hash) {
+  auto record = files_.read(path);
+  if (!record) return std::nullopt;
+  const Json::Value& stored = (*record)["token_hash"];
+  if (!stored.isString() || stored.asString() != hash) return std::nullopt;
+  return TokenFile{path, std::move(*record)};
+}
 
 TokenIndex::~TokenIndex() { closeWatch(); }
 
@@ -133,10 +114,9 @@ void TokenIndex::refresh(const fs::path& tokensDir) {
     auto stamp = stampOf(path);
     if (!stamp || !stamp->regular) continue;
     std::string name = path.filename().string();
-    Entry entry{"", stamp->inode, stamp->modifiedNs, stamp->size};
+    Entry entry{"", *stamp};
     auto known = byName_.find(name);
-    if (known != byName_.end() && known->second.inode == entry.inode &&
-        known->second.modifiedNs == entry.modifiedNs && known->second.size == entry.size) {
+    if (known != byName_.end() && known->second.stamp == entry.stamp) {
       entry.hash = known->second.hash;
     } else {
       entry.hash = storedHash(path);

@@ -1,7 +1,8 @@
 #pragma once
 // A cache from token hash to token file, so resolving a token does not read every token file.
 //
-// It never answers from memory alone. A hit is confirmed by reading the one file it names. A miss
+// It never answers from memory alone. A hit is confirmed against the one file it names (a stat,
+// and a read when that file changed). A miss
 // is trusted only when the kernel reported no change in the token directory since it was last
 // read (an inotify watch: the event is queued by the very call that changes the directory, so a
 // change made before a request is always seen by it). Otherwise the directory is re-listed and
@@ -20,6 +21,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
+
+#include "store/document_cache.h"
+#include "store/file_stamp.h"
 
 namespace quill::store {
 
@@ -42,10 +46,10 @@ class TokenIndex {
  private:
   struct Entry {
     std::string hash;
-    std::uint64_t inode = 0;
-    std::int64_t modifiedNs = 0;
-    std::int64_t size = 0;
+    FileStamp stamp;
   };
+  // Reads `path` (through files_) and checks it holds `hash`.
+  std::optional<TokenFile> confirm(const std::filesystem::path& path, const std::string& hash);
   // Re-lists the directory; reads only new or changed files.
   void refresh(const std::filesystem::path& tokensDir);
   // True when the watch proves the directory unchanged since the last refresh. Consumes the
@@ -53,6 +57,7 @@ class TokenIndex {
   bool provablyUnchanged(const std::filesystem::path& tokensDir);
   void closeWatch();
 
+  DocumentCache files_;  // the token files a hit is confirmed against
   std::mutex mutex_;
   std::filesystem::path dir_;
   std::map<std::string, Entry> byName_;        // file name -> what it held when read

@@ -121,7 +121,7 @@ std::optional<Json::Value> findToken(const DataDir& data, const std::string& nam
 }
 
 std::optional<Json::Value> resolveToken(const DataDir& data, std::string_view text,
-                                        TokenIndex* index) {
+                                        TokenIndex* index, DocumentCache* users) {
   if (text.empty()) return std::nullopt;
   const std::string hash = hashToken(text);
   auto file = index ? index->find(data.tokens(), hash) : scanForHash(data, hash);
@@ -130,7 +130,7 @@ std::optional<Json::Value> resolveToken(const DataDir& data, std::string_view te
   std::string userName = textOf(file->record, "user");
   if (userName.empty()) userName = upgradeLegacyToken(data, *file);
   if (!isValidName(userName)) return std::nullopt;
-  auto user = findUser(data, userName);
+  auto user = findUser(data, userName, users);
   if (!user || flagOf(*user, "disabled")) return std::nullopt;
   if (flagOf(file->record, "sso") && !ssoTokenFresh(*file)) return std::nullopt;
   return user;

@@ -12,6 +12,7 @@
 
 namespace quill::store {
 
+class DocumentCache;
 class TokenIndex;
 
 inline constexpr std::size_t kTokenLength = 48;
@@ -41,9 +42,10 @@ std::optional<Json::Value> findToken(const DataDir& data, const std::string& nam
 // The owning user's record for a presented token, or nullopt when the text is empty or unknown,
 // the user is missing or disabled, or a single-sign-on token is stale (its file is then removed).
 // A record without `user` predates per-user tokens: it is upgraded in place to belong to an admin
-// account named like the token. With an index, the lookup does not read every token file; the
-// answer is the same as the scan's.
+// account named like the token. With an index, the lookup does not read every token file; with a
+// cache, an unchanged user record is not read again; the answer is the same as without either.
 std::optional<Json::Value> resolveToken(const DataDir& data, std::string_view text,
-                                        TokenIndex* index = nullptr);
+                                        TokenIndex* index = nullptr,
+                                        DocumentCache* users = nullptr);
 
 }  // namespace quill::store

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "store/document_cache.h"
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/names.h"
@@ -29,9 +30,12 @@ void appendUnique(Json::Value& list, const Json::Value& item) {
 
 }  // namespace
 
-std::optional<Json::Value> findUser(const DataDir& data, const std::string& name) {
+std::optional<Json::Value> findUser(const DataDir& data, const std::string& name,
+                                    DocumentCache* cache) {
+  const fs::path path = DataDir::recordPath(data.users(), name);
+  if (cache) return cache->read(path);
   Json::Value record;
-  if (!readJsonFile(DataDir::recordPath(data.users(), name), record)) {
+  if (!readJsonFile(path, record)) {
     return std::nullopt;
   }
   return record;
@@ -91,12 +95,13 @@ std::string profileText(std::string_view text) {
   return out;
 }
 
-Json::Value effectiveChannels(const DataDir& data, const Json::Value& user) {
+Json::Value effectiveChannels(const DataDir& data, const Json::Value& user,
+                              DocumentCache* cache) {
   Json::Value channels(Json::arrayValue);
   for (const auto& follow : user["follows"]) appendUnique(channels, follow);
   for (const auto& groupName : stringsOf(user, "groups")) {
     if (!isValidName(groupName)) continue;
-    auto group = findGroup(data, groupName);
+    auto group = findGroup(data, groupName, cache);
     if (!group) continue;
     for (const auto& channel : (*group)["channels"]) appendUnique(channels, channel);
   }

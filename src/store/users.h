@@ -1,6 +1,7 @@
 #pragma once
 // User records, `users/<name>.json`, and the rules around them (recovery account, last admin,
-// effective channels). Records are plain JSON objects, read fresh for every use.
+// effective channels). Records are plain JSON objects, read fresh for every use (or checked
+// against their files, through a DocumentCache).
 
 #include <json/value.h>
 
@@ -13,9 +14,12 @@
 
 namespace quill::store {
 
+class DocumentCache;
+
 // The user record named `name` (already checked with isValidName), or nullopt when the file is
-// missing, unreadable or not a JSON object.
-std::optional<Json::Value> findUser(const DataDir& data, const std::string& name);
+// missing, unreadable or not a JSON object. With a cache, an unchanged file is not read again.
+std::optional<Json::Value> findUser(const DataDir& data, const std::string& name,
+                                    DocumentCache* cache = nullptr);
 
 struct NewUser {
   std::string name;
@@ -51,8 +55,9 @@ std::string recoveryAccountMessage(std::string_view verb);
 std::string profileText(std::string_view text);
 
 // The user's direct follows, then each of its groups' channels, first occurrences only.
-// Groups that do not read are skipped.
-Json::Value effectiveChannels(const DataDir& data, const Json::Value& user);
+// Groups that do not read are skipped. With a cache, unchanged group files are not read again.
+Json::Value effectiveChannels(const DataDir& data, const Json::Value& user,
+                              DocumentCache* cache = nullptr);
 
 // Small accessors that tolerate any JSON shape.
 bool flagOf(const Json::Value& record, const char* member);         // true only for boolean true
