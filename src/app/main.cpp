@@ -31,8 +31,9 @@ int main(int argc, char** argv) {
       return 0;
     case ParseOutcome::DumpRoutes: {
       Context ctx(settings);
-      for (const auto& route : routeTable(ctx)) {
-        std::printf("%s %s\n", route.method.c_str(), route.pattern.c_str());
+      for (const auto& [access, route] : routeTable(ctx)) {
+        std::printf("%s %s %s\n", route.method.c_str(), route.pattern.c_str(),
+                    accessName(access).c_str());
       }
       return 0;
     }

@@ -70,91 +70,127 @@ http::Route streamed(http::Route r, Context& ctx,
   return r;
 }
 
+// Who may call what.
+constexpr Access kOpen{Caller::kAnyone, std::nullopt, {}};
+constexpr Access kCredentialAttempt{Caller::kAnyone, Budget::Credential, {}};
+constexpr Access kSignInStart{Caller::kAnyone, Budget::SignInStart, {}};
+constexpr Access kPublicChannel{Caller::kPublicChannel, std::nullopt, {}};
+constexpr Access kPublicBuild{Caller::kPublicBuild, std::nullopt, {}};
+constexpr Access kSignedIn{Caller::kSignedIn, std::nullopt, {}};
+constexpr Access kPublisher{Caller::kPublisher, std::nullopt, {}};
+constexpr Access kOwnChannel{Caller::kOwnChannel, std::nullopt, {}};
+constexpr Access kAdmin{Caller::kAdmin, std::nullopt, {}};
+// "/api/invites/redeem" is open whatever the method, so a DELETE of it reaches the revoke route.
+constexpr Access kAdminButRedeem{Caller::kAdmin, std::nullopt, "redeem"};
+
 }  // namespace
 
-std::vector<http::Route> routeTable(Context& ctx) {
+std::vector<TableRoute> routeTable(Context& ctx) {
   return {
-      route("GET", "/api/channels", ctx, builds::listChannels),
-      route("POST", "/api/channels/{channel}", ctx, builds::createChannel),
-      route("GET", "/api/channels/{channel}", ctx, builds::readChannel),
-      route("DELETE", "/api/channels/{channel}", ctx, builds::deleteChannel),
-      route("POST", "/api/channels/{channel}/promote", ctx, builds::promoteChannel),
-      route("POST", "/api/channels/{channel}/public", ctx, builds::setChannelPublic),
-      withJsonBody(route("POST", "/api/channels/{channel}/launch", ctx, builds::setLaunchTargets)),
-      route("GET", "/api/builds", ctx, builds::listBuilds),
-      route("GET", "/api/builds/{id}", ctx, builds::readBuild),
-      route("DELETE", "/api/builds/{id}", ctx, builds::deleteBuild),
-      streamed(route("PUT", "/api/builds/{id}/files", ctx, builds::uploadFile), ctx,
-               builds::uploadCheck, builds::uploadBodyFile),
-      route("GET", "/api/builds/{id}/files", ctx, builds::downloadFile),
-      route("POST", "/api/builds/{id}/finalize", ctx, builds::finalizeBuild),
-      route("POST", "/api/builds/{id}/disabled", ctx, builds::setBuildDisabled),
-      route("GET", "/api/me", ctx, api::me),
-      route("POST", "/api/invites", ctx, api::mintInvite),
-      route("GET", "/api/invites", ctx, api::listInvites),
-      route("DELETE", "/api/invites/{id}", ctx, api::revokeInvite),
-      route("POST", "/api/invites/redeem", ctx, api::redeemInvite),
-      withJsonBody(route("POST", "/api/access-requests", ctx, api::submitAccessRequest)),
-      route("GET", "/api/access-requests", ctx, api::listAccessRequests),
-      route("POST", "/api/access-requests/{id}/approve", ctx, api::approveAccessRequest),
-      route("DELETE", "/api/access-requests/{id}", ctx, api::declineAccessRequest),
-      route("GET", "/api/claim", ctx, api::claimState),
-      route("POST", "/api/claim", ctx, api::claim),
-      route("GET", "/api/users", ctx, api::listUsers),
-      route("POST", "/api/users/{name}", ctx, api::createUser),
-      route("DELETE", "/api/users/{name}", ctx, api::deleteUser),
-      route("POST", "/api/users/{name}/groups", ctx, api::addUserToGroup),
-      route("DELETE", "/api/users/{name}/groups", ctx, api::removeUserFromGroup),
-      route("POST", "/api/users/{name}/channels", ctx, api::followChannel),
-      route("DELETE", "/api/users/{name}/channels", ctx, api::unfollowChannel),
-      route("POST", "/api/users/{name}/disabled", ctx, api::setUserDisabled),
-      route("POST", "/api/users/{name}/role", ctx, api::setUserRole),
-      route("POST", "/api/users/{name}/profile", ctx, api::setUserProfile),
-      route("POST", "/api/users/{name}/tokens", ctx, api::mintServiceToken),
-      route("GET", "/api/groups", ctx, api::listGroups),
-      route("POST", "/api/groups/{name}", ctx, api::createGroup),
-      route("DELETE", "/api/groups/{name}", ctx, api::deleteGroup),
-      route("POST", "/api/groups/{name}/channels", ctx, api::assignGroupChannel),
-      route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel),
-      route("GET", "/api/version", [](const Request&) { return versionDocument(); }),
-      route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); }),
-      waitingOn(kRillBucket, route("GET", "/api/rill/sync/{channel}", ctx, storage::rillSync)),
-      route("POST", "/api/backup", ctx, backup::startBackup),
-      waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus)),
-      withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule)),
-      withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
-                                                   [&ctx](const Request& req) {
-                                                     return backup::initBackups(
-                                                         req, ctx, storage::readRillSettings);
-                                                   }))),
-      route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
-      route("GET", "/api/storage", ctx, storage::readStorage),
-      waitingOn(kSettingsProbe,
-                withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage))),
-      route("DELETE", "/api/storage", ctx, storage::forgetStorage),
-      waitingOn(kSettingsProbe,
-                withJsonBody(route("POST", "/api/storage/test", ctx, storage::testStorage))),
-      route("GET", "/api/sso/config", ctx, sso::readConfig),
-      waitingOn(kSettingsProbe, withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig))),
-      route("DELETE", "/api/sso/config", ctx, sso::deleteConfig),
-      waitingOn(kSettingsProbe,
-                withJsonBody(route("POST", "/api/sso/config/test", ctx, sso::testConfig))),
-      route("GET", "/api/sso/mapping", ctx, sso::readMapping),
-      withJsonBody(route("PUT", "/api/sso/mapping", ctx, sso::putMapping)),
-      route("GET", "/api/sso/status", ctx, sso::ssoStatus),
-      waitingOn(kIdentityProvider, route("GET", "/api/sso/start", ctx, sso::startSignIn)),
-      waitingOn(kIdentityProvider, route("GET", "/api/sso/callback", ctx, sso::callback)),
-      withJsonBody(route("POST", "/api/sso/handoff", ctx, sso::handoff)),
-      route("GET", "/api/docs", [](const Request&) { return docsPage(); }),
-      route("GET", "/", [](const Request&) { return landingPage(); }),
+      {kSignedIn, route("GET", "/api/channels", ctx, builds::listChannels)},
+      {kOwnChannel, route("POST", "/api/channels/{channel}", ctx, builds::createChannel)},
+      {kPublicChannel, route("GET", "/api/channels/{channel}", ctx, builds::readChannel)},
+      {kAdmin, route("DELETE", "/api/channels/{channel}", ctx, builds::deleteChannel)},
+      {kOwnChannel, route("POST", "/api/channels/{channel}/promote", ctx, builds::promoteChannel)},
+      {kAdmin, route("POST", "/api/channels/{channel}/public", ctx, builds::setChannelPublic)},
+      {kAdmin, withJsonBody(route("POST", "/api/channels/{channel}/launch", ctx,
+                                  builds::setLaunchTargets))},
+      {kSignedIn, route("GET", "/api/builds", ctx, builds::listBuilds)},
+      {kPublicBuild, route("GET", "/api/builds/{id}", ctx, builds::readBuild)},
+      {kAdmin, route("DELETE", "/api/builds/{id}", ctx, builds::deleteBuild)},
+      {kPublisher, streamed(route("PUT", "/api/builds/{id}/files", ctx, builds::uploadFile), ctx,
+                            builds::uploadCheck, builds::uploadBodyFile)},
+      {kPublicBuild, route("GET", "/api/builds/{id}/files", ctx, builds::downloadFile)},
+      {kPublisher, route("POST", "/api/builds/{id}/finalize", ctx, builds::finalizeBuild)},
+      {kAdmin, route("POST", "/api/builds/{id}/disabled", ctx, builds::setBuildDisabled)},
+      {kSignedIn, route("GET", "/api/me", ctx, api::me)},
+      {kAdmin, route("POST", "/api/invites", ctx, api::mintInvite)},
+      {kSignedIn, route("GET", "/api/invites", ctx, api::listInvites)},
+      {kAdminButRedeem, route("DELETE", "/api/invites/{id}", ctx, api::revokeInvite)},
+      {kCredentialAttempt, route("POST", "/api/invites/redeem", ctx, api::redeemInvite)},
+      {kCredentialAttempt,
+       withJsonBody(route("POST", "/api/access-requests", ctx, api::submitAccessRequest))},
+      {kAdmin, route("GET", "/api/access-requests", ctx, api::listAccessRequests)},
+      {kAdmin,
+       route("POST", "/api/access-requests/{id}/approve", ctx, api::approveAccessRequest)},
+      {kAdmin, route("DELETE", "/api/access-requests/{id}", ctx, api::declineAccessRequest)},
+      {kOpen, route("GET", "/api/claim", ctx, api::claimState)},
+      {kCredentialAttempt, route("POST", "/api/claim", ctx, api::claim)},
+      {kSignedIn, route("GET", "/api/users", ctx, api::listUsers)},
+      {kAdmin, route("POST", "/api/users/{name}", ctx, api::createUser)},
+      {kAdmin, route("DELETE", "/api/users/{name}", ctx, api::deleteUser)},
+      {kAdmin, route("POST", "/api/users/{name}/groups", ctx, api::addUserToGroup)},
+      {kAdmin, route("DELETE", "/api/users/{name}/groups", ctx, api::removeUserFromGroup)},
+      {kAdmin, route("POST", "/api/users/{name}/channels", ctx, api::followChannel)},
+      {kAdmin, route("DELETE", "/api/users/{name}/channels", ctx, api::unfollowChannel)},
+      {kAdmin, route("POST", "/api/users/{name}/disabled", ctx, api::setUserDisabled)},
+      {kAdmin, route("POST", "/api/users/{name}/role", ctx, api::setUserRole)},
+      {kAdmin, route("POST", "/api/users/{name}/profile", ctx, api::setUserProfile)},
+      {kAdmin, route("POST", "/api/users/{name}/tokens", ctx, api::mintServiceToken)},
+      {kSignedIn, route("GET", "/api/groups", ctx, api::listGroups)},
+      {kAdmin, route("POST", "/api/groups/{name}", ctx, api::createGroup)},
+      {kAdmin, route("DELETE", "/api/groups/{name}", ctx, api::deleteGroup)},
+      {kAdmin, route("POST", "/api/groups/{name}/channels", ctx, api::assignGroupChannel)},
+      {kAdmin, route("DELETE", "/api/groups/{name}/channels", ctx, api::unassignGroupChannel)},
+      {kOpen, route("GET", "/api/version", [](const Request&) { return versionDocument(); })},
+      {kOpen, route("GET", "/api/openapi.yaml", [](const Request&) { return openapiDocument(); })},
+      {kSignedIn, waitingOn(kRillBucket, route("GET", "/api/rill/sync/{channel}", ctx,
+                                               storage::rillSync))},
+      {kAdmin, route("POST", "/api/backup", ctx, backup::startBackup)},
+      {kAdmin, waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus))},
+      {kAdmin,
+       withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule))},
+      {kAdmin, withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
+                                                            [&ctx](const Request& req) {
+                                                              return backup::initBackups(
+                                                                  req, ctx,
+                                                                  storage::readRillSettings);
+                                                            })))},
+      {kAdmin, route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig)},
+      {kAdmin, route("GET", "/api/storage", ctx, storage::readStorage)},
+      {kAdmin, waitingOn(kSettingsProbe,
+                         withJsonBody(route("PUT", "/api/storage", ctx, storage::saveStorage)))},
+      {kAdmin, route("DELETE", "/api/storage", ctx, storage::forgetStorage)},
+      {kAdmin, waitingOn(kSettingsProbe, withJsonBody(route("POST", "/api/storage/test", ctx,
+                                                            storage::testStorage)))},
+      {kAdmin, route("GET", "/api/sso/config", ctx, sso::readConfig)},
+      {kAdmin, waitingOn(kSettingsProbe,
+                         withJsonBody(route("PUT", "/api/sso/config", ctx, sso::putConfig)))},
+      {kAdmin, route("DELETE", "/api/sso/config", ctx, sso::deleteConfig)},
+      {kAdmin, waitingOn(kSettingsProbe, withJsonBody(route("POST", "/api/sso/config/test", ctx,
+                                                            sso::testConfig)))},
+      {kAdmin, route("GET", "/api/sso/mapping", ctx, sso::readMapping)},
+      {kAdmin, withJsonBody(route("PUT", "/api/sso/mapping", ctx, sso::putMapping))},
+      {kOpen, route("GET", "/api/sso/status", ctx, sso::ssoStatus)},
+      {kSignInStart,
+       waitingOn(kIdentityProvider, route("GET", "/api/sso/start", ctx, sso::startSignIn))},
+      {kOpen, waitingOn(kIdentityProvider, route("GET", "/api/sso/callback", ctx, sso::callback))},
+      {kCredentialAttempt, withJsonBody(route("POST", "/api/sso/handoff", ctx, sso::handoff))},
+      {kOpen, route("GET", "/api/docs", [](const Request&) { return docsPage(); })},
+      {kOpen, route("GET", "/", [](const Request&) { return landingPage(); })},
   };
 }
+
+namespace {
+
+// The gate judges the route's access first, then the route's own head check (if any) runs.
+http::Route behindGate(std::shared_ptr<Gate> gate, TableRoute entry) {
+  http::Route r = std::move(entry.route);
+  r.headCheck = [gate, access = entry.access,
+                 own = std::move(r.headCheck)](const Request& req) -> std::optional<Response> {
+    if (auto refusal = gate->judge(access, req)) return refusal;
+    if (own) return own(req);
+    return std::nullopt;
+  };
+  return r;
+}
+
+}  // namespace
 
 http::Router makeRouter(Context& ctx) {
   http::Router router;
   auto gate = std::make_shared<Gate>(ctx);
-  router.setPreHandling([gate](const Request& req) { return gate->judge(req); });
-  for (auto& r : routeTable(ctx)) router.add(std::move(r));
+  for (auto& entry : routeTable(ctx)) router.add(behindGate(gate, std::move(entry)));
   return router;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
-// The backup endpoints. Every one is for administrators: the gate refuses other callers' writes,
-// and GET /api/backups checks the role itself.
+// The backup endpoints. Every one is for administrators (the route table says so; the gate
+// refuses everyone else).
 
 #include "handler/context.h"
 #include "http/request.h"

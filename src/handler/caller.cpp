@@ -11,11 +11,4 @@ std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx) 
                              &ctx.tokens, &ctx.documents);
 }
 
-std::optional<http::Response> refuseUnlessAdmin(const http::Request& req, Context& ctx) {
-  const auto caller = lookupCaller(req, ctx);
-  if (!caller) return http::errorResponse(401, kMissingToken);
-  if (store::textOf(*caller, "role") != "admin") return http::errorResponse(403, kAdminOnly);
-  return std::nullopt;
-}
-
 }  // namespace quill::handler

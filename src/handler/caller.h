@@ -11,16 +11,12 @@
 
 namespace quill::handler {
 
-// The refusals about the caller, shared by the gate and the handlers that check callers themselves.
+// The refusal without a valid token, shared by the gate and the handlers that need the caller.
 inline constexpr const char* kMissingToken = "missing or invalid token";
-inline constexpr const char* kAdminOnly = "this operation requires the admin role";
 
 // The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
+// Who may call a route is the gate's business (app/access.h); handlers look the caller up only to
+// use it.
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
-
-// For the handlers that check the role themselves (the gate lets some reads through for every
-// role): 401 kMissingToken without a caller, 403 kAdminOnly for one who is not an administrator,
-// nullopt for an administrator.
-std::optional<http::Response> refuseUnlessAdmin(const http::Request& req, Context& ctx);
 
 }  // namespace quill::handler

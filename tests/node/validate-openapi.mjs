@@ -6,7 +6,7 @@
 // The document must be valid OpenAPI 3.0.3 (checked against the official schema by
 // @apidevtools/swagger-parser), pure ASCII with LF line ends (the build converts it to CR LF when
 // embedding it), and carry the shared components that clients rely on. With a routes file (the
-// output of `quillmoord --dump-routes`: one "METHOD /path" line per route) the operations in
+// output of `quillmoord --dump-routes`: one "METHOD /path access" line per route) the operations in
 // `paths` must be exactly the server's routes. Exits 0 and prints "openapi: ok (N operations)",
 // or exits 1 with the reason.
 
@@ -57,13 +57,14 @@ export function checkBytes(bytes) {
   }
 }
 
-// Parses "METHOD /path" lines; blank lines are ignored.
+// Parses "METHOD /path" lines, each optionally followed by who may call the route (one word,
+// ignored here); blank lines are ignored.
 export function parseRoutes(text) {
   const routes = [];
   for (const [i, raw] of text.split('\n').entries()) {
     const line = raw.trim();
     if (line === '') continue;
-    const m = /^([A-Z]+) (\/\S*)$/.exec(line);
+    const m = /^([A-Z]+) (\/\S*)(?: \S+)?$/.exec(line);
     if (!m) fail(`routes line ${i + 1}: expected "METHOD /path", got "${line}"`);
     routes.push(`${m[1]} ${m[2]}`);
   }
