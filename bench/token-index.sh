@@ -5,6 +5,10 @@
 # the others are written straight into tokens/ as the server's own minting would write them.
 # wrk drives the two alternately, with the same settings, and the medians are compared.
 #
+# Beside them, in the same rounds, open `GET /api/version` against the server with 10 tokens: what
+# an authenticated request costs next to one that needs no token (the caller lookup and the user
+# and group records it reads).
+#
 # Then, against the server with 10,000 tokens and its index warm, it checks that the offline
 # commands are seen at the very next request (PASS/FAIL lines; the exit status is 1 on a FAIL):
 # a token minted while the server runs, a token deleted, a token name minted anew, a user disabled.
@@ -20,6 +24,7 @@
 #   CONNECTIONS=64    wrk -c
 #   FEW=10 MANY=10000 the number of tokens in the two data directories
 #   MIN_RATIO=0.9     the target printed beside the result (MANY's rate / FEW's rate)
+#   ME_MIN_RATIO=0.5  the target for /api/me's rate / /api/version's (both with FEW tokens)
 #   QUILL_BIN=path    use this binary instead of building build-bench/quillmoord
 #   QUILL_ARGS="..."  extra arguments for quillmoord
 #   NICE=-15          run the servers and wrk at this nice level (negative needs root)
@@ -34,6 +39,7 @@ CONNECTIONS=${CONNECTIONS:-64}
 FEW=${FEW:-10}
 MANY=${MANY:-10000}
 MIN_RATIO=${MIN_RATIO:-0.9}
+ME_MIN_RATIO=${ME_MIN_RATIO:-0.5}
 BENCH_NAME="token-index"
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source-path=SCRIPTDIR source=lib.sh
@@ -112,6 +118,21 @@ check_offline_changes() {
   curl -fsS -o /dev/null -X POST -H "Authorization: Bearer $admin" \
     "http://127.0.0.1:$port/api/users/bob/disabled?value=false"
   check_equal "... and works again once the user is enabled" 200 "$(status_of "$port" /api/me "$bob")"
+
+  # Records edited by hand, in place (no rename), are what the next request sees.
+  curl -fsS -o /dev/null -X POST -H "Authorization: Bearer $admin" \
+    "http://127.0.0.1:$port/api/groups/qa"
+  curl -fsS -o /dev/null -X POST -H "Authorization: Bearer $admin" \
+    "http://127.0.0.1:$port/api/users/bob/groups?group=qa"
+  curl -fsS -o /dev/null -H "Authorization: Bearer $bob" "http://127.0.0.1:$port/api/me"
+  printf '{"channels":["by-hand"],"name":"qa","schema_version":1}\n' >"$data/groups/qa.json"
+  check_equal "a group edited by hand: its channels at the very next request" '["by-hand"]' \
+    "$(curl -fsS -H "Authorization: Bearer $bob" "http://127.0.0.1:$port/api/me" |
+      sed -n 's/.*"channels":\(\[[^]]*\]\).*/\1/p')"
+  printf '{"groups":["qa"],"name":"bob","role":"member","schema_version":1,"disabled":true}\n' \
+    >"$data/users/bob.json"
+  check_equal "a user disabled by hand is refused at the very next request" \
+    401 "$(status_of "$port" /api/me "$bob")"
 }
 
 # The number of tokens in data directory `label` (few or many).
@@ -177,6 +198,7 @@ main() {
     export BENCH_TOKEN=${tok[$label]}
     measure "http://127.0.0.1:${port[$label]}/api/me" "$WARMUP" "${pid[$label]}"
   done
+  measure "http://127.0.0.1:${port[few]}/api/version" "$WARMUP" "${pid[few]}"
   local round
   for round in $(seq "$ROUNDS"); do
     for label in few many; do
@@ -187,6 +209,12 @@ main() {
       wrk_cpu[$label]+=" $WRK_US"
       report_round "$round" "$(token_count "$label")"
     done
+    # The same header is sent; the open route ignores it.
+    measure "http://127.0.0.1:${port[few]}/api/version" "$DURATION" "${pid[few]}"
+    rates[version]+=" $RATE"
+    cpu[version]+=" $CPU_US"
+    printf 'round %d  GET /api/version  %8.0f req/s  CPU/request: server %5.1f us, wrk %5.1f us\n' \
+      "$round" "$RATE" "$CPU_US" "$WRK_US"
   done
 
   local few_median many_median
@@ -202,6 +230,15 @@ main() {
   awk -v m="$many_median" -v f="$few_median" -v min="$MIN_RATIO" -v few="$FEW" -v many="$MANY" \
     'BEGIN { r = m / f; printf "ratio %d tokens / %d tokens: %.2f  target >= %s: %s\n",
              many, few, r, min, (r >= min ? "met" : "NOT met") }'
+  local version_median
+  # shellcheck disable=SC2086 # the lists are words on purpose
+  version_median=$(median ${rates[version]})
+  # shellcheck disable=SC2086
+  printf 'GET /api/version  median %8.0f req/s  CPU/request: server %5.1f us\n' \
+    "$version_median" "$(median_float ${cpu[version]})"
+  awk -v m="$few_median" -v v="$version_median" -v min="$ME_MIN_RATIO" \
+    'BEGIN { r = m / v; printf "ratio GET /api/me / GET /api/version: %.2f  target >= %s: %s\n",
+             r, min, (r >= min ? "met" : "NOT met") }'
 
   echo
   check_offline_changes "$WORK/many" "${port[many]}" "${tok[many]}"
