@@ -40,8 +40,8 @@ std::string_view budgetName(Budget budget) {
 
 std::string accessName(const Access& access) {
   std::string name(callerName(access.who));
-  if (access.charge) name += "+" + std::string(budgetName(*access.charge));
-  if (!access.openSegment.empty()) name += ",open:" + std::string(access.openSegment);
+  if (access.charge) name.append("+").append(budgetName(*access.charge));
+  if (!access.openSegment.empty()) name.append(",open:").append(access.openSegment);
   return name;
 }
 
