@@ -140,7 +140,8 @@ OUT=$(in_runs env DURATION=1s ROUNDS=1 WARMUP=1s MANY=200 "$HERE/token-index.sh"
 check_command "token-index: a short run ends well" [ $? -eq 0 ]
 check_command "... with a ratio, a target and every correctness check passed" \
   bash -c 'grep -q "^ratio 200 tokens / 10 tokens: [0-9.]*  target >= 0.9" <<<"$1" &&
-           [ "$(grep -c "^PASS" <<<"$1")" = 7 ] && ! grep -q "^FAIL" <<<"$1"' _ "$OUT"
+           grep -q "^ratio GET /api/me / GET /api/version: [0-9.]*  target >= 0.5" <<<"$1" &&
+           [ "$(grep -c "^PASS" <<<"$1")" = 9 ] && ! grep -q "^FAIL" <<<"$1"' _ "$OUT"
 check_command "... and leaves nothing behind" nothing_left
 
 OUT=$(in_runs env TOTAL=20000 "$HERE/forwarded-flood.sh" 2>&1)
