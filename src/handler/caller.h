@@ -16,6 +16,7 @@ inline constexpr const char* kMissingToken = "missing or invalid token";
 inline constexpr const char* kAdminOnly = "this operation requires the admin role";
 
 // The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
+// Names the caller in `req.caller` for the access log.
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
 
 // For the handlers that check the role themselves (the gate lets some reads through for every
