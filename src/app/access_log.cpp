@@ -15,8 +15,8 @@ namespace {
 
 // Query parameters whose values say what was asked for and never hold a credential.
 constexpr std::array<std::string_view, 13> kHarmless = {
-    "build", "channels", "days",  "engine", "groups", "hours", "machine",
-    "path",  "port",     "role",  "service", "ttl",   "value"};
+    "build", "channels", "days", "engine",  "groups", "hours", "machine",
+    "path",  "port",     "role", "service", "ttl",    "value"};
 
 bool isHarmless(std::string_view name) {
   return std::find(kHarmless.begin(), kHarmless.end(), name) != kHarmless.end();
@@ -46,8 +46,8 @@ std::string orDash(const std::string& text) { return text.empty() ? "-" : escape
 std::string timeField(std::time_t when) {
   std::tm tm{};
   ::gmtime_r(&when, &tm);
-  static constexpr std::array<const char*, 12> kMonths = {
-      "Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  static constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   char text[40];
   std::snprintf(text, sizeof text, "[%02d/%s/%04d:%02d:%02d:%02d +0000]", tm.tm_mday,
                 kMonths[static_cast<std::size_t>(tm.tm_mon) % 12], tm.tm_year + 1900, tm.tm_hour,

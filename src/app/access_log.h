@@ -2,7 +2,8 @@
 // The access log (`--access-log <path>`, "-" for standard output): one line per answered
 // request, in the combined format of common web servers followed by the time taken:
 //
-//   203.0.113.7 - alice [24/Nov/2026:23:45:24 +0000] "GET /api/builds/b1/files?path=a.pak HTTP/1.1" 206 1048576 "-" "curl/7.88.1" 0.004
+//   203.0.113.7 - alice [24/Nov/2026:23:45:24 +0000] "GET /a?path=x HTTP/1.1" 206 1048576 "-"
+//   "curl/7.88.1" 0.004      (one line)
 //
 // The client is the address the gate charges (a loopback proxy's first X-Forwarded-For hop), the
 // user the caller's name or "-". Query values that may be secrets (sign-in codes and states,

@@ -1,12 +1,12 @@
 #include "app/serve.h"
 
 #include <curl/curl.h>
-#include <sodium.h>
 #include <pthread.h>
+#include <sodium.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <csignal>
-
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -57,7 +57,9 @@ AccessEntry accessEntry(const http::Exchange& exchange) {
 http::ServerOptions serverOptions(const Settings& settings, AccessLog& log) {
   http::ServerOptions options;
   if (log.enabled()) {
-    options.answered = [&log](const http::Exchange& e) { log.write(formatAccessLine(accessEntry(e))); };
+    options.answered = [&log](const http::Exchange& e) {
+      log.write(formatAccessLine(accessEntry(e)));
+    };
   }
   options.address = settings.bind;
   options.port = settings.port;
@@ -78,17 +80,20 @@ sigset_t handledSignals() {
   return set;
 }
 
-// SIGHUP reopens the access log (after a rotation); SIGTERM or SIGINT drains the server.
-void watchSignals(sigset_t set, http::Server& server, AccessLog& log) {
+// SIGHUP reopens the access log (after a rotation); SIGTERM or SIGINT drains the server. Returns
+// at the first signal after `done` is set; the thread never ends on its own, so a signal sent to
+// it to end it always finds it waiting.
+void watchSignals(sigset_t set, http::Server& server, AccessLog& log,
+                  const std::atomic<bool>& done) {
   for (;;) {
     int signal = 0;
     if (sigwait(&set, &signal) != 0) continue;
+    if (done) return;
     if (signal == SIGHUP) {
       log.reopen();
-      continue;
+    } else {
+      server.drain(kShutdownGrace);
     }
-    server.drain(kShutdownGrace);
-    return;
   }
 }
 
@@ -163,17 +168,18 @@ int runServer(Context& ctx) {
   Scheduler scheduler;
   scheduler.every(kScheduleCheckPeriod, [&ctx] { scheduledBackupCheck(ctx); });
   scheduler.start();
-  std::thread signalWatcher([&] { watchSignals(signals, server, log); });
+  std::atomic<bool> servingEnded{false};
+  std::thread signalWatcher([&] { watchSignals(signals, server, log, servingEnded); });
 
   server.run();
   // Serving ended (drained, or stopped): nothing new starts; a backup running now finishes, and
   // its lock on the data directory goes with it.
-  pthread_kill(signalWatcher.native_handle(), SIGTERM);
+  servingEnded = true;
+  pthread_kill(signalWatcher.native_handle(), SIGHUP);
   signalWatcher.join();
   scheduler.stop();
-  backup::finishBackgroundRun(ctx.backups, [] {
-    std::fputs("waiting for the running backup to finish\n", stderr);
-  });
+  backup::finishBackgroundRun(
+      ctx.backups, [] { std::fputs("waiting for the running backup to finish\n", stderr); });
   return 0;
 }
 

@@ -36,7 +36,7 @@ void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, s
   std::lock_guard lock(runtime.threadMutex);
   if (runtime.thread.joinable()) runtime.thread.join();
   runtime.thread = std::thread([&runtime, dataDir = std::move(dataDir), name = std::move(name),
-               done = std::move(done), hooks = std::move(hooks)] {
+                                done = std::move(done), hooks = std::move(hooks)] {
     {
       auto outcome = runBackup(dataDir, name, hooks);
       if (done) done(outcome);

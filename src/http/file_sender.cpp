@@ -50,14 +50,13 @@ void sendFileSlice(tcp::socket& socket, asio::steady_timer& idleTimer,
         boost::system::error_code ignored;
         if (!timerError) socket.cancel(ignored);
       });
-      socket.async_wait(tcp::socket::wait_write,
-                        [&socket, &idleTimer, idleLimit, slice = std::move(slice),
-                         done = std::move(done)](boost::system::error_code waitError) mutable {
-                          idleTimer.cancel();
-                          if (waitError) return done(false);
-                          sendFileSlice(socket, idleTimer, idleLimit, std::move(slice),
-                                        std::move(done));
-                        });
+      socket.async_wait(tcp::socket::wait_write, [&socket, &idleTimer, idleLimit,
+                                                  slice = std::move(slice), done = std::move(done)](
+                                                     boost::system::error_code waitError) mutable {
+        idleTimer.cancel();
+        if (waitError) return done(false);
+        sendFileSlice(socket, idleTimer, idleLimit, std::move(slice), std::move(done));
+      });
       return;
     }
     return done(false);  // an error, or the file shrank under us

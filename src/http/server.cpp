@@ -24,7 +24,7 @@ std::size_t connectionBound(const ServerOptions& options) {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 0;
   const auto descriptors = static_cast<std::size_t>(limit.rlim_cur);
   return descriptors > 2 * kReservedDescriptors ? descriptors - kReservedDescriptors
-                                                 : descriptors / 2;
+                                                : descriptors / 2;
 }
 
 }  // namespace

@@ -170,7 +170,8 @@ class Session : public std::enable_shared_from_this<Session> {
     if (!splitTarget(req_.target, req_.path, req_.query)) {
       return answerAndClose(400, "malformed request target");
     }
-    asio::post(core_.workers, [self = shared_from_this()] { self->guarded([&] { self->judge(); }); });
+    asio::post(core_.workers,
+               [self = shared_from_this()] { self->guarded([&] { self->judge(); }); });
   }
 
   void readBody() {
@@ -247,8 +248,8 @@ class Session : public std::enable_shared_from_this<Session> {
     if (req_.headOnly || r.status == 304) out->second.clear();
     std::array<asio::const_buffer, 2> buffers{asio::buffer(out->first), asio::buffer(out->second)};
     asio::async_write(stream_, buffers,
-                      [self = shared_from_this(), out, keepAlive,
-                       status = r.status](beast::error_code ec, std::size_t n) {
+                      [self = shared_from_this(), out, keepAlive, status = r.status](
+                          beast::error_code ec, std::size_t n) {
                         const std::size_t head = out->first.size();
                         self->answered(status, n > head ? n - head : 0);
                         if (ec || !keepAlive) return self->closeGracefully();
@@ -262,8 +263,8 @@ class Session : public std::enable_shared_from_this<Session> {
     auto head = std::make_shared<std::string>(formatHead(r, version_, slice.length(), keepAlive));
     auto file = req_.headOnly ? nullptr : std::make_shared<FileSlice>(std::move(slice));
     asio::async_write(stream_, asio::buffer(*head),
-                      [self = shared_from_this(), head, file, keepAlive,
-                       status = r.status](beast::error_code ec, std::size_t) mutable {
+                      [self = shared_from_this(), head, file, keepAlive, status = r.status](
+                          beast::error_code ec, std::size_t) mutable {
                         if (ec) {
                           self->answered(status, 0);
                           return self->closeNow();

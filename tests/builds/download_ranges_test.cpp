@@ -15,7 +15,7 @@ namespace {
 constexpr const char* kBytes = "0123456789";
 
 struct Case {
-  const char* build;  // "done" (finalized) or "open"
+  const char* build;                                         // "done" (finalized) or "open"
   std::vector<std::pair<std::string, std::string>> headers;  // "$etag", "$date", "$older" filled in
   unsigned status;
   const char* body;          // the bytes sent ("" for 304 and 416)
@@ -59,7 +59,8 @@ const std::vector<Case> kCases = {
 
 class DownloadRangesTest : public ApiTest {
  protected:
-  http::Response get(const std::string& build, const std::vector<std::pair<std::string, std::string>>& headers = {}) {
+  http::Response get(const std::string& build,
+                     const std::vector<std::pair<std::string, std::string>>& headers = {}) {
     Req req("GET", "/api/builds/" + build + "/files");
     req.q("path", "dir/app.bin");
     for (const auto& [name, value] : headers) req.header(name, value);
@@ -84,8 +85,10 @@ TEST_F(DownloadRangesTest, RangesAndConditionsAnswerAsTheTableSays) {
   for (const Case& c : kCases) {
     auto headers = c.headers;
     for (auto& [name, value] : headers) {
-      for (const auto& [from, to] : {std::pair{"$etag", etag}, {"$date", date}, {"$older", older}}) {
-        if (auto at = value.find(from); at != std::string::npos) value.replace(at, std::string(from).size(), to);
+      for (const auto& [from, to] :
+           {std::pair{"$etag", etag}, {"$date", date}, {"$older", older}}) {
+        if (auto at = value.find(from); at != std::string::npos)
+          value.replace(at, std::string(from).size(), to);
       }
     }
     std::string shown = c.build;

@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
-#include <algorithm>
 #include <string>
 #include <thread>
 
@@ -58,9 +58,11 @@ class OperatorTest : public ::testing::Test {
   }
   void publish(const std::string& build, const std::string& path, const std::string& bytes) {
     ASSERT_EQ(client_.fetch("PUT", fileUrl(build, path), bytes, bearer(token_)).status, 200);
-    ASSERT_EQ(client_.fetch("POST", server_->url("/api/builds/" + build + "/finalize"), "",
-                            bearer(token_)).status,
-              200);
+    ASSERT_EQ(
+        client_
+            .fetch("POST", server_->url("/api/builds/" + build + "/finalize"), "", bearer(token_))
+            .status,
+        200);
   }
 
   TempDir dir_;
@@ -74,9 +76,9 @@ TEST_F(OperatorTest, CurlResumesACutDownloadByteForByte) {
   publish("b1", "game.pak", bytes);
   const fs::path out = dir_.path() / "game.pak";
   spit(out, bytes.substr(0, 1024 * 1024 + 5));  // the line broke here
-  const std::vector<std::string> resume = {"-sS",  "-f", "-C", "-", "-H",
-                                           "Authorization: Bearer " + token_, "-o", out.string(),
-                                           fileUrl("b1", "game.pak")};
+  const std::vector<std::string> resume = {"-sS", "-f",         "-C",
+                                           "-",   "-H",         "Authorization: Bearer " + token_,
+                                           "-o",  out.string(), fileUrl("b1", "game.pak")};
   auto run = runProcess(kCurl, resume);
   ASSERT_EQ(run.exitCode, 0) << run.err;
   EXPECT_TRUE(slurp(out) == bytes);
@@ -91,9 +93,11 @@ TEST_F(OperatorTest, SigtermLetsAnUploadInFlightFinishThenExitsZero) {
   const std::string bytes = randomBytes(4 * 1024 * 1024, 9);
   RawConnection idle(server_->port());
   RawConnection upload(server_->port());
-  ASSERT_TRUE(upload.send("PUT /api/builds/b2/files?path=big.bin HTTP/1.1\r\nHost: x\r\n"
-                          "Authorization: Bearer " + token_ + "\r\nContent-Length: " +
-                          std::to_string(bytes.size()) + "\r\n\r\n" + bytes.substr(0, 1 << 20)));
+  ASSERT_TRUE(
+      upload.send("PUT /api/builds/b2/files?path=big.bin HTTP/1.1\r\nHost: x\r\n"
+                  "Authorization: Bearer " +
+                  token_ + "\r\nContent-Length: " + std::to_string(bytes.size()) + "\r\n\r\n" +
+                  bytes.substr(0, 1 << 20)));
   std::this_thread::sleep_for(300ms);  // the head is judged and the body is arriving
   ASSERT_EQ(::kill(server_->pid(), SIGTERM), 0);
 
