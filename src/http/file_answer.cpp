@@ -83,8 +83,8 @@ std::optional<std::time_t> parseHttpDate(std::string_view text) {
   auto number = [&](std::size_t at, std::size_t width) { return decimal(text.substr(at, width)); };
   auto day = number(5, 2), year = number(12, 4), hour = number(17, 2), minute = number(20, 2),
        second = number(23, 2);
-  if (!day || !year || !hour || !minute || !second || text[16] != ' ' || text[19] != ':' ||
-      text[22] != ':') {
+  if (!day || !year || !hour || !minute || !second || text[7] != ' ' || text[11] != ' ' ||
+      text[16] != ' ' || text[19] != ':' || text[22] != ':') {
     return std::nullopt;
   }
   std::tm tm{};
