@@ -60,6 +60,7 @@ const std::map<std::string, ValueSetter, std::less<>>& valueOptions() {
          return true;
        }},
       {"--claimpin", text(&Settings::claimPin)},
+      {"--access-log", text(&Settings::accessLog)},
       {"--user", text(&Settings::user)},
       {"--role", text(&Settings::role)},
       {"--channels", text(&Settings::channels)},

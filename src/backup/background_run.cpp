@@ -26,21 +26,30 @@ RunDone printRunOutcome(std::string what) {
   };
 }
 
-void startDetachedRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
-                      RunDone done, RunHooks hooks) {
+void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
+                        RunDone done, RunHooks hooks) {
   if (!hooks.onWait) {
     hooks.onWait = [dir = dataDir.string()] {
       std::fprintf(stderr, "waiting for the backup or prune already running on %s\n", dir.c_str());
     };
   }
-  std::thread([&runtime, dataDir = std::move(dataDir), name = std::move(name),
-               done = std::move(done), hooks = std::move(hooks)] {
+  std::lock_guard lock(runtime.threadMutex);
+  if (runtime.thread.joinable()) runtime.thread.join();
+  runtime.thread = std::thread([&runtime, dataDir = std::move(dataDir), name = std::move(name),
+                                done = std::move(done), hooks = std::move(hooks)] {
     {
       auto outcome = runBackup(dataDir, name, hooks);
       if (done) done(outcome);
     }
     runtime.running.store(false);
-  }).detach();
+  });
+}
+
+void finishBackgroundRun(BackupRuntime& runtime, const std::function<void()>& onWait) {
+  std::lock_guard lock(runtime.threadMutex);
+  if (!runtime.thread.joinable()) return;
+  if (runtime.running.load() && onWait) onWait();
+  runtime.thread.join();
 }
 
 }  // namespace quill::backup

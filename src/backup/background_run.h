@@ -1,5 +1,5 @@
 #pragma once
-// Runs on the server: on a detached thread of their own, one at a time per process.
+// Runs on the server: on a thread of their own that the runtime owns, one at a time per process.
 
 #include <filesystem>
 #include <functional>
@@ -20,10 +20,14 @@ using RunDone = std::function<void(const rill::Result<RunReport>&)>;
 // " (not recorded: cannot write <path>)" after it.
 RunDone printRunOutcome(std::string what);
 
-// Runs runBackup(dataDir, name, hooks) on a new detached thread, hands its outcome to `done`, and
-// clears the running flag as the thread's last act (so `runtime` must outlive the run, and nothing
-// else is touched after the flag is clear). The caller must have claimed the flag.
-void startDetachedRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
-                      RunDone done, RunHooks hooks = {});
+// Runs runBackup(dataDir, name, hooks) on a new thread that `runtime` owns, hands its outcome to
+// `done`, and clears the running flag as the thread's last act. The caller must have claimed the
+// flag; the thread of the previous run (already past its last act) is joined first.
+void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
+                        RunDone done, RunHooks hooks = {});
+
+// Waits for the run in progress, if any, to end (at shutdown). Calls `onWait` first when one is
+// running. The data directory's lock is released when it returns.
+void finishBackgroundRun(BackupRuntime& runtime, const std::function<void()>& onWait = {});
 
 }  // namespace quill::backup

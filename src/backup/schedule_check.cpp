@@ -33,7 +33,7 @@ void checkSchedule(Context& ctx, std::time_t now) {
   if (!isScheduleDue(schedule->dailyAt, minute, ctx.backups.lastScheduledDate)) return;
   if (!claimRunningFlag(ctx.backups)) return;
   ctx.backups.lastScheduledDate = minute.date;
-  startDetachedRun(ctx.backups, ctx.data.root(), "", printRunOutcome("scheduled backup"));
+  startBackgroundRun(ctx.backups, ctx.data.root(), "", printRunOutcome("scheduled backup"));
 }
 
 }  // namespace quill::backup

@@ -6,6 +6,7 @@
 #include "builds/build_files.h"
 #include "builds/build_store.h"
 #include "builds/content_type.h"
+#include "http/file_answer.h"
 #include "store/documents.h"
 #include "store/durable_file.h"
 #include "store/names.h"
@@ -158,11 +159,13 @@ Response downloadFile(const Request& req, Context& ctx) {
   auto path = safePath(req);
   if (!path) return http::errorResponse(400, text::kBadPath);
   const BuildPaths build = buildPaths(ctx.data, id);
+  const bool finalized = isFinalized(build);
   const int fd = openBuildFile(build.dir, *path);
   if (fd < 0) return http::errorResponse(404, text::kFileNotFound);
   const std::string name = fs::path(*path).filename().string();
-  return http::Response::fromOpenFile(fd, contentTypeFor(name))
-      .withHeader("Content-Disposition", attachmentDisposition(name));
+  auto whole = http::Response::fromOpenFile(fd, contentTypeFor(name))
+                   .withHeader("Content-Disposition", attachmentDisposition(name));
+  return http::answerFile(req, std::move(whole), buildFileFacts(fd, finalized));
 }
 
 Response setBuildDisabled(const Request& req, Context& ctx) {

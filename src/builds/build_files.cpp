@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -98,6 +99,24 @@ int openBuildFile(const fs::path& buildDir, const std::string& path) {
   struct stat st {};
   if (!file || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   return file.release();
+}
+
+http::FileFacts buildFileFacts(int fd, bool finalized) {
+  http::FileFacts facts;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return facts;
+  facts.size = static_cast<std::uint64_t>(st.st_size);
+  facts.modified = st.st_mtim.tv_sec;
+  facts.stable = finalized;
+  if (!finalized) return facts;
+  char tag[80];
+  std::snprintf(tag, sizeof tag, "\"%llx-%llx-%llx.%lx\"",
+                static_cast<unsigned long long>(st.st_ino),
+                static_cast<unsigned long long>(st.st_size),
+                static_cast<unsigned long long>(st.st_mtim.tv_sec),
+                static_cast<unsigned long>(st.st_mtim.tv_nsec));
+  facts.etag = tag;
+  return facts;
 }
 
 }  // namespace quill::builds

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <string>
 
+#include "http/file_answer.h"
+
 namespace quill::builds {
 
 namespace fs = std::filesystem;
@@ -21,5 +23,10 @@ bool placeBuildFile(const fs::path& buildDir, const std::string& path, const fs:
 // Opens `<buildDir>/files/<path>` for reading without following links; the descriptor (the
 // caller's to close) or -1 when it is missing or not a regular file.
 int openBuildFile(const fs::path& buildDir, const std::string& path);
+
+// What a download answer states about the file open at `fd`: its size and time, and, for a file
+// of a finalized build (which never changes again), a strong entity tag made of its inode, size
+// and modification time, so that a file replaced before finalizing never shares a tag.
+http::FileFacts buildFileFacts(int fd, bool finalized);
 
 }  // namespace quill::builds

@@ -7,8 +7,10 @@
 namespace quill::handler {
 
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx) {
-  return store::resolveToken(ctx.data, store::bearerToken(req.header("authorization")),
-                             &ctx.tokens, &ctx.documents);
+  auto caller = store::resolveToken(ctx.data, store::bearerToken(req.header("authorization")),
+                                    &ctx.tokens, &ctx.documents);
+  if (caller) req.caller = store::textOf(*caller, "name");
+  return caller;
 }
 
 }  // namespace quill::handler

@@ -17,6 +17,7 @@ inline constexpr const char* kMissingToken = "missing or invalid token";
 // The caller's user record, or nullopt without a valid "Bearer " token (unknown, disabled, stale).
 // Who may call a route is the gate's business (app/access.h); handlers look the caller up only to
 // use it.
+// Names the caller in `req.caller` for the access log.
 std::optional<Json::Value> lookupCaller(const http::Request& req, Context& ctx);
 
 }  // namespace quill::handler

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "handler/settings.h"
 #include "base/byte_budget.h"
@@ -17,10 +18,21 @@
 namespace quill {
 
 // Backups on the running server: one run at a time, whether started by the schedule or by
-// POST /api/backup, and the local date of the last scheduled start (in memory only).
+// POST /api/backup, and the local date of the last scheduled start (in memory only). It owns the
+// run's thread (backup/background_run.h) and waits for it when destroyed, so no run outlives the
+// context it reads.
 struct BackupRuntime {
+  BackupRuntime() = default;
+  BackupRuntime(const BackupRuntime&) = delete;
+  BackupRuntime& operator=(const BackupRuntime&) = delete;
+  ~BackupRuntime() {
+    if (thread.joinable()) thread.join();
+  }
+
   std::atomic<bool> running{false};
   std::string lastScheduledDate;  // "%Y-%m-%d"; touched only by the schedule check's thread
+  std::mutex threadMutex;
+  std::thread thread;  // the current or last run; guarded by threadMutex
 };
 
 namespace sso {

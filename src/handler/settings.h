@@ -20,6 +20,7 @@ struct Settings {
   bool rateLimit = true;
   bool claimable = false;
   std::string claimPin;
+  std::string accessLog;        // empty: no access log; "-": standard output
   std::string user;             // owner for `token create`
   std::string role = "member";  // for `user create`
   std::string channels;         // comma-separated, for `user create`

@@ -39,6 +39,7 @@ struct Request {
   std::map<std::string, std::string, std::less<>> query;  // percent-decoded; first occurrence wins
   Headers headers;
   std::string peer;                            // the peer's IP address as text
+  unsigned version = 11;                       // HTTP/1.1 as 11, HTTP/1.0 as 10
   std::optional<std::uint64_t> contentLength;  // nullopt when absent (or chunked)
   bool hasBody = false;                        // a body was announced (length > 0 or chunked)
   std::vector<std::string> segments;  // the `{segment}` captures of the matched route, in order
@@ -49,6 +50,9 @@ struct Request {
   // The route streams its body to a file, and it could not be stored (the disk is full, say):
   // `bodyFile` is empty, and the connection closes after the answer.
   bool bodyLost = false;
+  // The caller's name once the application has found who is calling, for the access log; "" for
+  // an anonymous request. Set while the request is judged, read after it is answered.
+  mutable std::string caller;
 
   std::string_view header(std::string_view name) const { return headers.get(name); }
   // The decoded query parameter `name`, or nullopt when absent.

@@ -2,8 +2,10 @@
 // What a handler answers: a status, a content type and either an in-memory body or a file that
 // the server streams from disk without reading it whole.
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,6 +36,9 @@ struct Response {
   std::vector<std::pair<std::string, std::string>> headers;  // extra header fields
   std::filesystem::path file;  // when set, the body is this file, streamed from disk
   std::shared_ptr<const OpenFile> openedFile;  // or this file, opened by the handler
+  // The part of the file to send: from `fileOffset`, `fileLength` bytes (to its end when unset).
+  std::uint64_t fileOffset = 0;
+  std::optional<std::uint64_t> fileLength;
   bool close = false;          // close the connection after answering
 
   static Response json(std::string serialized, unsigned status = 200);

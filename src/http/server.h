@@ -15,13 +15,18 @@
 //
 // Handlers run on worker threads, never on the I/O threads: ordinary handlers on one pool, and
 // handlers that wait on a remote service (Route::waitsOn) on a pool per service, so that a
-// service that stalls fills only its own pool. Timer tasks have a thread of their own.
+// service that stalls fills only its own pool.
 //
 // Floods: the open connections are bounded in all (from the open-file limit, so that descriptors
 // remain for files) and per client address; when `accept` runs out of descriptors the server
 // backs off instead of spinning, and keeps serving the connections it has.
 //
-// Thread safety: listen() and every() before run(); stop() from any thread.
+// Shutting down gracefully (drain): the listener closes, connections waiting for their next
+// request are closed, and every request in flight (an upload or a download included) is finished
+// and its connection closed after the answer; run() returns when the last connection has ended or
+// the grace period is over.
+//
+// Thread safety: listen() before run(); stop() and drain() from any thread.
 
 #include <chrono>
 #include <cstdint>
@@ -34,6 +39,14 @@
 namespace quill::http {
 
 struct ServerCore;
+
+// One answered request, as an access log records it.
+struct Exchange {
+  const Request& request;    // `method` is empty when the head could not be read
+  unsigned status = 0;
+  std::uint64_t bodyBytes = 0;  // body bytes sent (fewer than announced when the client left)
+  std::chrono::steady_clock::duration took{};  // from the head's arrival to the answer's end
+};
 
 struct ServerOptions {
   std::string address = "0.0.0.0";
@@ -58,6 +71,9 @@ struct ServerOptions {
   // every client shares, so they are exempt unless `limitLoopback` is set.
   std::size_t connectionsPerClient = 256;
   bool limitLoopback = false;
+  // Told of every answer once it has been sent (or the client left during it), on an I/O thread:
+  // it should be quick.
+  std::function<void(const Exchange&)> answered;
 };
 
 class Server {
@@ -71,12 +87,12 @@ class Server {
   bool listen(std::string& error);
   // The bound port (useful after listening on port 0).
   std::uint16_t port() const;
-  // Runs `task` every `period`, from the time run() starts, on the thread that every timer task
-  // shares (and no handler uses): a task should hand long work to a thread of its own.
-  void every(std::chrono::milliseconds period, std::function<void()> task);
-  // Serves until stop(); returns after every I/O thread has finished.
+  // Serves until stop() or the end of a drain; returns after every I/O thread has finished.
   void run();
   void stop();
+  // Stops taking connections and requests, lets those in flight finish, and ends run() when the
+  // last connection has ended or after `grace`, whichever comes first.
+  void drain(std::chrono::milliseconds grace);
 
  private:
   std::unique_ptr<ServerCore> core_;

@@ -21,7 +21,8 @@ inline constexpr const char* kRefused = "Sign-in refused";
 
 // "<!doctype html><meta charset=utf-8><title>" + title + "</title>", then a styled body with the
 // title as heading and `detail` as paragraph; both are HTML-escaped. Not cacheable, not frameable,
-// no scripts.
+// no scripts. Every such page ends a sign-in that failed: it is also reported on standard error,
+// one line "sign-in failed (<status>): <title>: <detail>".
 http::Response resultPage(unsigned status, std::string_view title, std::string_view detail);
 
 // A 302 to `location` that no cache keeps.

@@ -122,6 +122,13 @@ std::string readBytes(const fs::path& path) {
 
 std::string fileBody(const http::Response& res) {
   if (!res.openedFile) return readBytes(res.file);
+  if (res.fileOffset != 0 || res.fileLength) {  // the slice a range answer sends
+    std::string slice(res.fileLength.value_or(0), '\0');
+    const ssize_t n = ::pread(res.openedFile->fd(), slice.data(), slice.size(),
+                              static_cast<off_t>(res.fileOffset));
+    slice.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+    return slice;
+  }
   std::string bytes;
   char buffer[65536];
   off_t offset = 0;

@@ -95,6 +95,22 @@ std::string ServerProcess::url(const std::string& path) const {
 
 std::string ServerProcess::output() const { return slurp(outFile_); }
 
+std::string ServerProcess::errors() const { return slurp(outFile_.string() + ".err"); }
+
+int ServerProcess::waitForExit(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (pid_ > 0) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return -1;
+}
+
 bool ServerProcess::running() {
   if (pid_ <= 0) return false;
   if (::waitpid(pid_, nullptr, WNOHANG) == 0) return true;

@@ -37,6 +37,11 @@ class ServerProcess {
   std::string url(const std::string& path) const;
   // Standard output so far.
   std::string output() const;
+  // Standard error so far.
+  std::string errors() const;
+  // Waits for the process to end; its exit status, or -1 when it was killed by a signal or is
+  // still running after `timeout`.
+  int waitForExit(std::chrono::milliseconds timeout);
 
  private:
   pid_t pid_ = -1;
