@@ -85,6 +85,8 @@ const std::map<std::string, bool Settings::*, std::less<>>& flagOptions() {
       {"--claimable", &Settings::claimable},
       {"--service", &Settings::service},
       {"--replace", &Settings::replace},
+      {"--dry-run", &Settings::dryRun},
+      {"--read-data", &Settings::readData},
   };
   return flags;
 }

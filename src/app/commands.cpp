@@ -29,6 +29,7 @@ const std::vector<CommandShape>& commandShapes() {
       {{"backup", "init"}, backup::backupInitCommand},
       {{"backup", "list"}, backup::backupListCommand},
       {{"backup", "prune"}, backup::backupPruneCommand},
+      {{"backup", "check"}, backup::backupCheckCommand},
       {{"backup", "schedule", "*"}, backup::backupScheduleCommand},
       {{"restore", "*"}, backup::restoreCommand},
   };

@@ -96,9 +96,14 @@ Response initBackups(const Request& req, Context& ctx, BuildStorageReader readBu
 
   auto probed = rill::probeBucket(where.s3);
   if (!probed) return http::errorResponse(400, probed.error());
+  // A new key reads nothing already stored there: another server's snapshots must not be
+  // counted (and pruned) as ours.
+  std::string key = generateBackupKey();
+  if (auto foreign = foreignSnapshots(where.s3, key, where.prefix); !foreign.empty()) {
+    return http::errorResponse(409, foreign);
+  }
   const fs::path keyPath = backupKeyPath(root);
   if (fileExists(keyPath)) return http::errorResponse(409, text::kKeyExists);
-  std::string key = generateBackupKey();
   if (!writeKeyFile(keyPath, key)) return http::errorResponse(500, text::kCannotWriteKey);
   if (!writeBackupConfig(backupConfigPath(root), {where.s3, keyPath.string(), where.prefix})) {
     return http::errorResponse(500, text::kCannotWriteConfig);

@@ -5,6 +5,7 @@
 #include "backup/backup_run.h"
 #include "backup/backup_store.h"
 #include "backup/backup_texts.h"
+#include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
 #include "rill/process_init.h"
 #include "rill/progress_line.h"
@@ -65,6 +66,13 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   // Any answer at all shows that the endpoint is a store; only a transport failure refuses.
   const rill::HttpResponse probe = rill::S3Client(config.s3).head("channels/");
   if (probe.status == 0) return fail(err, "cannot reach the backup bucket: " + probe.error);
+  // A fresh key reads no snapshot already there; a bucket that cannot be listed is let through,
+  // as the probe above lets any answer through.
+  if (auto foreign = foreignSnapshots(config.s3, key, ""); !foreign.empty()) {
+    std::error_code removed;
+    fs::remove(keyPath, removed);  // never used: nothing is sealed with it
+    return fail(err, foreign);
+  }
   const fs::path configFile = backupConfigPath(root);
   if (!writeBackupConfig(configFile, config))
     return fail(err, "cannot write " + configFile.string());
@@ -83,7 +91,7 @@ int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   RunHooks hooks;
   hooks.onWait = announceWait(err, root);
   hooks.progress = [&progress](const rill::PublishProgress& p) {
-    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone});
+    progress.update(rill::publishCounts(p));
   };
   auto report = runBackup(root, "", hooks);
   progress.finish();
@@ -126,15 +134,50 @@ int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const int keep = ctx.settings.keep;
   if (keep < 1) return fail(err, text::kPruneNeedsKeep);
   const fs::path root = ctx.data.root();
+  const bool dryRun = ctx.settings.dryRun;
   RunHooks hooks;
   hooks.onWait = announceWait(err, root);
-  hooks.onRemoved = [&out](const std::string& name) { out << "  removed " << name << "\n"; };
-  auto result = pruneBackups(root, keep, hooks);
+  hooks.onRemoved = [&out, dryRun](const std::string& name) {
+    out << (dryRun ? "  would remove " : "  removed ") << name << "\n";
+  };
+  auto result = pruneBackups(root, keep, hooks, dryRun);
   if (!result) return fail(err, result.error());
   const PruneResult& r = result.value();
+  if (dryRun) {
+    out << "dry run, nothing deleted: would keep " << r.kept << " snapshot(s); remove "
+        << r.removed << "; sweep " << r.sweptChunks << " chunk(s) (" << r.sweptBytes
+        << " bytes)\n";
+    return kOk;
+  }
   out << "kept " << r.kept << " snapshot(s); removed " << r.removed << "; swept " << r.sweptChunks
       << " chunk(s) (" << r.sweptBytes << " bytes)\n";
   return kOk;
+}
+
+int backupCheckCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+  const fs::path root = ctx.data.root();
+  const bool readData = ctx.settings.readData;
+  rill::ProgressLine progress(stderr);
+  RunHooks hooks;
+  hooks.onWait = announceWait(err, root);
+  auto report = checkBackups(root, readData, hooks, [&progress](const CheckProgress& p) {
+    progress.update({.bytes = p.bytesDone,
+                     .bytesTotal = p.bytesTotal,
+                     .chunks = p.chunksDone,
+                     .chunksTotal = p.chunksTotal});
+  });
+  progress.finish();
+  if (!report) return fail(err, report.error());
+  const CheckReport& r = report.value();
+  for (const std::string& problem : r.problems) out << "  " << problem << "\n";
+  const std::string checked = std::to_string(r.snapshots) + " snapshot(s), " +
+                              std::to_string(r.chunks) + " chunk(s) checked" +
+                              (readData ? " (data read and verified)" : "");
+  if (r.problems.empty()) {
+    out << checked << ": no problems found\n";
+    return kOk;
+  }
+  return fail(err, checked + ": " + std::to_string(r.problems.size()) + " problem(s) found");
 }
 
 int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
@@ -192,7 +235,7 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   rill::ProgressLine progress(stderr);
   auto restored =
       restoreSnapshot(*store.value(), snapshot, target, [&progress](const rill::PullProgress& p) {
-        progress.update({.bytes = p.bytesDone, .bytesTotal = p.bytesTotal, .chunks = p.chunksDone});
+        progress.update(rill::pullCounts(p));
       });
   progress.finish();
   if (!restored) return fail(err, "restore failed: " + restored.error());

@@ -14,6 +14,7 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err);
 int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err);
 int backupListCommand(Context& ctx, std::ostream& out, std::ostream& err);
 int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err);
+int backupCheckCommand(Context& ctx, std::ostream& out, std::ostream& err);
 int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err);
 int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err);
 

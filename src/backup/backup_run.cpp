@@ -62,12 +62,23 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   return RunReport{snapshot, stats.value(), record(true, error)};
 }
 
-rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks) {
+rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks,
+                                       bool dryRun) {
   auto opened = openBackup(dataDir, hooks.openStore);
   if (!opened) return rill::Failure{opened.error()};
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
   if (!lock) return rill::Failure{lock.error()};
-  return pruneSnapshots(*opened.value().store, keep, hooks.onRemoved);
+  return pruneSnapshots(*opened.value().store, keep, hooks.onRemoved, dryRun);
+}
+
+rill::Result<CheckReport> checkBackups(const fs::path& dataDir, bool readData,
+                                       const RunHooks& hooks,
+                                       const std::function<void(const CheckProgress&)>& progress) {
+  auto opened = openBackup(dataDir, hooks.openStore);
+  if (!opened) return rill::Failure{opened.error()};
+  auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
+  if (!lock) return rill::Failure{lock.error()};
+  return checkSnapshots(*opened.value().store, readData, progress);
 }
 
 }  // namespace quill::backup

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "backup/backup_config.h"
+#include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
 #include "rill/result.h"
 #include "rill/storage_provider.h"
@@ -49,8 +50,15 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
                                   const RunHooks& hooks = {});
 
 // Prunes the store of `dataDir`'s backup.json to `keep` snapshots, holding the directory's lock.
-// Fails with the loader's or key text, or pruneSnapshots' messages.
+// Fails with the loader's or key text, or pruneSnapshots' messages. With `dryRun` nothing is
+// deleted and the result says what would go.
 rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep,
-                                       const RunHooks& hooks = {});
+                                       const RunHooks& hooks = {}, bool dryRun = false);
+
+// checkSnapshots on the store of `dataDir`'s backup.json, holding the directory's lock so that no
+// prune of this server deletes under it. Fails with the loader's or key text, or the listing's.
+rill::Result<CheckReport> checkBackups(
+    const fs::path& dataDir, bool readData, const RunHooks& hooks = {},
+    const std::function<void(const CheckProgress&)>& progress = {});
 
 }  // namespace quill::backup

@@ -51,6 +51,13 @@ inline constexpr const char* kRestoreNeedsStore =
 inline constexpr const char* kCheckKeyFile =
     "Check backup.json's key_file path on this machine before the next backup.";
 
+// Refusals that keep a bucket holding what this server cannot read from harm.
+inline constexpr const char* kPruneUnreadable =
+    "refusing to prune - nothing deleted: the bucket holds a manifest this key cannot read "
+    "(another server's snapshots, or a damaged object): ";
+inline constexpr const char* kForeignSnapshots =
+    " snapshot(s) this key cannot read (another server's?) - use another bucket or prefix";
+
 // Outcomes recorded in backup-state.json.
 inline constexpr const char* kPruneFailedAfterBackup = "backup ok; prune failed: ";
 // A run whose outcome could not be written to backup-state.json says so with this.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "backup/backup_texts.h"
 #include "rill/channel_store.h"
 #include "rill/manifest.h"
 #include "rill/pull_source.h"
@@ -97,33 +98,60 @@ rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
 }
 
 rill::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
-                                         const std::function<void(const std::string&)>& onRemoved) {
+                                         const std::function<void(const std::string&)>& onRemoved,
+                                         bool dryRun) {
   PruneResult result;
   if (keep < 1) return result;
   auto names = listSnapshots(store);
   if (!names) return rill::Failure{"list: " + names.error()};
+  // Counting or deleting around a manifest we cannot read would count another server's
+  // snapshots as ours, and the sweep would stop half-way: refuse while nothing is gone yet.
+  auto before = rill::readChannelManifests(store);
+  if (!before) return rill::Failure{text::kPruneUnreadable + before.error()};
   const std::size_t count = names.value().size();
   const std::size_t surplus = count > static_cast<std::size_t>(keep) ? count - keep : 0;
-  for (std::size_t i = 0; i < surplus; ++i) {
-    const std::string& name = names.value()[i];
-    auto deleted = rill::deleteChannelBuild(store, name);
-    if (!deleted) return rill::Failure{"delete " + name + ": " + deleted.error()};
+  const std::vector<std::string> doomed(names.value().begin(),
+                                        names.value().begin() + static_cast<long>(surplus));
+  for (const std::string& name : doomed) {
+    if (!dryRun) {
+      auto deleted = rill::deleteChannelBuild(store, name);
+      if (!deleted) return rill::Failure{"delete " + name + ": " + deleted.error()};
+    }
     ++result.removed;
     if (onRemoved) onRemoved(name);
   }
   result.kept = count - result.removed;
-  auto live = rill::readChannelManifests(store);
+  auto live = dryRun ? std::move(before) : rill::readChannelManifests(store);
   if (!live) return rill::Failure{"gc: " + live.error()};
-  auto swept = rill::sweepChunks(store, live.value());
+  if (dryRun) {
+    std::erase_if(live.value(), [&doomed](const rill::Manifest& m) {
+      return std::find(doomed.begin(), doomed.end(), m.channel) != doomed.end();
+    });
+  }
+  auto swept = rill::sweepChunks(store, live.value(), dryRun);
   if (!swept) return rill::Failure{"gc: " + swept.error()};
   result.sweptChunks = swept.value().removed;
   result.sweptBytes = swept.value().removedBytes;
   return result;
 }
 
+rill::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store) {
+  auto names = listSnapshots(store);
+  if (!names) return rill::Failure{names.error()};
+  std::vector<std::string> unreadable;
+  for (const std::string& name : names.value()) {
+    if (!readSnapshotManifest(store, name)) unreadable.push_back(name);
+  }
+  return unreadable;
+}
+
 rill::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress) {
+  std::string error;
+  const auto manifest = store.exists(rill::manifestKey(name), &error);
+  if (!manifest) return rill::Failure{error};
+  if (!manifest->present) return rill::Failure{"no snapshot " + name + " in the bucket"};
   rill::StorePullSource source(store, name);
   rill::PullOptions options;
   options.channel = name;
@@ -132,7 +160,6 @@ rill::Result<RestoreStats> restoreSnapshot(
   auto report = rill::pullChannel(source, target, options);
   rill::removePullState(target);
   if (!report) return rill::Failure{report.error()};
-  std::string error;
   if (!store::DataDir(target).prepare(error)) return rill::Failure{error};
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   return RestoreStats{scan.files, scan.total_bytes};

@@ -63,13 +63,21 @@ struct PruneResult {
 };
 
 // Keeps the newest `keep` snapshots. With `keep` below 1, succeeds and does nothing. Otherwise
-// deletes the oldest surplus snapshots in ascending order (`onRemoved` after each), then sweeps:
-// reads every manifest under "channels/" (of every channel), and deletes every chunk none of them
-// names. Fails with "list: <reason>", "delete <name>: <reason>" (snapshots deleted before it stay
-// deleted) or "gc: <reason>"; a manifest that cannot be read aborts the sweep before any delete.
+// first reads every manifest under "channels/" (of every channel): one this key cannot read means
+// the bucket holds what this server did not write (another server's snapshots, a damaged object),
+// so nothing is deleted ("refusing to prune ...: <reason>"). Then deletes the oldest surplus
+// snapshots in ascending order (`onRemoved` after each) and sweeps: reads every manifest again and
+// deletes every chunk none of them names. Fails with "list: <reason>", "delete <name>: <reason>"
+// (snapshots deleted before it stay deleted) or "gc: <reason>"; a manifest that cannot be read
+// aborts the sweep before any delete. With `dryRun`, deletes nothing and reports (and passes to
+// `onRemoved`) what would go.
 rill::Result<PruneResult> pruneSnapshots(
     rill::StorageProvider& store, int keep,
-    const std::function<void(const std::string&)>& onRemoved = {});
+    const std::function<void(const std::string&)>& onRemoved = {}, bool dryRun = false);
+
+// The snapshots in `store` whose manifest does not open with the store's key, oldest first.
+// Fails with the listing reason.
+rill::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store);
 
 struct RestoreStats {
   std::uint64_t files = 0;
@@ -78,7 +86,8 @@ struct RestoreStats {
 
 // Pulls snapshot `name` into `target` (created when missing), every chunk verified against its
 // hash, then creates the standard record directories a snapshot cannot record when empty. Fails
-// with the pull's text.
+// with "no snapshot <name> in the bucket" when its manifest is not there, else with the pull's
+// text.
 rill::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress = {});

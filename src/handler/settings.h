@@ -30,6 +30,8 @@ struct Settings {
   std::int32_t hours = -1;
   BackupOptions backup;
   std::int32_t keep = -1;
+  bool dryRun = false;    // `backup prune`: say what would go, delete nothing
+  bool readData = false;  // `backup check`: download and verify every chunk too
   std::vector<std::string> words;  // positional words, in order
 };
 

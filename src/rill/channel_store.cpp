@@ -35,7 +35,8 @@ Result<std::vector<Manifest>> readChannelManifests(StorageProvider& store) {
   return manifests;
 }
 
-Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manifest>& live) {
+Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manifest>& live,
+                                bool dryRun) {
   std::unordered_set<std::string> wanted;
   for (const Manifest& manifest : live) {
     for (const ScannedFile& file : manifest.tree.files) {
@@ -51,7 +52,7 @@ Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manife
       ++report.kept;
       continue;
     }
-    if (!store.remove(entry.key, &error)) return Failure{"DELETE failed: " + error};
+    if (!dryRun && !store.remove(entry.key, &error)) return Failure{"DELETE failed: " + error};
     ++report.removed;
     if (entry.size > 0) report.removedBytes += static_cast<std::uint64_t>(entry.size);
   }

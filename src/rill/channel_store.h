@@ -28,7 +28,8 @@ struct SweepReport {
 
 // Deletes every object under "chunks/" whose key is not the chunk key of a chunk in `live`.
 // Fails with "LIST failed: <reason>" or "DELETE failed: <reason>"; chunks deleted before a
-// failure stay deleted.
-Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manifest>& live);
+// failure stay deleted. With `dryRun`, only counts what would go.
+Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manifest>& live,
+                                bool dryRun = false);
 
 }  // namespace quill::rill

@@ -7,6 +7,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <string>
+
+#include "rill/publish.h"
+#include "rill/pull.h"
 
 namespace quill::rill {
 
@@ -17,6 +21,18 @@ struct ProgressCounts {
   std::uint64_t chunks = 0;
   std::uint64_t chunksTotal = 0;
 };
+
+// The line for `counts` after `elapsed` seconds, without the redraw codes: bytes (and, with a
+// total, "of <total> (<n>%)"), chunks (with their total when known), the average rate and, with a
+// byte total, the time left at that rate: "  1.2 GiB of 3.4 GiB (35%), 120/340 chunk(s),
+// 35.0 MiB/s, 1m05s left".
+std::string progressText(const ProgressCounts& counts, double elapsed);
+
+// A publish's counts: chunk and byte totals only once its scan is over, so that a total shown
+// never grows.
+ProgressCounts publishCounts(const PublishProgress& p);
+// A pull's counts, its totals known from the start.
+ProgressCounts pullCounts(const PullProgress& p);
 
 class ProgressLine {
  public:

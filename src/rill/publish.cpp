@@ -31,9 +31,17 @@ class ChunkUploads {
         transfers_(static_cast<std::ptrdiff_t>(
             options.transferThreads ? options.transferThreads : defaultTransferThreads())) {}
 
-  void found() {
+  void found(std::uint64_t length) {
     std::lock_guard lock(mutex_);
     ++progress_.chunksFound;
+    progress_.bytesFound += length;
+  }
+
+  // The scan is over: the totals are known from now on.
+  void scanned() {
+    std::lock_guard lock(mutex_);
+    progress_.scanned = true;
+    if (options_.progress) options_.progress(progress_);
   }
 
   // The chunk keys a listing of the store found, once it is complete.
@@ -231,13 +239,14 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
         [&](const fs::path& file, const std::vector<Chunk>& chunks) {
           for (const Chunk& chunk : chunks) {
             if (uploads.failed() || !queued.insert(chunk.hash).second) continue;
-            uploads.found();
+            uploads.found(chunk.length);
             pool.submit([&uploads, file, chunk] {
               uploads.upload(file, chunk.offset, chunk.length, chunk.hash);
             });
           }
         },
         scanOptions);
+    uploads.scanned();
     pool.wait();
   }
   if (uploads.failed()) return Failure{uploads.failure()};

@@ -20,6 +20,8 @@ namespace quill::rill {
 struct PublishProgress {
   std::uint64_t chunksDone = 0;   // distinct chunks checked (present, or uploaded)
   std::uint64_t chunksFound = 0;  // distinct chunks the scan has found so far
+  std::uint64_t bytesFound = 0;   // their bytes (uncompressed)
+  bool scanned = false;           // the scan is over: chunksFound and bytesFound are the totals
   std::uint64_t bytesDone = 0;    // chunk bytes (uncompressed) of the chunks done
   std::uint64_t uploaded = 0;     // chunks uploaded
   std::uint64_t storedBytes = 0;  // object bytes uploaded

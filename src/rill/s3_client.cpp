@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "rill/s3_error.h"
 #include "rill/s3_signing.h"
 
 namespace quill::rill {
@@ -22,6 +23,18 @@ std::string endpointOrigin(std::string_view endpoint) {
 }
 
 }  // namespace
+
+std::string describeFailure(std::string_view what, const HttpResponse& response) {
+  if (!response.error.empty()) return response.error;
+  std::string text = std::string(what) + " -> HTTP " + std::to_string(response.status);
+  if (const std::string reason = s3ErrorReason(response.body); !reason.empty()) {
+    text += " " + reason;
+  }
+  if (response.status == 403) {
+    text += " (credentials refused)";
+  }
+  return text;
+}
 
 std::string endpointHost(std::string_view endpoint) {
   const auto [start, end] = hostSpan(endpoint);
@@ -99,9 +112,8 @@ Result<std::vector<ObjectEntry>> S3Client::list(std::string_view prefix) const {
   std::string token;
   for (;;) {
     const HttpResponse response = send("GET", "", listQuery(prefix, token), "", sha256Hex(""));
-    if (!response.error.empty()) return Failure{response.error};
-    if (!response.isSuccess()) {
-      return Failure{"LIST -> HTTP " + std::to_string(response.status) + " " + response.body};
+    if (!response.error.empty() || !response.isSuccess()) {
+      return Failure{describeFailure("LIST", response)};
     }
     auto page = parseListPage(response.body);
     if (!page) return Failure{page.error()};

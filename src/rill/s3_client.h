@@ -35,6 +35,11 @@ std::string canonicalObjectUri(std::string_view bucket, std::string_view key);
 // "&prefix=" + prefix, values encoded (a '/' in the prefix becomes %2F).
 std::string listQuery(std::string_view prefix, std::string_view continuationToken);
 
+// The reason a request for `what` ("GET <key>", "LIST") failed: the transport's error, or
+// "<what> -> HTTP <status>" followed by a blank and the store's Code and Message (s3ErrorReason)
+// when it gave them, and for a 403 by " (credentials refused)".
+std::string describeFailure(std::string_view what, const HttpResponse& response);
+
 class S3Client {
  public:
   explicit S3Client(S3Settings settings);
@@ -46,7 +51,7 @@ class S3Client {
   HttpResponse remove(std::string_view key) const;
 
   // Every object whose key starts with `prefix`, following continuation tokens until a page is not
-  // truncated. Fails with the transport's error, "LIST -> HTTP <status> <body>" for a page that
+  // truncated. Fails with the transport's error, describeFailure("LIST", ...) for a page that
   // is not 2xx, the listing parser's messages, or "malformed listing: repeated continuation token".
   Result<std::vector<ObjectEntry>> list(std::string_view prefix) const;
 

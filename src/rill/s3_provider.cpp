@@ -9,9 +9,7 @@ namespace {
 // Writes the reason of a failed request; false for use in `return`.
 bool requestFailed(const HttpResponse& response, std::string_view method, std::string_view key,
                    std::string* error) {
-  if (!response.error.empty()) return fail(error, response.error);
-  return fail(error, std::string(method) + " " + std::string(key) + " -> HTTP " +
-                         std::to_string(response.status) + " " + response.body);
+  return fail(error, describeFailure(std::string(method) + " " + std::string(key), response));
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 
 namespace quill::rill {
 
-// Any 2xx answer is success. A failed request reports "<METHOD> <key> -> HTTP <status> <body>",
-// the body being the store's own error document (which never carries the secret key); a transport
+// Any 2xx answer is success. A failed request reports describeFailure("<METHOD> <key>", ...):
+// the status with the store's Code and Message, never its whole error document; a transport
 // failure reports "curl: <reason>". `exists` treats 404 as absent and other non-2xx as failure.
 class S3Provider final : public StorageProvider {
  public:

@@ -150,7 +150,10 @@ TEST(RestoreDrill, ABusyServerWithABuildOnAnotherVolumeIsBackedUpWhole) {
   }
   ASSERT_EQ(server.call("POST", "/api/builds/b1/finalize").status, 200);
   ASSERT_EQ(server.call("POST", "/api/builds/b2/finalize").status, 200);
-  const auto s3 = peers.settings();
+  // A bucket of its own: set-up refuses one holding the other drill's snapshots.
+  auto s3 = peers.settings();
+  s3.bucket = "busy-server";
+  ASSERT_TRUE(rill::S3Client(s3).put("", "").isSuccess());
   const std::string key = (tmp.path() / "backup.key").string();
   const auto init = runProcess(kBinary, {"backup", "init", "--endpoint", s3.endpoint, "--bucket",
                                          s3.bucket, "--access-key", s3.accessKey, "--secret-key",

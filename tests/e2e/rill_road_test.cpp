@@ -98,7 +98,9 @@ TEST_F(RillRoadE2E, SignedBuildFromCiToATesterAndRefusals) {
   ASSERT_EQ(published.exitCode, 0) << published.err;
   EXPECT_TRUE(std::regex_search(published.out,
                                 std::regex("^published road build 1.0.7: files 4, chunks [0-9]+, "
-                                           "new [0-9]+, bytes [0-9]+, stored [0-9]+, time ")))
+                                           "new [0-9]+, bytes [0-9.]+ (B|[KMG]iB), stored [0-9.]+ "
+                                           "(B|[KMG]iB), time [0-9.]+ s \\([0-9.]+ "
+                                           "(B|[KMG]iB)/s\\)\n")))
       << published.out;
   EXPECT_EQ(published.err, "") << "no progress line when the output is not a terminal";
 

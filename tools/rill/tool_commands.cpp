@@ -9,7 +9,9 @@
 #include <memory>
 
 #include "base/json_reader.h"
+#include "app/version.h"
 #include "rill/http_transport.h"
+#include "rill/human_size.h"
 #include "rill/manifest_signature.h"
 #include "rill/prefixed_provider.h"
 #include "rill/progress_line.h"
@@ -104,20 +106,22 @@ int runPublish(const ToolOptions& o) {
   if (!o.signKey.empty()) options.signingKey = signingKeyText(o.signKey);
   rill::ProgressLine progress(stderr);
   options.progress = [&progress](const rill::PublishProgress& p) {
-    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone, .chunksTotal = p.chunksFound});
+    progress.update(rill::publishCounts(p));
   };
   auto report = rill::publishDirectory(*store, o.dir, options);
   progress.finish();
   if (!report) return failed(report.error());
   const rill::ScanStats& stats = report.value().manifest.tree.stats;
+  const double seconds = progress.seconds();
   std::printf(
-      "published %s build %s: files %llu, chunks %llu, new %llu, bytes %llu, stored %llu, "
-      "time %.2f s\n",
+      "published %s build %s: files %llu, chunks %llu, new %llu, bytes %s, stored %s, "
+      "time %.2f s (%s)\n",
       o.channel.c_str(), options.build.c_str(), static_cast<unsigned long long>(stats.files),
       static_cast<unsigned long long>(stats.unique_chunks),
       static_cast<unsigned long long>(report.value().uploaded),
-      static_cast<unsigned long long>(stats.total_bytes),
-      static_cast<unsigned long long>(report.value().storedBytes), progress.seconds());
+      rill::humanBytes(stats.total_bytes).c_str(),
+      rill::humanBytes(report.value().storedBytes).c_str(), seconds,
+      rill::humanRate(stats.total_bytes, seconds).c_str());
   return 0;
 }
 
@@ -137,24 +141,25 @@ int runPull(const ToolOptions& o) {
   options.channel = o.channel;
   options.verifyKey = o.verifyKey;
   options.progress = [&progress](const rill::PullProgress& p) {
-    progress.update({.bytes = p.bytesDone, .chunks = p.chunksDone, .chunksTotal = p.chunksTotal});
+    progress.update(rill::pullCounts(p));
   };
   auto report = rill::pullChannel(*source, o.dir, options);
   progress.finish();
   if (!report) return failed(report.error());
   const rill::ScanStats& stats = report.value().manifest.tree.stats;
   const rill::PullProgress& totals = report.value().totals;
+  const double seconds = progress.seconds();
   std::printf(
       "pulled %s build %s: files %llu, chunks %llu, new %llu, reused %llu, unchanged files %llu, "
-      "bytes %llu, downloaded %llu, time %.2f s\n",
+      "bytes %s, downloaded %s, time %.2f s (%s)\n",
       o.channel.c_str(), report.value().manifest.build.c_str(),
       static_cast<unsigned long long>(stats.files),
       static_cast<unsigned long long>(stats.unique_chunks),
       static_cast<unsigned long long>(totals.downloaded),
       static_cast<unsigned long long>(totals.reused),
       static_cast<unsigned long long>(report.value().unchangedFiles),
-      static_cast<unsigned long long>(stats.total_bytes),
-      static_cast<unsigned long long>(totals.downloadedBytes), progress.seconds());
+      rill::humanBytes(stats.total_bytes).c_str(), rill::humanBytes(totals.downloadedBytes).c_str(),
+      seconds, rill::humanRate(totals.downloadedBytes, seconds).c_str());
   return 0;
 }
 
@@ -164,6 +169,10 @@ int runTool(const std::vector<std::string>& args) {
     return failed(options.error());
   }
   const ToolOptions& o = options.value();
+  if (o.version) {
+    std::printf("quillmoor-rill %s\n", kVersion);
+    return 0;
+  }
   if (o.help) {
     std::fputs(usageText(o.command).c_str(), stdout);
     return 0;

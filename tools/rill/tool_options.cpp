@@ -78,6 +78,11 @@ rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
     o.command = Command::kNone;
     return o;
   }
+  if (name == "--version" || name == "version") {
+    o.version = true;
+    o.command = Command::kNone;
+    return o;
+  }
   if (name == "publish")
     o.command = Command::kPublish;
   else if (name == "pull")
@@ -236,7 +241,8 @@ std::string usageText(Command command) {
          "  publish <dir> --channel <name>   upload a build to a bucket\n"
          "  pull <channel> <dir>             download a channel's build\n"
          "  keygen                           make a signing key pair\n"
-         "Run quillmoor-rill <command> --help for the options of each.\n";
+         "Run quillmoor-rill <command> --help for the options of each,\n"
+         "quillmoor-rill --version for the version.\n";
 }
 
 }  // namespace quill::rilltool

@@ -11,7 +11,7 @@
 
 namespace quill::rilltool {
 
-// kNone: only the program's own --help was asked for.
+// kNone: only the program's own --help or --version was asked for.
 enum class Command { kNone, kPublish, kPull, kKeygen };
 
 // Where the bucket is and who may use it: options, else a rill.json given by --from, else the
@@ -24,6 +24,7 @@ struct StorageOptions {
 struct ToolOptions {
   Command command = Command::kPublish;
   bool help = false;
+  bool version = false;  // --version (or the word version): print the version and stop
   std::string dir;
   std::string channel;
   std::string build;  // publish: empty gives the publication time
