@@ -22,7 +22,7 @@ fs::path backupConfigPath(const fs::path& dataRoot) { return dataRoot / "backup.
 fs::path backupStatePath(const fs::path& dataRoot) { return dataRoot / "backup-state.json"; }
 fs::path backupKeyPath(const fs::path& dataRoot) { return dataRoot / "backup.key"; }
 
-rill::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
+base::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
   BackupConfig config;
   config.s3.endpoint = member(doc, "endpoint");
   config.s3.region = member(doc, "region");
@@ -32,17 +32,17 @@ rill::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
   config.s3.secretKey = member(doc, "secret_key");
   if (config.s3.endpoint.empty() || config.s3.bucket.empty() || config.s3.accessKey.empty() ||
       config.s3.secretKey.empty()) {
-    return rill::Failure{text::kMissingS3};
+    return base::Failure{text::kMissingS3};
   }
   config.keyFile = member(doc, "key_file");
-  if (config.keyFile.empty()) return rill::Failure{text::kNoKeyFile};
+  if (config.keyFile.empty()) return base::Failure{text::kNoKeyFile};
   config.prefix = member(doc, "prefix");
   return config;
 }
 
-rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
+base::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
   Json::Value doc;
-  if (!store::readJsonFile(configFile, doc)) return rill::Failure{text::kNotConfigured};
+  if (!store::readJsonFile(configFile, doc)) return base::Failure{text::kNotConfigured};
   return configFromDocument(doc);
 }
 

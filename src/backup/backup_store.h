@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/s3_client.h"
 #include "rill/storage_provider.h"
 
@@ -13,7 +13,7 @@ namespace quill::backup {
 // `keyArgument` is a key file path or the key's hexadecimal text, the file tried first; a key that
 // does not resolve fails with "encryption key must be 64 hex chars (or a file containing them)"
 // and builds nothing.
-rill::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
+base::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
                                                        const std::string& keyArgument,
                                                        const std::string& prefix);
 

@@ -21,10 +21,10 @@ int lockWithRetry(int fd, int operation) {
 
 }  // namespace
 
-rill::Result<DirectoryLock> DirectoryLock::acquire(const std::filesystem::path& dir,
+base::Result<DirectoryLock> DirectoryLock::acquire(const std::filesystem::path& dir,
                                                    const std::function<void()>& onWait) {
   const auto failed = [&dir] {
-    return rill::Failure{"cannot lock " + dir.string() + ": " + std::strerror(errno)};
+    return base::Failure{"cannot lock " + dir.string() + ": " + std::strerror(errno)};
   };
   const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return failed();

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "rill/result.h"
+#include "base/result.h"
 
 namespace quill::backup {
 
@@ -18,7 +18,7 @@ class DirectoryLock {
  public:
   // Locks `dir`. When another holder has it, calls `onWait` once, then blocks until it is free.
   // Fails with "cannot lock <dir>: <reason>".
-  static rill::Result<DirectoryLock> acquire(const std::filesystem::path& dir,
+  static base::Result<DirectoryLock> acquire(const std::filesystem::path& dir,
                                              const std::function<void()>& onWait = {});
 
   DirectoryLock(DirectoryLock&& other) noexcept;

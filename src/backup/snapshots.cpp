@@ -40,7 +40,7 @@ bool isSnapshotName(std::string_view name) {
   return name.size() == kSnapshotNameLength && name.starts_with(kSnapshotPrefix);
 }
 
-rill::Result<RunStats> publishSnapshot(
+base::Result<RunStats> publishSnapshot(
     rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
     const std::function<void(const rill::PublishProgress&)>& progress) {
   rill::PublishOptions options;
@@ -55,7 +55,7 @@ rill::Result<RunStats> publishSnapshot(
   options.scan.followLink = store::DataDir::isVolumeLink;
   options.scan.tolerant = true;
   auto report = rill::publishDirectory(store, dataDir, options);
-  if (!report) return rill::Failure{report.error()};
+  if (!report) return base::Failure{report.error()};
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   RunStats stats;
   stats.files = scan.files;
@@ -68,10 +68,10 @@ rill::Result<RunStats> publishSnapshot(
   return stats;
 }
 
-rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
+base::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
   std::string error;
   const auto entries = store.list(std::string(kChannelsPrefix), &error);
-  if (!entries) return rill::Failure{error};
+  if (!entries) return base::Failure{error};
   std::vector<std::string> names;
   for (const rill::ObjectEntry& entry : *entries) {
     const std::string& key = entry.key;
@@ -88,7 +88,7 @@ rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& stor
   return names;
 }
 
-rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
+base::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
                                                   const std::string& name) {
   rill::StorePullSource source(store, name);
   rill::PullOptions options;
@@ -96,32 +96,32 @@ rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
   return rill::fetchCheckedManifest(source, options);
 }
 
-rill::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
+base::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
                                          const std::function<void(const std::string&)>& onRemoved) {
   PruneResult result;
   if (keep < 1) return result;
   auto names = listSnapshots(store);
-  if (!names) return rill::Failure{"list: " + names.error()};
+  if (!names) return base::Failure{"list: " + names.error()};
   const std::size_t count = names.value().size();
   const std::size_t surplus = count > static_cast<std::size_t>(keep) ? count - keep : 0;
   for (std::size_t i = 0; i < surplus; ++i) {
     const std::string& name = names.value()[i];
     auto deleted = rill::deleteChannelBuild(store, name);
-    if (!deleted) return rill::Failure{"delete " + name + ": " + deleted.error()};
+    if (!deleted) return base::Failure{"delete " + name + ": " + deleted.error()};
     ++result.removed;
     if (onRemoved) onRemoved(name);
   }
   result.kept = count - result.removed;
   auto live = rill::readChannelManifests(store);
-  if (!live) return rill::Failure{"gc: " + live.error()};
+  if (!live) return base::Failure{"gc: " + live.error()};
   auto swept = rill::sweepChunks(store, live.value());
-  if (!swept) return rill::Failure{"gc: " + swept.error()};
+  if (!swept) return base::Failure{"gc: " + swept.error()};
   result.sweptChunks = swept.value().removed;
   result.sweptBytes = swept.value().removedBytes;
   return result;
 }
 
-rill::Result<RestoreStats> restoreSnapshot(
+base::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress) {
   rill::StorePullSource source(store, name);
@@ -131,9 +131,9 @@ rill::Result<RestoreStats> restoreSnapshot(
   options.ownerOnly = holdsSecrets;
   auto report = rill::pullChannel(source, target, options);
   rill::removePullState(target);
-  if (!report) return rill::Failure{report.error()};
+  if (!report) return base::Failure{report.error()};
   std::string error;
-  if (!store::DataDir(target).prepare(error)) return rill::Failure{error};
+  if (!store::DataDir(target).prepare(error)) return base::Failure{error};
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   return RestoreStats{scan.files, scan.total_bytes};
 }
