@@ -1,7 +1,5 @@
 #include "app/serve.h"
 
-#include <curl/curl.h>
-#include <sodium.h>
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -71,11 +69,6 @@ std::string startupBanner(const Context& ctx, bool anyTokenExists) {
 
 int runServer(Context& ctx) {
   const auto startedAt = std::filesystem::file_time_type::clock::now();
-  if (sodium_init() < 0) {
-    std::fputs("rill-core: libsodium failed to initialise\n", stderr);
-    std::abort();
-  }
-  curl_global_init(CURL_GLOBAL_ALL);
   raiseOpenFileLimit();
 
   http::Server server(makeRouter(ctx), serverOptions(ctx.settings));

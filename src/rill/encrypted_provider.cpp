@@ -5,14 +5,14 @@
 #include <span>
 #include <utility>
 
+#include "base/process_init.h"
 #include "rill/hex.h"
-#include "rill/process_init.h"
 
 namespace quill::rill {
 
 EncryptedProvider::EncryptedProvider(const EncryptionKey& key, StorageProviderPtr inner)
     : key_(key), inner_(std::move(inner)) {
-  initialize();  // libsodium's random source and fastest implementations
+  base::initializeLibraries();  // libsodium's random source and fastest implementations
 }
 
 EncryptedProvider::~EncryptedProvider() { sodium_memzero(key_.data(), key_.size()); }

@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
+#include "base/process_init.h"
 #include "rill/hex.h"
-#include "rill/process_init.h"
 
 namespace quill::rill {
 
@@ -37,7 +37,7 @@ struct WipedBytes {
 }  // namespace
 
 SigningKeyPair generateSigningKeyPair() {
-  initialize();
+  base::initializeLibraries();
   WipedBytes secret{std::vector<std::uint8_t>(crypto_sign_SECRETKEYBYTES)};
   std::vector<std::uint8_t> pub(crypto_sign_PUBLICKEYBYTES);
   crypto_sign_keypair(pub.data(), secret.bytes.data());
@@ -54,7 +54,7 @@ Result<std::string> publicKeyOf(std::string_view secretKeyHex) {
 }
 
 Result<std::string> signManifest(std::string_view message, std::string_view secretKeyHex) {
-  initialize();
+  base::initializeLibraries();
   auto bytes = decodeExactly(secretKeyHex, crypto_sign_SECRETKEYBYTES);
   if (!bytes) return Failure{kBadSecretKey};
   WipedBytes secret{std::move(*bytes)};
@@ -69,7 +69,7 @@ Result<std::string> signManifest(std::string_view message, std::string_view secr
 
 Result<bool> verifyManifest(std::string_view message, std::string_view signatureHex,
                             std::string_view publicKeyHex) {
-  initialize();
+  base::initializeLibraries();
   const auto pub = decodeExactly(publicKeyHex, crypto_sign_PUBLICKEYBYTES);
   if (!pub) return Failure{"bad public key"};
   const auto signature = decodeExactly(signatureHex, crypto_sign_BYTES);

@@ -59,14 +59,14 @@ std::string S3Client::url(std::string_view canonicalUri, std::string_view query)
   return out;
 }
 
-HttpResponse S3Client::send(std::string_view method, std::string_view key, std::string_view query,
-                            std::string_view body, const std::string& payloadHash,
-                            std::uint64_t maxBytes) const {
+base::HttpResponse S3Client::send(std::string_view method, std::string_view key,
+                                  std::string_view query, std::string_view body,
+                                  const std::string& payloadHash, std::uint64_t maxBytes) const {
   const SigningTime time = signingTime(std::chrono::system_clock::now());
   const CanonicalInput input{std::string(method), canonicalObjectUri(settings_.bucket, key),
                              std::string(query), host_, payloadHash};
   const SigningKeys keys{settings_.accessKey, settings_.secretKey, settings_.region};
-  HttpRequest request{
+  base::HttpRequest request{
       input.method,
       url(input.canonicalUri, query),
       {"Host: " + host_, "x-amz-date: " + time.amzDate, "x-amz-content-sha256: " + payloadHash,
@@ -75,22 +75,22 @@ HttpResponse S3Client::send(std::string_view method, std::string_view key, std::
        "Expect:"},
       method == "PUT" ? body : std::string_view(),
       maxBytes};
-  return performHttp(request);
+  return base::performHttp(request);
 }
 
-HttpResponse S3Client::put(std::string_view key, std::string_view body) const {
+base::HttpResponse S3Client::put(std::string_view key, std::string_view body) const {
   return send("PUT", key, "", body, sha256Hex(body));
 }
 
-HttpResponse S3Client::get(std::string_view key, std::uint64_t maxBytes) const {
+base::HttpResponse S3Client::get(std::string_view key, std::uint64_t maxBytes) const {
   return send("GET", key, "", "", sha256Hex(""), maxBytes);
 }
 
-HttpResponse S3Client::head(std::string_view key) const {
+base::HttpResponse S3Client::head(std::string_view key) const {
   return send("HEAD", key, "", "", sha256Hex(""));
 }
 
-HttpResponse S3Client::remove(std::string_view key) const {
+base::HttpResponse S3Client::remove(std::string_view key) const {
   return send("DELETE", key, "", "", sha256Hex(""));
 }
 
@@ -98,7 +98,8 @@ Result<std::vector<ObjectEntry>> S3Client::list(std::string_view prefix) const {
   std::vector<ObjectEntry> entries;
   std::string token;
   for (;;) {
-    const HttpResponse response = send("GET", "", listQuery(prefix, token), "", sha256Hex(""));
+    const base::HttpResponse response =
+        send("GET", "", listQuery(prefix, token), "", sha256Hex(""));
     if (!response.error.empty()) return Failure{response.error};
     if (!response.isSuccess()) {
       return Failure{"LIST -> HTTP " + std::to_string(response.status) + " " + response.body};
