@@ -8,7 +8,7 @@
 #include <array>
 #include <cstdint>
 
-#include "rill/hex.h"
+#include "base/hex.h"
 #include "store/durable_file.h"
 
 namespace quill::backup {
@@ -16,7 +16,7 @@ namespace quill::backup {
 std::string generateBackupKey() {
   std::array<std::uint8_t, 32> raw{};
   randombytes_buf(raw.data(), raw.size());
-  std::string hex = rill::toHex(raw);
+  std::string hex = base::toHex(raw);
   sodium_memzero(raw.data(), raw.size());
   return hex;
 }

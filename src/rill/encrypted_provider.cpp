@@ -5,8 +5,8 @@
 #include <span>
 #include <utility>
 
+#include "base/hex.h"
 #include "base/process_init.h"
-#include "rill/hex.h"
 
 namespace quill::rill {
 
@@ -55,7 +55,7 @@ std::string EncryptedProvider::chunkKey(const std::string& chunkId) const {
   std::uint8_t digest[32];
   crypto_generichash(digest, sizeof digest, reinterpret_cast<const unsigned char*>(chunkId.data()),
                      chunkId.size(), key_.data(), key_.size());
-  return defaultChunkKey(toHex(std::span<const std::uint8_t>(digest)));
+  return defaultChunkKey(base::toHex(std::span<const std::uint8_t>(digest)));
 }
 
 }  // namespace quill::rill

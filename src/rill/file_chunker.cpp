@@ -13,7 +13,7 @@
 #include <span>
 #include <thread>
 
-#include "rill/hex.h"
+#include "base/hex.h"
 
 namespace quill::rill {
 
@@ -114,7 +114,7 @@ class ChunkHasher {
   void emit() {
     std::uint8_t digest[BLAKE3_OUT_LEN];
     blake3_hasher_finalize(&hasher_, digest, sizeof digest);
-    out_.push_back({offset_, length_, toHex(std::span<const std::uint8_t>(digest))});
+    out_.push_back({offset_, length_, base::toHex(std::span<const std::uint8_t>(digest))});
     offset_ += length_;
     length_ = 0;
     blake3_hasher_reset(&hasher_);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/percent_encoding.h"
 #include "rill/s3_signing.h"
 
 namespace quill::rill {
@@ -30,19 +31,19 @@ std::string endpointHost(std::string_view endpoint) {
 
 std::string canonicalObjectUri(std::string_view bucket, std::string_view key) {
   std::string uri = "/";
-  uri += uriEncode(bucket, false);
+  uri += base::percentEncode(bucket, false);
   if (key.empty()) return uri;
   uri += '/';
-  uri += uriEncode(key, true);
+  uri += base::percentEncode(key, true);
   return uri;
 }
 
 std::string listQuery(std::string_view prefix, std::string_view continuationToken) {
   std::string query;
   if (!continuationToken.empty()) {
-    query = "continuation-token=" + uriEncode(continuationToken, false) + "&";
+    query = "continuation-token=" + base::percentEncode(continuationToken, false) + "&";
   }
-  return query + "list-type=2&prefix=" + uriEncode(prefix, false);
+  return query + "list-type=2&prefix=" + base::percentEncode(prefix, false);
 }
 
 S3Client::S3Client(S3Settings settings)
