@@ -73,9 +73,8 @@ int runServer(Context& ctx) {
 
   http::Server server(makeRouter(ctx), serverOptions(ctx.settings));
 
-  std::string error;
-  if (!ctx.data.prepare(error)) {
-    std::fprintf(stderr, "%s\n", error.c_str());
+  if (auto prepared = ctx.data.prepare(); !prepared) {
+    std::fprintf(stderr, "%s\n", prepared.error().c_str());
     return 1;
   }
   // Bodies of uploads that a crash or a kill cut short: nothing references them.
@@ -88,6 +87,7 @@ int runServer(Context& ctx) {
   std::fflush(stdout);
 
   server.every(kScheduleCheckPeriod, [&ctx] { scheduledBackupCheck(ctx); });
+  std::string error;
   if (!server.listen(error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;

@@ -55,7 +55,7 @@ bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config) {
   doc["secret_key"] = config.s3.secretKey;
   doc["key_file"] = config.keyFile;
   if (!config.prefix.empty()) doc["prefix"] = config.prefix;
-  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 std::optional<Schedule> readSchedule(const fs::path& configFile) {
@@ -72,7 +72,7 @@ bool writeSchedule(const fs::path& configFile, const Schedule& schedule) {
   if (!store::readJsonFile(configFile, doc)) return false;
   doc["daily_at"] = schedule.dailyAt;
   doc["keep"] = schedule.keep;
-  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 bool isValidDailyAt(std::string_view text) {

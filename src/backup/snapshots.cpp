@@ -132,8 +132,7 @@ base::Result<RestoreStats> restoreSnapshot(
   auto report = rill::pullChannel(source, target, options);
   rill::removePullState(target);
   if (!report) return base::Failure{report.error()};
-  std::string error;
-  if (!store::DataDir(target).prepare(error)) return base::Failure{error};
+  if (auto prepared = store::DataDir(target).prepare(); !prepared) return prepared.failure();
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   return RestoreStats{scan.files, scan.total_bytes};
 }

@@ -32,7 +32,7 @@ bool writeRillSettings(const store::DataDir& data, const rill::S3Settings& setti
   doc["bucket"] = settings.bucket;
   doc["access_key"] = settings.accessKey;
   doc["secret_key"] = settings.secretKey;
-  return store::writeJsonFile(rillSettingsPath(data), doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(rillSettingsPath(data), doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 }  // namespace quill::storage
