@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <string>
 
+#include "base/durable_file.h"
 #include "store/documents.h"
 #include "store/durable_file.h"
 
@@ -65,7 +66,7 @@ void BM_UnflushedWrite(benchmark::State& state) {
   for (auto _ : state) {
     const fs::path tmp = quill::store::temporaryBeside(path);
     const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    const bool written = fd >= 0 && quill::store::writeAll(fd, bytes);
+    const bool written = fd >= 0 && quill::base::writeAll(fd, bytes);
     if (fd >= 0) ::close(fd);
     if (!written || ::rename(tmp.c_str(), path.c_str()) != 0) state.SkipWithError("write failed");
   }

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/hex.h"
 #include "rill/encryption_key.h"
-#include "rill/hex.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quill::rill;
@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   std::string digits = text.substr(0, 64);
   for (char& c : digits) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (toHex(std::string_view(reinterpret_cast<const char*>(key.value().data()), 32)) != digits) {
+  if (quill::base::toHex(std::string_view(reinterpret_cast<const char*>(key.value().data()), 32)) !=
+      digits) {
     std::abort();
   }
   if (text.find_first_not_of("\r\n ", 64) != std::string::npos) std::abort();

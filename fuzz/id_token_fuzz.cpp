@@ -21,8 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/base64url.h"
 #include "base/json_reader.h"
-#include "sso/base64url.h"
 #include "sso/id_token.h"
 #include "sso/oidc_client.h"
 #include "sso/provisioning.h"
@@ -127,14 +127,14 @@ std::optional<Token> readToken(std::string_view text) {
     return std::nullopt;
   }
   Token token;
-  if (auto header = quill::sso::base64urlDecode(text.substr(0, first))) {
+  if (auto header = quill::base::base64urlDecode(text.substr(0, first))) {
     token.header = quill::base::parseJsonObject(*header);
   }
   if (token.header && (*token.header)["kid"].isString()) {
     token.kid = (*token.header)["kid"].asString();
   }
   token.signedInput = text.substr(0, second);
-  token.signature = quill::sso::base64urlDecode(text.substr(second + 1));
+  token.signature = quill::base::base64urlDecode(text.substr(second + 1));
   return token;
 }
 
@@ -189,8 +189,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (signHere) {
     const std::string_view header = nextLine(rest);
     const std::string_view payload = nextLine(rest);
-    text = quill::sso::base64urlEncode(header) + "." + quill::sso::base64urlEncode(payload);
-    text += "." + quill::sso::base64urlEncode(insider.sign(text));
+    text = quill::base::base64urlEncode(header) + "." + quill::base::base64urlEncode(payload);
+    text += "." + quill::base::base64urlEncode(insider.sign(text));
   } else {
     text = std::string(nextLine(rest));
   }

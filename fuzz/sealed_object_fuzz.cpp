@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
+#include "base/process_init.h"
 #include "rill/encrypted_provider.h"
 #include "rill/memory_provider.h"
-#include "rill/process_init.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ const quill::rill::EncryptionKey kKey{1, 2, 3, 4, 5, 6, 7, 8};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quill::rill;
-  static const bool ready = initialize();
+  static const bool ready = quill::base::initializeLibraries();
   if (!ready) std::abort();
   const std::string input(reinterpret_cast<const char*>(data), size);
 

@@ -1,7 +1,5 @@
 // quillmoord: the build-distribution server and its own administration tool.
 
-#include <sodium.h>
-
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -9,15 +7,16 @@
 
 #include "app/command_line.h"
 #include "app/commands.h"
-#include "handler/context.h"
 #include "app/routes.h"
 #include "app/serve.h"
 #include "app/version.h"
+#include "base/process_init.h"
+#include "handler/context.h"
 #include "store/data_dir.h"
 
 int main(int argc, char** argv) {
   using namespace quill;
-  if (sodium_init() < 0) {
+  if (!base::initializeLibraries()) {
     std::fputs("libsodium init failed\n", stderr);
     return 1;
   }

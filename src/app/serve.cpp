@@ -1,8 +1,6 @@
 #include "app/serve.h"
 
-#include <curl/curl.h>
 #include <pthread.h>
-#include <sodium.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -131,11 +129,6 @@ std::string startupBanner(const Context& ctx, bool anyTokenExists) {
 
 int runServer(Context& ctx) {
   const auto startedAt = std::filesystem::file_time_type::clock::now();
-  if (sodium_init() < 0) {
-    std::fputs("rill-core: libsodium failed to initialise\n", stderr);
-    std::abort();
-  }
-  curl_global_init(CURL_GLOBAL_ALL);
   raiseOpenFileLimit();
 
   std::string error;
@@ -148,8 +141,8 @@ int runServer(Context& ctx) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   http::Server server(makeRouter(ctx), serverOptions(ctx.settings, log));
 
-  if (!ctx.data.prepare(error)) {
-    std::fprintf(stderr, "%s\n", error.c_str());
+  if (auto prepared = ctx.data.prepare(); !prepared) {
+    std::fprintf(stderr, "%s\n", prepared.error().c_str());
     return 1;
   }
   // Bodies of uploads that a crash or a kill cut short: nothing references them.

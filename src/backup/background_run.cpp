@@ -13,7 +13,7 @@ bool claimRunningFlag(BackupRuntime& runtime) {
 }
 
 RunDone printRunOutcome(std::string what) {
-  return [what = std::move(what)](const rill::Result<RunReport>& outcome) {
+  return [what = std::move(what)](const base::Result<RunReport>& outcome) {
     if (!outcome) {
       std::fprintf(stderr, "%s failed: %s\n", what.c_str(), outcome.error().c_str());
     } else if (!outcome.value().unrecorded.empty()) {

@@ -13,7 +13,7 @@ namespace quill::backup {
 // Sets the running flag when it was clear (compare-and-swap); false when a run is active.
 bool claimRunningFlag(BackupRuntime& runtime);
 
-using RunDone = std::function<void(const rill::Result<RunReport>&)>;
+using RunDone = std::function<void(const base::Result<RunReport>&)>;
 
 // A RunDone that prints "<what> <snapshot> done" to standard output, or "<what> failed: <text>" to
 // standard error; a run that could not write backup-state.json goes to standard error with

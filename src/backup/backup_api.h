@@ -2,10 +2,10 @@
 // The backup endpoints. Every one is for administrators (the route table says so; the gate
 // refuses everyone else).
 
+#include "base/result.h"
 #include "handler/context.h"
 #include "http/request.h"
 #include "http/response.h"
-#include "rill/result.h"
 #include "rill/s3_client.h"
 #include "store/data_dir.h"
 
@@ -15,7 +15,7 @@ using http::Request;
 using http::Response;
 
 // Reads the build-storage bucket settings (rill.json), for shared mode.
-using BuildStorageReader = rill::Result<rill::S3Settings> (*)(const store::DataDir&);
+using BuildStorageReader = base::Result<rill::S3Settings> (*)(const store::DataDir&);
 
 // POST /api/backup/init: checks the body and the mode, probes the bucket, writes backup.key (0600)
 // and backup.json, and answers the key once. Shared mode uses the bucket `readBuildStorage` finds,

@@ -7,7 +7,7 @@
 #include "backup/backup_texts.h"
 #include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
-#include "rill/process_init.h"
+#include "base/process_init.h"
 #include "rill/progress_line.h"
 #include "store/documents.h"
 
@@ -62,9 +62,9 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
       {o.endpoint, o.region.empty() ? "auto" : o.region, o.bucket, o.accessKey, o.secretKey},
       keyPath.string(),
       ""};
-  rill::initialize();
+  base::initializeLibraries();
   // Any answer at all shows that the endpoint is a store; only a transport failure refuses.
-  const rill::HttpResponse probe = rill::S3Client(config.s3).head("channels/");
+  const base::HttpResponse probe = rill::S3Client(config.s3).head("channels/");
   if (probe.status == 0) return fail(err, "cannot reach the backup bucket: " + probe.error);
   // A fresh key reads no snapshot already there; a bucket that cannot be listed is let through,
   // as the probe above lets any answer through.
@@ -229,7 +229,7 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
     return fail(err, "restore target " + target.string() +
                          " is not empty - refusing to overwrite a data dir");
   }
-  rill::initialize();
+  base::initializeLibraries();
   auto store = openBackupStore(s3, o.key, prefix);
   if (!store) return fail(err, store.error());
   rill::ProgressLine progress(stderr);

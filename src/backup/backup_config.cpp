@@ -22,7 +22,7 @@ fs::path backupConfigPath(const fs::path& dataRoot) { return dataRoot / "backup.
 fs::path backupStatePath(const fs::path& dataRoot) { return dataRoot / "backup-state.json"; }
 fs::path backupKeyPath(const fs::path& dataRoot) { return dataRoot / "backup.key"; }
 
-rill::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
+base::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
   BackupConfig config;
   config.s3.endpoint = member(doc, "endpoint");
   config.s3.region = member(doc, "region");
@@ -32,17 +32,17 @@ rill::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
   config.s3.secretKey = member(doc, "secret_key");
   if (config.s3.endpoint.empty() || config.s3.bucket.empty() || config.s3.accessKey.empty() ||
       config.s3.secretKey.empty()) {
-    return rill::Failure{text::kMissingS3};
+    return base::Failure{text::kMissingS3};
   }
   config.keyFile = member(doc, "key_file");
-  if (config.keyFile.empty()) return rill::Failure{text::kNoKeyFile};
+  if (config.keyFile.empty()) return base::Failure{text::kNoKeyFile};
   config.prefix = member(doc, "prefix");
   return config;
 }
 
-rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
+base::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
   Json::Value doc;
-  if (!store::readJsonFile(configFile, doc)) return rill::Failure{text::kNotConfigured};
+  if (!store::readJsonFile(configFile, doc)) return base::Failure{text::kNotConfigured};
   return configFromDocument(doc);
 }
 
@@ -55,7 +55,7 @@ bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config) {
   doc["secret_key"] = config.s3.secretKey;
   doc["key_file"] = config.keyFile;
   if (!config.prefix.empty()) doc["prefix"] = config.prefix;
-  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 std::optional<Schedule> readSchedule(const fs::path& configFile) {
@@ -72,7 +72,7 @@ bool writeSchedule(const fs::path& configFile, const Schedule& schedule) {
   if (!store::readJsonFile(configFile, doc)) return false;
   doc["daily_at"] = schedule.dailyAt;
   doc["keep"] = schedule.keep;
-  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 bool isValidDailyAt(std::string_view text) {

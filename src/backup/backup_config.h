@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/s3_client.h"
 
 namespace quill::backup {
@@ -39,11 +39,11 @@ fs::path backupKeyPath(const fs::path& dataRoot);
 // defaulting to "auto", bucket, access_key, secret_key; "missing endpoint/bucket/access_key/
 // secret_key" when one of the four is empty), then key_file ("backup.json has no key_file"), then
 // prefix (empty when absent). Members of another type read as absent.
-rill::Result<BackupConfig> configFromDocument(const Json::Value& doc);
+base::Result<BackupConfig> configFromDocument(const Json::Value& doc);
 
 // configFromDocument of the file; a file that is missing or not a JSON object fails with
 // "backups not configured - run: quillmoord backup init ...".
-rill::Result<BackupConfig> loadBackupConfig(const fs::path& configFile);
+base::Result<BackupConfig> loadBackupConfig(const fs::path& configFile);
 
 // Writes endpoint, region, bucket, access_key, secret_key, key_file and, when not empty, prefix.
 // Any schedule stored in the file is dropped. True when the document was replaced whole. The file

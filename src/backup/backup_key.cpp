@@ -8,15 +8,15 @@
 #include <array>
 #include <cstdint>
 
-#include "rill/hex.h"
-#include "store/durable_file.h"
+#include "base/durable_file.h"
+#include "base/hex.h"
 
 namespace quill::backup {
 
 std::string generateBackupKey() {
   std::array<std::uint8_t, 32> raw{};
   randombytes_buf(raw.data(), raw.size());
-  std::string hex = rill::toHex(raw);
+  std::string hex = base::toHex(raw);
   sodium_memzero(raw.data(), raw.size());
   return hex;
 }
@@ -26,12 +26,12 @@ bool writeKeyFile(const std::filesystem::path& path, const std::string& keyHex) 
   if (fd < 0) return false;
   // O_CREAT's mode is filtered by the umask; set it outright.
   (void)::fchmod(fd, 0600);
-  const bool written = store::writeAll(fd, keyHex + "\n") && store::syncFile(fd);
+  const bool written = base::writeAll(fd, keyHex + "\n") && base::syncFile(fd);
   if (::close(fd) != 0 || !written) {
     ::unlink(path.c_str());
     return false;
   }
-  store::syncDirectory(path.parent_path());
+  base::syncDirectory(path.parent_path());
   return true;
 }
 

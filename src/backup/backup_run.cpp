@@ -14,26 +14,26 @@ struct OpenedBackup {
   rill::StorageProviderPtr store;
 };
 
-rill::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener& openStore) {
+base::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener& openStore) {
   auto config = loadBackupConfig(backupConfigPath(dataDir));
-  if (!config) return rill::Failure{config.error()};
+  if (!config) return base::Failure{config.error()};
   auto store = openStoreFor(config.value(), openStore);
-  if (!store) return rill::Failure{store.error()};
+  if (!store) return base::Failure{store.error()};
   return OpenedBackup{std::move(config).value(), std::move(store).value()};
 }
 
 }  // namespace
 
-rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
+base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
                                                     const StoreOpener& openStore) {
   if (openStore) return openStore(config);
   return openBackupStore(config.s3, config.keyFile, config.prefix);
 }
 
-rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
+base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
                                   const RunHooks& hooks) {
   auto opened = openBackup(dataDir, hooks.openStore);
-  if (!opened) return rill::Failure{opened.error()};
+  if (!opened) return base::Failure{opened.error()};
 
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
   const std::string snapshot =
@@ -46,8 +46,8 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   };
   const auto failed = [&](const std::string& error) {
     const std::string unrecorded = record(false, error);
-    if (unrecorded.empty()) return rill::Failure{error};
-    return rill::Failure{error + " (" + text::kNotRecorded + unrecorded + ")"};
+    if (unrecorded.empty()) return base::Failure{error};
+    return base::Failure{error + " (" + text::kNotRecorded + unrecorded + ")"};
   };
   if (!lock) return failed(lock.error());
   rill::StorageProvider& store = *opened.value().store;
@@ -62,22 +62,22 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   return RunReport{snapshot, stats.value(), record(true, error)};
 }
 
-rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks,
+base::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep, const RunHooks& hooks,
                                        bool dryRun) {
   auto opened = openBackup(dataDir, hooks.openStore);
-  if (!opened) return rill::Failure{opened.error()};
+  if (!opened) return base::Failure{opened.error()};
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
-  if (!lock) return rill::Failure{lock.error()};
+  if (!lock) return base::Failure{lock.error()};
   return pruneSnapshots(*opened.value().store, keep, hooks.onRemoved, dryRun);
 }
 
-rill::Result<CheckReport> checkBackups(const fs::path& dataDir, bool readData,
+base::Result<CheckReport> checkBackups(const fs::path& dataDir, bool readData,
                                        const RunHooks& hooks,
                                        const std::function<void(const CheckProgress&)>& progress) {
   auto opened = openBackup(dataDir, hooks.openStore);
-  if (!opened) return rill::Failure{opened.error()};
+  if (!opened) return base::Failure{opened.error()};
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
-  if (!lock) return rill::Failure{lock.error()};
+  if (!lock) return base::Failure{lock.error()};
   return checkSnapshots(*opened.value().store, readData, progress);
 }
 

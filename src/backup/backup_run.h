@@ -10,7 +10,7 @@
 #include "backup/backup_config.h"
 #include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/storage_provider.h"
 
 namespace quill::backup {
@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 // Builds the store for loaded settings; the default opens the bucket (openBackupStore). Tests hand
 // in stores of their own.
-using StoreOpener = std::function<rill::Result<rill::StorageProviderPtr>(const BackupConfig&)>;
+using StoreOpener = std::function<base::Result<rill::StorageProviderPtr>(const BackupConfig&)>;
 
 struct RunHooks {
   StoreOpener openStore;         // empty: openBackupStore
@@ -36,7 +36,7 @@ struct RunReport {
 };
 
 // The store described by `config`: openStore when given, else openBackupStore.
-rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
+base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
                                                     const StoreOpener& openStore);
 
 // One snapshot of `dataDir`, in this order: load backup.json (its text; backup-state.json is not
@@ -46,18 +46,18 @@ rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
 // with ok false and its text; a failed prune with ok true and "backup ok; prune failed: <text>",
 // which still returns the report. When the record cannot be written, a failure's text ends in
 // " (not recorded: cannot write <path>)" and a report's `unrecorded` says so.
-rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
+base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
                                   const RunHooks& hooks = {});
 
 // Prunes the store of `dataDir`'s backup.json to `keep` snapshots, holding the directory's lock.
 // Fails with the loader's or key text, or pruneSnapshots' messages. With `dryRun` nothing is
 // deleted and the result says what would go.
-rill::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep,
+base::Result<PruneResult> pruneBackups(const fs::path& dataDir, int keep,
                                        const RunHooks& hooks = {}, bool dryRun = false);
 
 // checkSnapshots on the store of `dataDir`'s backup.json, holding the directory's lock so that no
 // prune of this server deletes under it. Fails with the loader's or key text, or the listing's.
-rill::Result<CheckReport> checkBackups(
+base::Result<CheckReport> checkBackups(
     const fs::path& dataDir, bool readData, const RunHooks& hooks = {},
     const std::function<void(const CheckProgress&)>& progress = {});
 

@@ -14,7 +14,7 @@ bool writeBackupState(const std::filesystem::path& dataRoot, const std::string& 
   doc["ok"] = ok;
   doc["schema_version"] = 1;
   doc["snapshot"] = snapshot;
-  return store::writeJsonFile(backupStatePath(dataRoot), doc);
+  return store::writeJsonFile(backupStatePath(dataRoot), doc).ok();
 }
 
 std::optional<Json::Value> readBackupState(const std::filesystem::path& dataRoot) {

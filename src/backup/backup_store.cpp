@@ -41,11 +41,11 @@ std::string keyProblem(const std::string& argument) {
 
 }  // namespace
 
-rill::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
+base::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
                                                        const std::string& keyArgument,
                                                        const std::string& prefix) {
   auto key = rill::resolveEncryptionKey(keyArgument);
-  if (!key) return rill::Failure{keyProblem(keyArgument)};
+  if (!key) return base::Failure{keyProblem(keyArgument)};
   rill::StorageProviderPtr store = std::make_unique<rill::S3Provider>(s3);
   if (!prefix.empty()) store = std::make_unique<rill::PrefixedProvider>(prefix, std::move(store));
   auto sealed = std::make_unique<rill::EncryptedProvider>(key.value(), std::move(store));

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/s3_client.h"
 #include "rill/storage_provider.h"
 
@@ -14,7 +14,7 @@ namespace quill::backup {
 // does not resolve builds nothing and fails with "key file <path> is missing" (an argument that is
 // not key text and names no file), "cannot read key file <path>: <reason>" (a file there that
 // cannot be opened), or else "encryption key must be 64 hex chars (or a file containing them)".
-rill::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
+base::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
                                                        const std::string& keyArgument,
                                                        const std::string& prefix);
 

@@ -21,25 +21,21 @@ int lockWithRetry(int fd, int operation) {
 
 }  // namespace
 
-rill::Result<DirectoryLock> DirectoryLock::acquire(const std::filesystem::path& dir,
+base::Result<DirectoryLock> DirectoryLock::acquire(const std::filesystem::path& dir,
                                                    const std::function<void()>& onWait) {
   const auto failed = [&dir] {
-    return rill::Failure{"cannot lock " + dir.string() + ": " + std::strerror(errno)};
+    const int cause = errno;
+    return base::Failure::fromErrno("cannot lock " + dir.string() + ": " + std::strerror(cause),
+                                    cause);
   };
   const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return failed();
-  DirectoryLock lock(fd);
+  DirectoryLock lock{base::UniqueFd(fd)};
   if (lockWithRetry(fd, LOCK_EX | LOCK_NB) == 0) return lock;
   if (errno != EWOULDBLOCK) return failed();
   if (onWait) onWait();
   if (lockWithRetry(fd, LOCK_EX) != 0) return failed();
   return lock;
-}
-
-DirectoryLock::DirectoryLock(DirectoryLock&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-
-DirectoryLock::~DirectoryLock() {
-  if (fd_ >= 0) ::close(fd_);  // closing the last descriptor releases the lock
 }
 
 }  // namespace quill::backup

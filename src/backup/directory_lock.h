@@ -9,8 +9,10 @@
 
 #include <filesystem>
 #include <functional>
+#include <utility>
 
-#include "rill/result.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 
 namespace quill::backup {
 
@@ -18,18 +20,15 @@ class DirectoryLock {
  public:
   // Locks `dir`. When another holder has it, calls `onWait` once, then blocks until it is free.
   // Fails with "cannot lock <dir>: <reason>".
-  static rill::Result<DirectoryLock> acquire(const std::filesystem::path& dir,
+  static base::Result<DirectoryLock> acquire(const std::filesystem::path& dir,
                                              const std::function<void()>& onWait = {});
 
-  DirectoryLock(DirectoryLock&& other) noexcept;
+  DirectoryLock(DirectoryLock&& other) noexcept = default;
   DirectoryLock& operator=(DirectoryLock&&) = delete;
-  DirectoryLock(const DirectoryLock&) = delete;
-  DirectoryLock& operator=(const DirectoryLock&) = delete;
-  ~DirectoryLock();
 
  private:
-  explicit DirectoryLock(int fd) : fd_(fd) {}
-  int fd_ = -1;
+  explicit DirectoryLock(base::UniqueFd fd) : fd_(std::move(fd)) {}
+  base::UniqueFd fd_;  // closing the last descriptor releases the lock
 };
 
 }  // namespace quill::backup

@@ -41,7 +41,7 @@ bool isSnapshotName(std::string_view name) {
   return name.size() == kSnapshotNameLength && name.starts_with(kSnapshotPrefix);
 }
 
-rill::Result<RunStats> publishSnapshot(
+base::Result<RunStats> publishSnapshot(
     rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
     const std::function<void(const rill::PublishProgress&)>& progress) {
   rill::PublishOptions options;
@@ -56,7 +56,7 @@ rill::Result<RunStats> publishSnapshot(
   options.scan.followLink = store::DataDir::isVolumeLink;
   options.scan.tolerant = true;
   auto report = rill::publishDirectory(store, dataDir, options);
-  if (!report) return rill::Failure{report.error()};
+  if (!report) return base::Failure{report.error()};
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   RunStats stats;
   stats.files = scan.files;
@@ -69,10 +69,10 @@ rill::Result<RunStats> publishSnapshot(
   return stats;
 }
 
-rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
+base::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
   std::string error;
   const auto entries = store.list(std::string(kChannelsPrefix), &error);
-  if (!entries) return rill::Failure{error};
+  if (!entries) return base::Failure{error};
   std::vector<std::string> names;
   for (const rill::ObjectEntry& entry : *entries) {
     const std::string& key = entry.key;
@@ -89,7 +89,7 @@ rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& stor
   return names;
 }
 
-rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
+base::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
                                                   const std::string& name) {
   rill::StorePullSource source(store, name);
   rill::PullOptions options;
@@ -97,17 +97,17 @@ rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
   return rill::fetchCheckedManifest(source, options);
 }
 
-rill::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
+base::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
                                          const std::function<void(const std::string&)>& onRemoved,
                                          bool dryRun) {
   PruneResult result;
   if (keep < 1) return result;
   auto names = listSnapshots(store);
-  if (!names) return rill::Failure{"list: " + names.error()};
+  if (!names) return base::Failure{"list: " + names.error()};
   // Counting or deleting around a manifest we cannot read would count another server's
   // snapshots as ours, and the sweep would stop half-way: refuse while nothing is gone yet.
   auto before = rill::readChannelManifests(store);
-  if (!before) return rill::Failure{text::kPruneUnreadable + before.error()};
+  if (!before) return base::Failure{text::kPruneUnreadable + before.error()};
   const std::size_t count = names.value().size();
   const std::size_t surplus = count > static_cast<std::size_t>(keep) ? count - keep : 0;
   const std::vector<std::string> doomed(names.value().begin(),
@@ -115,29 +115,29 @@ rill::Result<PruneResult> pruneSnapshots(rill::StorageProvider& store, int keep,
   for (const std::string& name : doomed) {
     if (!dryRun) {
       auto deleted = rill::deleteChannelBuild(store, name);
-      if (!deleted) return rill::Failure{"delete " + name + ": " + deleted.error()};
+      if (!deleted) return base::Failure{"delete " + name + ": " + deleted.error()};
     }
     ++result.removed;
     if (onRemoved) onRemoved(name);
   }
   result.kept = count - result.removed;
   auto live = dryRun ? std::move(before) : rill::readChannelManifests(store);
-  if (!live) return rill::Failure{"gc: " + live.error()};
+  if (!live) return base::Failure{"gc: " + live.error()};
   if (dryRun) {
     std::erase_if(live.value(), [&doomed](const rill::Manifest& m) {
       return std::find(doomed.begin(), doomed.end(), m.channel) != doomed.end();
     });
   }
   auto swept = rill::sweepChunks(store, live.value(), dryRun);
-  if (!swept) return rill::Failure{"gc: " + swept.error()};
+  if (!swept) return base::Failure{"gc: " + swept.error()};
   result.sweptChunks = swept.value().removed;
   result.sweptBytes = swept.value().removedBytes;
   return result;
 }
 
-rill::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store) {
+base::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store) {
   auto names = listSnapshots(store);
-  if (!names) return rill::Failure{names.error()};
+  if (!names) return base::Failure{names.error()};
   std::vector<std::string> unreadable;
   for (const std::string& name : names.value()) {
     if (!readSnapshotManifest(store, name)) unreadable.push_back(name);
@@ -145,13 +145,13 @@ rill::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider
   return unreadable;
 }
 
-rill::Result<RestoreStats> restoreSnapshot(
+base::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress) {
   std::string error;
   const auto manifest = store.exists(rill::manifestKey(name), &error);
-  if (!manifest) return rill::Failure{error};
-  if (!manifest->present) return rill::Failure{"no snapshot " + name + " in the bucket"};
+  if (!manifest) return base::Failure{error};
+  if (!manifest->present) return base::Failure{"no snapshot " + name + " in the bucket"};
   rill::StorePullSource source(store, name);
   rill::PullOptions options;
   options.channel = name;
@@ -159,8 +159,8 @@ rill::Result<RestoreStats> restoreSnapshot(
   options.ownerOnly = holdsSecrets;
   auto report = rill::pullChannel(source, target, options);
   rill::removePullState(target);
-  if (!report) return rill::Failure{report.error()};
-  if (!store::DataDir(target).prepare(error)) return rill::Failure{error};
+  if (!report) return base::Failure{report.error()};
+  if (auto prepared = store::DataDir(target).prepare(); !prepared) return prepared.failure();
   const rill::ScanStats& scan = report.value().manifest.tree.stats;
   return RestoreStats{scan.files, scan.total_bytes};
 }

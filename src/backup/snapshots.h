@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/result.h"
 #include "rill/publish.h"
 #include "rill/pull.h"
-#include "rill/result.h"
 #include "rill/storage_provider.h"
 
 namespace quill::backup {
@@ -43,16 +43,16 @@ struct RunStats {
 // with the publisher's messages ("cannot reach store: ...", "channel '<name>' already published
 // (use --force to overwrite)", ...). The manifest is written last, so a snapshot that lists names
 // only chunks already stored.
-rill::Result<RunStats> publishSnapshot(
+base::Result<RunStats> publishSnapshot(
     rill::StorageProvider& store, const fs::path& dataDir, const std::string& name,
     const std::function<void(const rill::PublishProgress&)>& progress = {});
 
 // The snapshot names in the store, oldest first. Other channels are ignored. Fails with the
 // provider's listing reason.
-rill::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store);
+base::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store);
 
 // The manifest of snapshot `name`, as stored and checked.
-rill::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
+base::Result<rill::Manifest> readSnapshotManifest(rill::StorageProvider& store,
                                                   const std::string& name);
 
 struct PruneResult {
@@ -71,13 +71,13 @@ struct PruneResult {
 // (snapshots deleted before it stay deleted) or "gc: <reason>"; a manifest that cannot be read
 // aborts the sweep before any delete. With `dryRun`, deletes nothing and reports (and passes to
 // `onRemoved`) what would go.
-rill::Result<PruneResult> pruneSnapshots(
+base::Result<PruneResult> pruneSnapshots(
     rill::StorageProvider& store, int keep,
     const std::function<void(const std::string&)>& onRemoved = {}, bool dryRun = false);
 
 // The snapshots in `store` whose manifest does not open with the store's key, oldest first.
 // Fails with the listing reason.
-rill::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store);
+base::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider& store);
 
 struct RestoreStats {
   std::uint64_t files = 0;
@@ -88,7 +88,7 @@ struct RestoreStats {
 // hash, then creates the standard record directories a snapshot cannot record when empty. Fails
 // with "no snapshot <name> in the bucket" when its manifest is not there, else with the pull's
 // text.
-rill::Result<RestoreStats> restoreSnapshot(
+base::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress = {});
 

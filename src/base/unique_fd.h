@@ -29,6 +29,8 @@ class UniqueFd {
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
+  // Gives up ownership: returns the descriptor held (-1 when none) without closing it.
+  int release() { return std::exchange(fd_, -1); }
   // Closes now and reports whether close succeeded (a delayed write error shows here).
   bool close() {
     const int fd = std::exchange(fd_, -1);

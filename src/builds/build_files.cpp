@@ -10,31 +10,15 @@
 #include <utility>
 #include <vector>
 
+#include "base/durable_file.h"
+#include "base/unique_fd.h"
 #include "store/durable_file.h"
 
 namespace quill::builds {
 
 namespace {
 
-// Owns one file descriptor; -1 when empty.
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(Fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Fd& operator=(Fd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
+using Fd = base::UniqueFd;
 
 std::vector<std::string> splitPath(const std::string& path) {
   std::vector<std::string> segments;
@@ -51,7 +35,7 @@ std::vector<std::string> splitPath(const std::string& path) {
 Fd openDirectoryBelow(const Fd& parent, const std::string& name, bool create) {
   if (create) {
     if (::mkdirat(parent.get(), name.c_str(), 0777) == 0) {
-      if (!store::syncDirectory(parent.get())) return Fd();
+      if (!base::syncDirectory(parent.get())) return Fd();
     } else if (errno != EEXIST) {
       return Fd();
     }
@@ -84,11 +68,11 @@ bool placeBuildFile(const fs::path& buildDir, const std::string& path, const fs:
   if (!parent) return false;
   {
     const Fd file(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file || !store::syncFile(file.get())) return false;
+    if (!file || !base::syncFile(file.get())) return false;
   }
   // renameat replaces a link at the target rather than writing through it.
   if (::renameat(AT_FDCWD, source.c_str(), parent.get(), leaf.c_str()) != 0) return false;
-  return store::syncDirectory(parent.get());
+  return base::syncDirectory(parent.get());
 }
 
 int openBuildFile(const fs::path& buildDir, const std::string& path) {

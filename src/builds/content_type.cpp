@@ -4,6 +4,8 @@
 #include <cctype>
 #include <map>
 
+#include "base/percent_encoding.h"
+
 namespace quill::builds {
 
 std::string contentTypeFor(std::string_view fileName) {
@@ -50,19 +52,11 @@ std::string contentTypeFor(std::string_view fileName) {
 std::string attachmentDisposition(std::string_view fileName) {
   // A plain ASCII fallback for old clients, and the exact name percent-encoded as UTF-8.
   std::string plain;
-  std::string encoded;
-  static constexpr char kHex[] = "0123456789ABCDEF";
   for (unsigned char c : fileName) {
     plain.push_back(c >= 0x20 && c < 0x7F && c != '"' && c != '\\' ? static_cast<char>(c) : '_');
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      encoded.push_back(static_cast<char>(c));
-    } else {
-      encoded += '%';
-      encoded += kHex[c >> 4];
-      encoded += kHex[c & 0x0F];
-    }
   }
-  return "attachment; filename=\"" + plain + "\"; filename*=UTF-8''" + encoded;
+  return "attachment; filename=\"" + plain + "\"; filename*=UTF-8''" +
+         base::percentEncode(fileName);
 }
 
 }  // namespace quill::builds

@@ -33,10 +33,6 @@ Response Response::redirect(std::string location, unsigned status) {
   return r;
 }
 
-OpenFile::~OpenFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 Response Response::fromOpenFile(int fd, std::string contentType) {
   Response r;
   r.contentType = std::move(contentType);

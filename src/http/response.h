@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/unique_fd.h"
+
 namespace quill::http {
 
 inline constexpr const char* kJsonType = "application/json; charset=utf-8";
@@ -20,13 +22,10 @@ inline constexpr const char* kTextType = "text/plain; charset=utf-8";
 class OpenFile {
  public:
   explicit OpenFile(int fd) : fd_(fd) {}
-  ~OpenFile();
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
  private:
-  int fd_;
+  base::UniqueFd fd_;
 };
 
 struct Response {

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <span>
 
-#include "rill/hex.h"
+#include "base/hex.h"
 
 namespace quill::rill {
 
@@ -15,7 +15,7 @@ std::string chunkId(const std::uint8_t* bytes, std::size_t size) {
   blake3_hasher_update(&hasher, bytes, size);
   std::uint8_t digest[BLAKE3_OUT_LEN];
   blake3_hasher_finalize(&hasher, digest, sizeof digest);
-  return toHex(std::span<const std::uint8_t>(digest));
+  return base::toHex(std::span<const std::uint8_t>(digest));
 }
 
 std::string chunkId(std::string_view bytes) {

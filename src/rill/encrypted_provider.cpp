@@ -5,14 +5,14 @@
 #include <span>
 #include <utility>
 
-#include "rill/hex.h"
-#include "rill/process_init.h"
+#include "base/hex.h"
+#include "base/process_init.h"
 
 namespace quill::rill {
 
 EncryptedProvider::EncryptedProvider(const EncryptionKey& key, StorageProviderPtr inner)
     : key_(key), inner_(std::move(inner)) {
-  initialize();  // libsodium's random source and fastest implementations
+  base::initializeLibraries();  // libsodium's random source and fastest implementations
 }
 
 EncryptedProvider::~EncryptedProvider() { sodium_memzero(key_.data(), key_.size()); }
@@ -55,7 +55,7 @@ std::string EncryptedProvider::chunkKey(const std::string& chunkId) const {
   std::uint8_t digest[32];
   crypto_generichash(digest, sizeof digest, reinterpret_cast<const unsigned char*>(chunkId.data()),
                      chunkId.size(), key_.data(), key_.size());
-  return defaultChunkKey(toHex(std::span<const std::uint8_t>(digest)));
+  return defaultChunkKey(base::toHex(std::span<const std::uint8_t>(digest)));
 }
 
 }  // namespace quill::rill

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "rill/hex.h"
+#include "base/hex.h"
 
 namespace quill::rill {
 
@@ -22,7 +22,7 @@ Result<EncryptionKey> decodeEncryptionKey(std::string_view text) {
   }
   EncryptionKey key{};
   if (text.size() != key.size() * 2) return Failure{std::string(kBadKeyMessage)};
-  auto decoded = fromHex(text);
+  auto decoded = base::fromHex(text);
   if (!decoded) return Failure{std::string(kBadKeyMessage)};
   std::copy(decoded->begin(), decoded->end(), key.begin());
   sodium_memzero(decoded->data(), decoded->size());

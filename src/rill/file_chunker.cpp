@@ -13,7 +13,8 @@
 #include <span>
 #include <thread>
 
-#include "rill/hex.h"
+#include "base/hex.h"
+#include "base/unique_fd.h"
 
 namespace quill::rill {
 
@@ -40,19 +41,14 @@ class FileHandle {
  public:
   explicit FileHandle(const std::filesystem::path& path)
       : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd_ >= 0) ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);  // larger read-ahead
+    if (fd_) ::posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);  // larger read-ahead
   }
-  ~FileHandle() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
 
-  bool isOpen() const { return fd_ >= 0; }
+  bool isOpen() const { return fd_.valid(); }
 
   std::uint64_t sizeHint() const {
     struct stat st {};
-    return ::fstat(fd_, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+    return ::fstat(fd_.get(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
   }
 
   // Fills `block` with the next bytes of the file: a full block unless the file ends or a read
@@ -63,7 +59,8 @@ class FileHandle {
     block.failed = false;
     block.cuts.clear();
     while (block.size < kBlockSize) {
-      const ssize_t got = ::read(fd_, block.bytes.get() + block.size, kBlockSize - block.size);
+      const ssize_t got =
+          ::read(fd_.get(), block.bytes.get() + block.size, kBlockSize - block.size);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) {
         block.last = true;
@@ -75,7 +72,7 @@ class FileHandle {
   }
 
  private:
-  int fd_;
+  base::UniqueFd fd_;
 };
 
 // Records in `block.cuts` where chunks end inside it; at the end of the file the open chunk ends.
@@ -114,7 +111,7 @@ class ChunkHasher {
   void emit() {
     std::uint8_t digest[BLAKE3_OUT_LEN];
     blake3_hasher_finalize(&hasher_, digest, sizeof digest);
-    out_.push_back({offset_, length_, toHex(std::span<const std::uint8_t>(digest))});
+    out_.push_back({offset_, length_, base::toHex(std::span<const std::uint8_t>(digest))});
     offset_ += length_;
     length_ = 0;
     blake3_hasher_reset(&hasher_);

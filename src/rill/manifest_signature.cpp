@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "rill/hex.h"
-#include "rill/process_init.h"
+#include "base/hex.h"
+#include "base/process_init.h"
 
 namespace quill::rill {
 
@@ -23,7 +23,7 @@ std::string_view trimmed(std::string_view text) {
 
 // The bytes of `hex` when it decodes to exactly `size` bytes.
 std::optional<std::vector<std::uint8_t>> decodeExactly(std::string_view hex, std::size_t size) {
-  auto bytes = fromHex(trimmed(hex));
+  auto bytes = base::fromHex(trimmed(hex));
   if (!bytes || bytes->size() != size) return std::nullopt;
   return bytes;
 }
@@ -37,11 +37,11 @@ struct WipedBytes {
 }  // namespace
 
 SigningKeyPair generateSigningKeyPair() {
-  initialize();
+  base::initializeLibraries();
   WipedBytes secret{std::vector<std::uint8_t>(crypto_sign_SECRETKEYBYTES)};
   std::vector<std::uint8_t> pub(crypto_sign_PUBLICKEYBYTES);
   crypto_sign_keypair(pub.data(), secret.bytes.data());
-  return {toHex(secret.bytes), toHex(pub)};
+  return {base::toHex(secret.bytes), base::toHex(pub)};
 }
 
 Result<std::string> publicKeyOf(std::string_view secretKeyHex) {
@@ -50,11 +50,11 @@ Result<std::string> publicKeyOf(std::string_view secretKeyHex) {
   WipedBytes secret{std::move(*bytes)};
   std::vector<std::uint8_t> pub(crypto_sign_PUBLICKEYBYTES);
   crypto_sign_ed25519_sk_to_pk(pub.data(), secret.bytes.data());
-  return toHex(pub);
+  return base::toHex(pub);
 }
 
 Result<std::string> signManifest(std::string_view message, std::string_view secretKeyHex) {
-  initialize();
+  base::initializeLibraries();
   auto bytes = decodeExactly(secretKeyHex, crypto_sign_SECRETKEYBYTES);
   if (!bytes) return Failure{kBadSecretKey};
   WipedBytes secret{std::move(*bytes)};
@@ -64,12 +64,12 @@ Result<std::string> signManifest(std::string_view message, std::string_view secr
                            secret.bytes.data()) != 0) {
     return Failure{"signing failed"};
   }
-  return toHex(signature);
+  return base::toHex(signature);
 }
 
 Result<bool> verifyManifest(std::string_view message, std::string_view signatureHex,
                             std::string_view publicKeyHex) {
-  initialize();
+  base::initializeLibraries();
   const auto pub = decodeExactly(publicKeyHex, crypto_sign_PUBLICKEYBYTES);
   if (!pub) return Failure{"bad public key"};
   const auto signature = decodeExactly(signatureHex, crypto_sign_BYTES);

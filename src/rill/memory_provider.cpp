@@ -1,6 +1,6 @@
 #include "rill/memory_provider.h"
 
-#include "rill/http_transport.h"
+#include "base/http_client.h"
 
 namespace quill::rill {
 
@@ -15,7 +15,9 @@ bool MemoryProvider::get(const std::string& key, std::string& body, std::string*
   std::lock_guard lock(mutex_);
   const auto it = objects_.find(key);
   if (it == objects_.end()) return fail(error, "GET " + key + " -> not found");
-  if (it->second.size() > maxBytes) return fail(error, "GET " + key + ": " + tooLarge(maxBytes));
+  if (it->second.size() > maxBytes) {
+    return fail(error, "GET " + key + ": " + base::tooLarge(maxBytes));
+  }
   body = it->second;
   return true;
 }

@@ -14,6 +14,7 @@
 #include <unordered_set>
 
 #include "base/byte_budget.h"
+#include "base/durable_file.h"
 #include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "rill/chunk_codec.h"
@@ -309,17 +310,12 @@ class ProvidedManifest final : public PullSource {
   std::string text_;
 };
 
-// Replaces `name` in the directory `dirFd` with `text`, flushed before and after the rename.
+// Replaces `name` in the directory `dirFd` with `text`, flushed before and after the rename. The
+// temporary of a pull that was cut short is dropped first.
 bool writeFileDurably(int dirFd, const std::string& name, std::string_view text) {
   const std::string tmp = name + ".tmp";
-  base::UniqueFd fd(
-      ::openat(dirFd, tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!fd || !base::writeAllAt(fd.get(), text, 0) || ::fdatasync(fd.get()) != 0 || !fd.close() ||
-      ::renameat(dirFd, tmp.c_str(), dirFd, name.c_str()) != 0) {
-    ::unlinkat(dirFd, tmp.c_str(), 0);
-    return false;
-  }
-  return ::fsync(dirFd) == 0;
+  ::unlinkat(dirFd, tmp.c_str(), 0);
+  return base::replaceFileAt(dirFd, name, tmp, text, 0644).ok();
 }
 
 std::string parentOf(std::string_view path) {

@@ -1,19 +1,19 @@
 #include "rill/pull_source.h"
 
+#include "base/http_client.h"
 #include "rill/chunk_codec.h"
-#include "rill/http_transport.h"
 #include "rill/manifest.h"
 
 namespace quill::rill {
 
 namespace {
 
-HttpResponse fetch(const std::string& url, std::uint64_t maxBytes) {
-  return performHttp({"GET", url, {}, {}, maxBytes});
+base::HttpResponse fetch(const std::string& url, std::uint64_t maxBytes) {
+  return base::performHttp({"GET", url, {}, {}, maxBytes});
 }
 
 // The failure of a presigned GET: the transport's reason, or `what` + " -> HTTP " + status.
-Failure fetchFailed(const HttpResponse& response, const std::string& what) {
+Failure fetchFailed(const base::HttpResponse& response, const std::string& what) {
   if (!response.error.empty()) return Failure{response.error};
   return Failure{what + " -> HTTP " + std::to_string(response.status)};
 }
@@ -52,14 +52,14 @@ Result<std::string> StorePullSource::chunk(const ChunkRef& ref) {
 PresignedPullSource::PresignedPullSource(PresignedLinks links) : links_(std::move(links)) {}
 
 Result<std::string> PresignedPullSource::manifest() {
-  HttpResponse response = fetch(links_.manifestUrl, kMaxManifestBytes);
+  base::HttpResponse response = fetch(links_.manifestUrl, kMaxManifestBytes);
   if (!response.isSuccess()) return fetchFailed(response, "manifest URL");
   return std::move(response.body);
 }
 
 Result<std::optional<std::string>> PresignedPullSource::signature() {
   if (links_.signatureUrl.empty()) return std::optional<std::string>();
-  HttpResponse response = fetch(links_.signatureUrl, kMaxSignatureBytes);
+  base::HttpResponse response = fetch(links_.signatureUrl, kMaxSignatureBytes);
   if (response.status == 404) return std::optional<std::string>();
   if (!response.isSuccess()) return fetchFailed(response, "signature URL");
   return std::optional<std::string>(std::move(response.body));
@@ -68,7 +68,7 @@ Result<std::optional<std::string>> PresignedPullSource::signature() {
 Result<std::string> PresignedPullSource::chunk(const ChunkRef& ref) {
   const auto link = links_.chunks.find(ref.h);
   if (link == links_.chunks.end()) return Failure{"no presigned URL for chunk " + ref.h};
-  HttpResponse response = fetch(link->second, maxChunkObjectSize(ref.n));
+  base::HttpResponse response = fetch(link->second, maxChunkObjectSize(ref.n));
   if (!response.isSuccess()) return fetchFailed(response, "chunk URL");
   return std::move(response.body);
 }

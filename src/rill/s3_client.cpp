@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/percent_encoding.h"
 #include "rill/s3_error.h"
 #include "rill/s3_signing.h"
 
@@ -24,7 +25,7 @@ std::string endpointOrigin(std::string_view endpoint) {
 
 }  // namespace
 
-std::string describeFailure(std::string_view what, const HttpResponse& response) {
+std::string describeFailure(std::string_view what, const base::HttpResponse& response) {
   if (!response.error.empty()) return response.error;
   std::string text = std::string(what) + " -> HTTP " + std::to_string(response.status);
   if (const std::string reason = s3ErrorReason(response.body); !reason.empty()) {
@@ -43,19 +44,19 @@ std::string endpointHost(std::string_view endpoint) {
 
 std::string canonicalObjectUri(std::string_view bucket, std::string_view key) {
   std::string uri = "/";
-  uri += uriEncode(bucket, false);
+  uri += base::percentEncode(bucket, false);
   if (key.empty()) return uri;
   uri += '/';
-  uri += uriEncode(key, true);
+  uri += base::percentEncode(key, true);
   return uri;
 }
 
 std::string listQuery(std::string_view prefix, std::string_view continuationToken) {
   std::string query;
   if (!continuationToken.empty()) {
-    query = "continuation-token=" + uriEncode(continuationToken, false) + "&";
+    query = "continuation-token=" + base::percentEncode(continuationToken, false) + "&";
   }
-  return query + "list-type=2&prefix=" + uriEncode(prefix, false);
+  return query + "list-type=2&prefix=" + base::percentEncode(prefix, false);
 }
 
 S3Client::S3Client(S3Settings settings)
@@ -72,14 +73,14 @@ std::string S3Client::url(std::string_view canonicalUri, std::string_view query)
   return out;
 }
 
-HttpResponse S3Client::send(std::string_view method, std::string_view key, std::string_view query,
-                            std::string_view body, const std::string& payloadHash,
-                            std::uint64_t maxBytes) const {
+base::HttpResponse S3Client::send(std::string_view method, std::string_view key,
+                                  std::string_view query, std::string_view body,
+                                  const std::string& payloadHash, std::uint64_t maxBytes) const {
   const SigningTime time = signingTime(std::chrono::system_clock::now());
   const CanonicalInput input{std::string(method), canonicalObjectUri(settings_.bucket, key),
                              std::string(query), host_, payloadHash};
   const SigningKeys keys{settings_.accessKey, settings_.secretKey, settings_.region};
-  HttpRequest request{
+  base::HttpRequest request{
       input.method,
       url(input.canonicalUri, query),
       {"Host: " + host_, "x-amz-date: " + time.amzDate, "x-amz-content-sha256: " + payloadHash,
@@ -88,22 +89,22 @@ HttpResponse S3Client::send(std::string_view method, std::string_view key, std::
        "Expect:"},
       method == "PUT" ? body : std::string_view(),
       maxBytes};
-  return performHttp(request);
+  return base::performHttp(request);
 }
 
-HttpResponse S3Client::put(std::string_view key, std::string_view body) const {
+base::HttpResponse S3Client::put(std::string_view key, std::string_view body) const {
   return send("PUT", key, "", body, sha256Hex(body));
 }
 
-HttpResponse S3Client::get(std::string_view key, std::uint64_t maxBytes) const {
+base::HttpResponse S3Client::get(std::string_view key, std::uint64_t maxBytes) const {
   return send("GET", key, "", "", sha256Hex(""), maxBytes);
 }
 
-HttpResponse S3Client::head(std::string_view key) const {
+base::HttpResponse S3Client::head(std::string_view key) const {
   return send("HEAD", key, "", "", sha256Hex(""));
 }
 
-HttpResponse S3Client::remove(std::string_view key) const {
+base::HttpResponse S3Client::remove(std::string_view key) const {
   return send("DELETE", key, "", "", sha256Hex(""));
 }
 
@@ -111,7 +112,7 @@ Result<std::vector<ObjectEntry>> S3Client::list(std::string_view prefix) const {
   std::vector<ObjectEntry> entries;
   std::string token;
   for (;;) {
-    const HttpResponse response = send("GET", "", listQuery(prefix, token), "", sha256Hex(""));
+    const base::HttpResponse response = send("GET", "", listQuery(prefix, token), "", sha256Hex(""));
     if (!response.error.empty() || !response.isSuccess()) {
       return Failure{describeFailure("LIST", response)};
     }

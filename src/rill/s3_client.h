@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "rill/http_transport.h"
+#include "base/http_client.h"
 #include "rill/result.h"
 #include "rill/s3_listing.h"
 
@@ -38,17 +38,17 @@ std::string listQuery(std::string_view prefix, std::string_view continuationToke
 // The reason a request for `what` ("GET <key>", "LIST") failed: the transport's error, or
 // "<what> -> HTTP <status>" followed by a blank and the store's Code and Message (s3ErrorReason)
 // when it gave them, and for a 403 by " (credentials refused)".
-std::string describeFailure(std::string_view what, const HttpResponse& response);
+std::string describeFailure(std::string_view what, const base::HttpResponse& response);
 
 class S3Client {
  public:
   explicit S3Client(S3Settings settings);
 
-  HttpResponse put(std::string_view key, std::string_view body) const;
+  base::HttpResponse put(std::string_view key, std::string_view body) const;
   // Fails (transport error) once the answer runs past `maxBytes`.
-  HttpResponse get(std::string_view key, std::uint64_t maxBytes = UINT64_MAX) const;
-  HttpResponse head(std::string_view key) const;
-  HttpResponse remove(std::string_view key) const;
+  base::HttpResponse get(std::string_view key, std::uint64_t maxBytes = UINT64_MAX) const;
+  base::HttpResponse head(std::string_view key) const;
+  base::HttpResponse remove(std::string_view key) const;
 
   // Every object whose key starts with `prefix`, following continuation tokens until a page is not
   // truncated. Fails with the transport's error, describeFailure("LIST", ...) for a page that
@@ -62,9 +62,9 @@ class S3Client {
 
   // A header-signed request: `body` is what is sent and `payloadHash` what is signed (normally
   // sha256Hex(body)). Exposed so that the verification of stores can be exercised.
-  HttpResponse send(std::string_view method, std::string_view key, std::string_view query,
-                    std::string_view body, const std::string& payloadHash,
-                    std::uint64_t maxBytes = UINT64_MAX) const;
+  base::HttpResponse send(std::string_view method, std::string_view key, std::string_view query,
+                          std::string_view body, const std::string& payloadHash,
+                          std::uint64_t maxBytes = UINT64_MAX) const;
 
   const S3Settings& settings() const { return settings_; }
 

@@ -7,7 +7,7 @@ namespace quill::rill {
 namespace {
 
 // Writes the reason of a failed request; false for use in `return`.
-bool requestFailed(const HttpResponse& response, std::string_view method, std::string_view key,
+bool requestFailed(const base::HttpResponse& response, std::string_view method, std::string_view key,
                    std::string* error) {
   return fail(error, describeFailure(std::string(method) + " " + std::string(key), response));
 }
@@ -17,20 +17,20 @@ bool requestFailed(const HttpResponse& response, std::string_view method, std::s
 S3Provider::S3Provider(S3Settings settings) : client_(std::move(settings)) {}
 
 bool S3Provider::put(const std::string& key, std::string_view body, std::string* error) {
-  const HttpResponse response = client_.put(key, body);
+  const base::HttpResponse response = client_.put(key, body);
   return response.isSuccess() || requestFailed(response, "PUT", key, error);
 }
 
 bool S3Provider::get(const std::string& key, std::string& body, std::string* error,
                          std::uint64_t maxBytes) {
-  HttpResponse response = client_.get(key, maxBytes);
+  base::HttpResponse response = client_.get(key, maxBytes);
   if (!response.isSuccess()) return requestFailed(response, "GET", key, error);
   body = std::move(response.body);
   return true;
 }
 
 std::optional<ObjectInfo> S3Provider::exists(const std::string& key, std::string* error) {
-  const HttpResponse response = client_.head(key);
+  const base::HttpResponse response = client_.head(key);
   if (response.isSuccess()) return ObjectInfo{true, response.contentLength};
   if (response.status == 404) return ObjectInfo{};
   requestFailed(response, "HEAD", key, error);
@@ -48,7 +48,7 @@ std::optional<std::vector<ObjectEntry>> S3Provider::list(const std::string& pref
 }
 
 bool S3Provider::remove(const std::string& key, std::string* error) {
-  const HttpResponse response = client_.remove(key);
+  const base::HttpResponse response = client_.remove(key);
   return response.isSuccess() || requestFailed(response, "DELETE", key, error);
 }
 

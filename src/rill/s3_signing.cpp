@@ -8,7 +8,8 @@
 #include <ctime>
 #include <span>
 
-#include "rill/hex.h"
+#include "base/hex.h"
+#include "base/percent_encoding.h"
 
 namespace quill::rill {
 
@@ -59,29 +60,12 @@ SigningTime signingTime(std::chrono::system_clock::time_point when) {
   return {std::string(amzDate, dateLength), std::string(dateStamp, stampLength)};
 }
 
-std::string uriEncode(std::string_view text, bool keepSlash) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                            (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_' || c == '~';
-    if (unreserved || (keepSlash && c == '/')) {
-      out.push_back(c);
-      continue;
-    }
-    char escaped[4];
-    std::snprintf(escaped, sizeof escaped, "%%%02X", static_cast<unsigned char>(c));
-    out.append(escaped, 3);
-  }
-  return out;
-}
-
 std::string sha256Hex(std::string_view bytes) {
   // OpenSSL's SHA-256 uses the processor's SHA instructions where there are any: payload hashes
   // cover every uploaded byte, and this is several times faster than a portable implementation.
   std::array<std::uint8_t, SHA256_DIGEST_LENGTH> digest{};
   SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest.data());
-  return toHex(std::span<const std::uint8_t>(digest));
+  return base::toHex(std::span<const std::uint8_t>(digest));
 }
 
 std::string signingRegion(std::string_view region) {
@@ -98,7 +82,7 @@ std::string signCanonicalRequest(std::string_view canonicalRequest, const Signin
                                    credentialScope(time, keys.region) + "\n" +
                                    sha256Hex(canonicalRequest);
   Digest key = signingKey(keys, time);
-  const std::string signature = toHex(std::span<const std::uint8_t>(hmac(key, stringToSign)));
+  const std::string signature = base::toHex(std::span<const std::uint8_t>(hmac(key, stringToSign)));
   sodium_memzero(key.data(), key.size());
   return signature;
 }
@@ -125,7 +109,7 @@ std::string presignedGetQuery(std::string_view canonicalUri, std::string_view ho
   // Already in the sorted order that the canonical query needs.
   const std::string query =
       "X-Amz-Algorithm=" + std::string(kAlgorithm) + "&X-Amz-Credential=" +
-      uriEncode(keys.accessKey + "/" + credentialScope(time, keys.region), false) +
+      base::percentEncode(keys.accessKey + "/" + credentialScope(time, keys.region), false) +
       "&X-Amz-Date=" + time.amzDate + "&X-Amz-Expires=" + std::to_string(lifetimeSeconds) +
       "&X-Amz-SignedHeaders=host";
   const std::string canonical = "GET\n" + std::string(canonicalUri) + "\n" + query + "\n" +

@@ -24,11 +24,6 @@ struct SigningTime {
 };
 SigningTime signingTime(std::chrono::system_clock::time_point when);
 
-// Keeps ASCII letters, digits, '-', '.', '_' and '~' (and '/' when `keepSlash`); every other byte
-// becomes '%' and two upper-case hexadecimal digits. Object keys keep '/'; bucket names and query
-// values do not.
-std::string uriEncode(std::string_view text, bool keepSlash);
-
 // Lower-case hexadecimal SHA-256 of `bytes`: the payload hash.
 std::string sha256Hex(std::string_view bytes);
 

@@ -7,8 +7,8 @@
 #include <limits>
 #include <memory>
 
+#include "base/base64url.h"
 #include "base/json_reader.h"
-#include "sso/base64url.h"
 
 namespace quill::sso {
 
@@ -43,7 +43,7 @@ std::optional<JwtParts> splitJwt(std::string_view token) {
 }
 
 std::optional<Json::Value> decodeJsonPart(std::string_view part) {
-  auto bytes = base64urlDecode(part);
+  auto bytes = base::base64urlDecode(part);
   if (!bytes) return std::nullopt;
   return base::parseJsonObject(*bytes);
 }
@@ -124,7 +124,7 @@ Result<Json::Value> verifyTokenSignature(const std::string& token, const std::ve
   const Json::Value& alg = (*header)["alg"];
   if (!alg.isString() || alg.asString() != "RS256") return Failure{text::kNotRs256};
   const std::string kid = (*header)["kid"].isString() ? (*header)["kid"].asString() : "";
-  auto signature = base64urlDecode(parts->signature);
+  auto signature = base::base64urlDecode(parts->signature);
   if (!signature || signature->empty()) return Failure{text::kBadSignature};
 
   for (const auto& key : keys) {

@@ -4,8 +4,9 @@
 
 #include <bit>
 
+#include "base/base64url.h"
 #include "base/json_reader.h"
-#include "sso/base64url.h"
+#include "base/percent_encoding.h"
 #include "sso/provider_http.h"
 #include "sso/web_text.h"
 #include "store/documents.h"
@@ -62,7 +63,8 @@ PkceSecrets newPkceSecrets() {
 std::string codeChallenge(const std::string& codeVerifier) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(reinterpret_cast<const unsigned char*>(codeVerifier.data()), codeVerifier.size(), digest);
-  return base64urlEncode(std::string_view(reinterpret_cast<const char*>(digest), sizeof digest));
+  return base::base64urlEncode(
+      std::string_view(reinterpret_cast<const char*>(digest), sizeof digest));
 }
 
 Result<std::string> discoveryUrl(const std::string& issuer) {
@@ -111,8 +113,8 @@ Result<std::vector<Jwk>> parseKeySet(long status, const std::string& body) {
     const Json::Value& key = set[i];
     if (!key.isObject() || store::textOf(key, "kty") != "RSA") continue;
     if (key.isMember("use") && store::textOf(key, "use") != "sig") continue;
-    auto n = base64urlDecode(store::textOf(key, "n"));
-    auto e = base64urlDecode(store::textOf(key, "e"));
+    auto n = base::base64urlDecode(store::textOf(key, "n"));
+    auto e = base::base64urlDecode(store::textOf(key, "e"));
     if (!n || !e) continue;
     Jwk jwk{store::textOf(key, "kid"), std::move(*n), std::move(*e)};
     if (isUsableRsaKey(jwk)) keys.push_back(std::move(jwk));
@@ -132,12 +134,12 @@ std::string authorizationUrl(const Discovery& discovery, const SsoConfig& config
   const std::string& endpoint = discovery.authorizationEndpoint;
   std::string url = endpoint;
   url += endpoint.find('?') == std::string::npos ? '?' : '&';
-  url += "response_type=code&scope=" + percentEncode(config.scopes);
-  url += "&client_id=" + percentEncode(config.clientId);
-  url += "&redirect_uri=" + percentEncode(redirectUri);
-  url += "&state=" + percentEncode(secrets.state);
-  url += "&nonce=" + percentEncode(secrets.nonce);
-  url += "&code_challenge=" + percentEncode(codeChallenge(secrets.codeVerifier));
+  url += "response_type=code&scope=" + base::percentEncode(config.scopes);
+  url += "&client_id=" + base::percentEncode(config.clientId);
+  url += "&redirect_uri=" + base::percentEncode(redirectUri);
+  url += "&state=" + base::percentEncode(secrets.state);
+  url += "&nonce=" + base::percentEncode(secrets.nonce);
+  url += "&code_challenge=" + base::percentEncode(codeChallenge(secrets.codeVerifier));
   url += "&code_challenge_method=S256";
   return url;
 }
@@ -161,11 +163,11 @@ Result<std::string> exchangeCode(const Discovery& discovery, const SsoConfig& co
                                  const std::string& redirectUri, const std::string& code,
                                  const std::string& codeVerifier) {
   if (!splitUrl(discovery.tokenEndpoint)) return Failure{text::kTokenNotUrl};
-  std::string form = "grant_type=authorization_code&code=" + percentEncode(code);
-  form += "&redirect_uri=" + percentEncode(redirectUri);
-  form += "&client_id=" + percentEncode(config.clientId);
-  form += "&client_secret=" + percentEncode(config.clientSecret);
-  form += "&code_verifier=" + percentEncode(codeVerifier);
+  std::string form = "grant_type=authorization_code&code=" + base::percentEncode(code);
+  form += "&redirect_uri=" + base::percentEncode(redirectUri);
+  form += "&client_id=" + base::percentEncode(config.clientId);
+  form += "&client_secret=" + base::percentEncode(config.clientSecret);
+  form += "&code_verifier=" + base::percentEncode(codeVerifier);
   auto answer = providerPostForm(discovery.tokenEndpoint, form);
   return parseTokenAnswer(answer.status, answer.body);
 }

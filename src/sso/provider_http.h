@@ -1,8 +1,9 @@
 #pragma once
-// Blocking requests to the identity provider with libcurl, each limited to 10 seconds. Callers run
-// on the pool of the routes that wait on the identity provider, never on a request worker.
+// Blocking requests to the identity provider over the one HTTP client, each limited to 10 seconds
+// and to answers of 4 MiB. Callers run on the pool of the routes that wait on the identity
+// provider, never on a request worker.
 //
-// Thread safety: any number of threads may call at once (one easy handle per request).
+// Thread safety: any number of threads may call at once.
 
 #include <string>
 

@@ -8,13 +8,13 @@
 #include <map>
 #include <string>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "store/data_dir.h"
 
 namespace quill::sso {
 
-using rill::Failure;
-using rill::Result;
+using base::Failure;
+using base::Result;
 
 inline constexpr const char* kDefaultScopes = "openid profile email";
 inline constexpr const char* kNotConfigured = "SSO is not configured";

@@ -4,23 +4,6 @@
 
 namespace quill::sso {
 
-std::string percentEncode(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (std::isalnum(byte) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out.push_back(c);
-      continue;
-    }
-    out.push_back('%');
-    out.push_back(kHex[byte >> 4]);
-    out.push_back(kHex[byte & 0x0F]);
-  }
-  return out;
-}
-
 std::string htmlEscape(std::string_view text) {
   std::string out;
   out.reserve(text.size());

@@ -1,15 +1,11 @@
 #pragma once
-// Text that goes into URLs and HTML, and the parts of a provider URL.
+// Text that goes into HTML, and the parts of a provider URL.
 
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace quill::sso {
-
-// Keeps letters, digits and "-", ".", "_", "~"; every other byte becomes "%" and two upper-case
-// hex digits. Used for every query and form value sent to the provider.
-std::string percentEncode(std::string_view text);
 
 // Replaces &, <, >, " and ' with character references, so any text is inert inside HTML.
 std::string htmlEscape(std::string_view text);

@@ -10,11 +10,11 @@ std::filesystem::path rillSettingsPath(const store::DataDir& data) {
   return data.root() / "rill.json";
 }
 
-rill::Result<rill::S3Settings> readRillSettings(const store::DataDir& data) {
+base::Result<rill::S3Settings> readRillSettings(const store::DataDir& data) {
   Json::Value doc;
-  if (!store::readJsonFile(rillSettingsPath(data), doc)) return rill::Failure{kNotConfigured};
+  if (!store::readJsonFile(rillSettingsPath(data), doc)) return base::Failure{kNotConfigured};
   for (const char* name : {"endpoint", "bucket", "access_key", "secret_key"}) {
-    if (!doc.isMember(name)) return rill::Failure{kIncomplete};
+    if (!doc.isMember(name)) return base::Failure{kIncomplete};
   }
   const Json::Value& read = doc;  // the const operator[] adds no members
   const auto text = [&read](const char* name) {
@@ -32,7 +32,7 @@ bool writeRillSettings(const store::DataDir& data, const rill::S3Settings& setti
   doc["bucket"] = settings.bucket;
   doc["access_key"] = settings.accessKey;
   doc["secret_key"] = settings.secretKey;
-  return store::writeJsonFile(rillSettingsPath(data), doc, store::FileAccess::kOwnerOnly);
+  return store::writeJsonFile(rillSettingsPath(data), doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 }  // namespace quill::storage

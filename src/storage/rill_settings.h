@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/s3_client.h"
 #include "store/data_dir.h"
 
@@ -18,7 +18,7 @@ std::filesystem::path rillSettingsPath(const store::DataDir& data);
 
 // The stored settings, read afresh. Fails with kNotConfigured when the file is missing or does not
 // parse, kIncomplete when a required member is missing; an absent region reads as "auto".
-rill::Result<rill::S3Settings> readRillSettings(const store::DataDir& data);
+base::Result<rill::S3Settings> readRillSettings(const store::DataDir& data);
 
 // Writes `rill.json` with `schema_version` 1 and the five settings, atomically, readable by its
 // owner only (it holds the secret key). False on failure.

@@ -62,7 +62,7 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   // size 0, and the download then reports the error as the bucket gives it.
   const std::uint64_t bound = ctx.syncManifestBytes.total();
   const std::string key = rill::manifestKey(channel);
-  const rill::HttpResponse head = bucket.client().head(key);
+  const base::HttpResponse head = bucket.client().head(key);
   if (!head.error.empty()) return unavailable(head.error);  // asking again would wait again
   std::uint64_t size = 0;
   if (head.isSuccess()) {

@@ -17,7 +17,7 @@ fs::path defaultDataDir() {
 
 DataDir::DataDir(const fs::path& root) : root_(fs::absolute(root)) {}
 
-bool DataDir::prepare(std::string& error) const {
+base::Result<bool> DataDir::prepare() const {
   const std::array<fs::path, 8> directories = {root_,    users(),   tokens(),         channels(),
                                                groups(), invites(), accessRequests(), builds()};
   for (const fs::path& directory : directories) {
@@ -26,8 +26,8 @@ bool DataDir::prepare(std::string& error) const {
     // directory already exists.
     fs::create_directories(directory, ec);
     if (ec) {
-      error = "cannot create directory " + directory.string() + ": " + ec.message();
-      return false;
+      return base::Failure::fromErrno(
+          "cannot create directory " + directory.string() + ": " + ec.message(), ec.value());
     }
   }
   return true;

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/result.h"
+
 namespace quill::store {
 
 namespace fs = std::filesystem;
@@ -32,9 +34,9 @@ class DataDir {
     return dir / (name + ".json");
   }
 
-  // Creates the directory and its seven record subdirectories where missing. Returns false and
-  // sets `error` when one cannot be created.
-  bool prepare(std::string& error) const;
+  // Creates the directory and its seven record subdirectories where missing. Fails with "cannot
+  // create directory <dir>: <reason>" (and its errno) when one cannot be created.
+  base::Result<bool> prepare() const;
 
   // Removes what document writes cut short by a crash left behind: temporaries of the document
   // writer's form (see store/durable_file.h) directly in the root and in the record directories,

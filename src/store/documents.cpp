@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <system_error>
 
+#include "base/durable_file.h"
 #include "base/json_reader.h"
+#include "base/unique_fd.h"
 #include "store/durable_file.h"
 
 namespace quill::store {
@@ -44,31 +48,28 @@ bool readJsonFile(const fs::path& path, Json::Value& out) {
   return true;
 }
 
-bool writeFileAtomic(const fs::path& path, std::string_view bytes, FileAccess access) {
+base::Result<bool> writeFileAtomic(const fs::path& path, std::string_view bytes,
+                                   FileAccess access) {
   // Record directories come into being with their first record; if this fails, the open fails.
   makeDirectories(path.parent_path());
-
+  const fs::path parent = path.parent_path().empty() ? fs::path(".") : path.parent_path();
+  const base::UniqueFd dir(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) {
+    const int cause = errno;
+    return base::Failure::fromErrno("cannot open " + parent.string() + ": " + std::strerror(cause),
+                                    cause);
+  }
   // A temporary of this write's own: concurrent writers of one document (threads, or an offline
   // command beside the server) never write into each other's file.
-  const fs::path tmp = temporaryBeside(path);
   const mode_t mode = access == FileAccess::kOwnerOnly ? 0600 : 0666;
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0) return false;
-  // The bytes reach the disk before the rename, so a power cut never leaves an empty or torn
-  // document under the real name.
-  bool written = writeAll(fd, bytes) && syncFile(fd);
-  written = ::close(fd) == 0 && written;
-  if (!written || ::rename(tmp.c_str(), path.c_str()) != 0) {
-    ::unlink(tmp.c_str());
-    return false;
-  }
-  // Until the directory is flushed the rename itself may be lost.
-  return syncDirectory(path.parent_path());
+  return base::replaceFileAt(dir.get(), path.filename().string(),
+                             temporaryBeside(path).filename().string(), bytes, mode);
 }
 
 std::string toStyledJson(const Json::Value& value) { return value.toStyledString(); }
 
-bool writeJsonFile(const fs::path& path, const Json::Value& value, FileAccess access) {
+base::Result<bool> writeJsonFile(const fs::path& path, const Json::Value& value,
+                                 FileAccess access) {
   return writeFileAtomic(path, toStyledJson(value), access);
 }
 

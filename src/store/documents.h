@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/result.h"
+
 namespace quill::store {
 
 namespace fs = std::filesystem;
@@ -23,23 +25,23 @@ namespace fs = std::filesystem;
 // JSON or not a JSON object (every document is one object); callers treat that as "absent".
 bool readJsonFile(const fs::path& path, Json::Value& out);
 
-
 // Writes `bytes` to a temporary file of its own beside `path` ("<name>.<random>.tmp", creating
 // missing parent directories), flushes it to the disk, renames it onto `path` and flushes the
-// directory. Returns true only when all of that succeeded: the document then survives a power
-// cut. A failed write removes its temporary and leaves the old document in place. Safe to call
-// from several threads and processes for one `path` at once: each reader sees one whole document.
+// directory. Succeeds only when all of that succeeded: the document then survives a power cut. A
+// failed write removes its temporary, leaves the old document in place and keeps the errno of the
+// step that failed. Safe to call from several threads and processes for one `path` at once: each
+// reader sees one whole document.
 // Files holding secrets are written `kOwnerOnly` (mode 0600 from their first byte on).
 enum class FileAccess { kShared, kOwnerOnly };
-bool writeFileAtomic(const fs::path& path, std::string_view bytes,
-                     FileAccess access = FileAccess::kShared);
+base::Result<bool> writeFileAtomic(const fs::path& path, std::string_view bytes,
+                                   FileAccess access = FileAccess::kShared);
 
 // The styled (multi-line, indented, keys in ascending order) form of `value`, newline-terminated.
 std::string toStyledJson(const Json::Value& value);
 
 // writeFileAtomic of toStyledJson(value).
-bool writeJsonFile(const fs::path& path, const Json::Value& value,
-                   FileAccess access = FileAccess::kShared);
+base::Result<bool> writeJsonFile(const fs::path& path, const Json::Value& value,
+                                 FileAccess access = FileAccess::kShared);
 
 // Every regular "*.json" file directly in `dir` that reads as a document, in directory order
 // (unsorted).

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/durable_file.h"
 #include "store/random.h"
 
 namespace quill::store {
@@ -39,30 +40,6 @@ bool isTemporaryName(std::string_view fileName) {
   return alphanumeric && fileName[fileName.size() - kTemporaryTagLength - 1] == '.';
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
-bool syncFile(int fd) { return ::fdatasync(fd) == 0; }
-
-bool syncDirectory(int dirFd) { return ::fsync(dirFd) == 0; }
-
-bool syncDirectory(const fs::path& dir) {
-  // A bare file name's directory is the current one.
-  const fs::path path = dir.empty() ? fs::path(".") : dir;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool synced = syncDirectory(fd);
-  ::close(fd);
-  return synced;
-}
-
 bool makeDirectories(const fs::path& dir) {
   std::error_code ec;
   if (dir.empty() || fs::is_directory(dir, ec)) return true;
@@ -74,7 +51,7 @@ bool makeDirectories(const fs::path& dir) {
   }
   for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
     if (::mkdir(it->c_str(), 0777) != 0 && errno != EEXIST) return false;
-    if (!syncDirectory(it->parent_path())) return false;
+    if (!base::syncDirectory(it->parent_path())) return false;
   }
   return fs::is_directory(dir, ec);
 }

@@ -1,6 +1,7 @@
 #pragma once
-// The pieces of a write that survives a power cut: a temporary name of its own beside the target,
-// a flush of the file's bytes before it is renamed into place, and a flush of the directory after.
+// The data directory's side of a write that survives a power cut (the flushes and the rename are
+// base/durable_file.h): a temporary name of its own beside the target, and directories created
+// durably.
 
 #include <filesystem>
 #include <string_view>
@@ -15,17 +16,6 @@ fs::path temporaryBeside(const fs::path& target);
 
 // Whether `fileName` has the form temporaryBeside gives: "<name>.<random>.tmp".
 bool isTemporaryName(std::string_view fileName);
-
-// Writes all of `bytes` to `fd`, retrying short writes. False on the first error.
-bool writeAll(int fd, std::string_view bytes);
-
-// Flushes the file open at `fd` (its bytes and its size) to the disk.
-bool syncFile(int fd);
-
-// Flushes the entries of the directory open at `dirFd`, or at `dir` (empty: the current one): a
-// name created, renamed or removed in it survives a power cut once this returns true.
-bool syncDirectory(int dirFd);
-bool syncDirectory(const fs::path& dir);
 
 // Creates `dir` and its missing ancestors, flushing each parent that gained an entry. True when
 // `dir` is a directory afterwards (an empty `dir` is the current one).

@@ -27,7 +27,7 @@ Json::Value newGroupRecord(const std::string& name) {
 }
 
 bool saveGroup(const DataDir& data, const Json::Value& record) {
-  return writeJsonFile(DataDir::recordPath(data.groups(), record["name"].asString()), record);
+  return writeJsonFile(DataDir::recordPath(data.groups(), record["name"].asString()), record).ok();
 }
 
 std::vector<Json::Value> listGroups(const DataDir& data) {

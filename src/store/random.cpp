@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "base/process_init.h"
+
 namespace quill::store {
 
 namespace {
@@ -13,11 +15,9 @@ namespace {
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
 
-// main initialises libsodium first; this guards callers (tests, tools) that did not. A second
-// sodium_init() is a harmless no-op.
+// main initialises the libraries first; this guards callers (tests, tools) that did not.
 void ensureSodium() {
-  static const bool ready = sodium_init() >= 0;
-  if (!ready) throw std::runtime_error("libsodium could not be initialised");
+  if (!base::initializeLibraries()) throw std::runtime_error("libsodium could not be initialised");
 }
 
 }  // namespace

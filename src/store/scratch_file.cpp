@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/durable_file.h"
 #include "store/durable_file.h"
 
 namespace quill::store {
@@ -25,10 +26,6 @@ int openUnnamed(const fs::path& dir) {
 
 ScratchFile::ScratchFile(const fs::path& dir) : fd_(openUnnamed(dir)) {}
 
-ScratchFile::~ScratchFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 bool ScratchFile::write(std::string_view bytes) {
   if (!ok()) return false;
   buffer_.append(bytes);
@@ -37,16 +34,14 @@ bool ScratchFile::write(std::string_view bytes) {
 
 bool ScratchFile::flush() {
   if (!ok()) return false;
-  failed_ = !writeAll(fd_, buffer_);
+  failed_ = !base::writeAll(fd_.get(), buffer_);
   buffer_.clear();
   return !failed_;
 }
 
 int ScratchFile::release() {
   if (!ok()) return -1;
-  const int fd = fd_;
-  fd_ = -1;
-  return fd;
+  return fd_.release();
 }
 
 }  // namespace quill::store

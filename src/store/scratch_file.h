@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
+
 namespace quill::store {
 
 namespace fs = std::filesystem;
@@ -14,12 +16,12 @@ class ScratchFile {
  public:
   // Opens the file in `dir` (which must exist); see ok().
   explicit ScratchFile(const fs::path& dir);
-  ~ScratchFile();  // closes the file unless it was released
+  // Closes the file unless it was released.
   ScratchFile(const ScratchFile&) = delete;
   ScratchFile& operator=(const ScratchFile&) = delete;
 
   // False when the file could not be opened or a write failed; every later write then fails.
-  bool ok() const { return fd_ >= 0 && !failed_; }
+  bool ok() const { return fd_.valid() && !failed_; }
   // Appends `bytes` (buffered).
   bool write(std::string_view bytes);
   // Writes out what is buffered.
@@ -29,7 +31,7 @@ class ScratchFile {
   int release();
 
  private:
-  int fd_ = -1;
+  base::UniqueFd fd_;
   bool failed_ = false;
   std::string buffer_;
 };

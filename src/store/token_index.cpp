@@ -33,19 +33,16 @@ std::optional<TokenFile> TokenIndex::confirm(const fs::path& path, const std::st
 
 TokenIndex::~TokenIndex() { closeWatch(); }
 
-void TokenIndex::closeWatch() {
-  if (watchFd_ >= 0) ::close(watchFd_);
-  watchFd_ = -1;
-}
+void TokenIndex::closeWatch() { watchFd_.reset(); }
 
 bool TokenIndex::provablyUnchanged(const fs::path& tokensDir) {
-  if (watchFd_ < 0) {
+  if (!watchFd_) {
     // Arm the watch before the next listing, so no change can fall between the two.
-    watchFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    watchFd_.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     constexpr std::uint32_t kChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                                        IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF |
                                        IN_MOVE_SELF;
-    if (watchFd_ >= 0 && ::inotify_add_watch(watchFd_, tokensDir.c_str(), kChanges) < 0) {
+    if (watchFd_ && ::inotify_add_watch(watchFd_.get(), tokensDir.c_str(), kChanges) < 0) {
       closeWatch();
     }
     return false;
@@ -53,7 +50,7 @@ bool TokenIndex::provablyUnchanged(const fs::path& tokensDir) {
   bool changed = false;
   alignas(inotify_event) char buffer[16 * 1024];
   while (true) {
-    ssize_t n = ::read(watchFd_, buffer, sizeof buffer);
+    ssize_t n = ::read(watchFd_.get(), buffer, sizeof buffer);
     if (n > 0) {
       changed = true;
       // The directory itself went away or was replaced: watch it afresh next time.
@@ -95,7 +92,7 @@ std::optional<TokenFile> TokenIndex::find(const fs::path& tokensDir, const std::
     const bool unchanged = provablyUnchanged(tokensDir);
     if (!(unchanged && refreshed_)) {
       refresh(tokensDir);
-      refreshed_ = watchFd_ >= 0;
+      refreshed_ = watchFd_.valid();
     }
     auto hit = byHash_.find(hash);
     if (hit == byHash_.end()) return std::nullopt;

@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "store/document_cache.h"
 #include "store/file_stamp.h"
 
@@ -62,7 +63,7 @@ class TokenIndex {
   std::filesystem::path dir_;
   std::map<std::string, Entry> byName_;        // file name -> what it held when read
   std::map<std::string, std::string> byHash_;  // hash -> file name (first in directory order)
-  int watchFd_ = -1;                           // inotify instance watching dir_, or -1
+  base::UniqueFd watchFd_;                     // inotify instance watching dir_, or none
   bool refreshed_ = false;  // byName_ reflects the directory as of the watch's last drain
 };
 

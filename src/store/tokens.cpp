@@ -4,7 +4,9 @@
 
 #include <cctype>
 #include <ctime>
+#include <span>
 
+#include "base/hex.h"
 #include "store/accounts.h"
 #include "store/documents.h"
 #include "store/names.h"
@@ -63,14 +65,7 @@ std::string hashToken(std::string_view text) {
   blake3_hasher_update(&hasher, text.data(), text.size());
   std::uint8_t digest[BLAKE3_OUT_LEN];
   blake3_hasher_finalize(&hasher, digest, BLAKE3_OUT_LEN);
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(2 * BLAKE3_OUT_LEN);
-  for (std::uint8_t byte : digest) {
-    hex.push_back(kDigits[byte >> 4]);
-    hex.push_back(kDigits[byte & 0x0F]);
-  }
-  return hex;
+  return base::toHex(std::span<const std::uint8_t>(digest));
 }
 
 std::string_view bearerToken(std::string_view authorization) {

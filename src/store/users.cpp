@@ -60,7 +60,7 @@ std::optional<Json::Value> createUser(const DataDir& data, const NewUser& user) 
 }
 
 bool saveUser(const DataDir& data, const Json::Value& record) {
-  return writeJsonFile(DataDir::recordPath(data.users(), record["name"].asString()), record);
+  return writeJsonFile(DataDir::recordPath(data.users(), record["name"].asString()), record).ok();
 }
 
 std::vector<Json::Value> listUsers(const DataDir& data) {

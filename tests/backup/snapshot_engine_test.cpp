@@ -73,15 +73,15 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   RunHooks hooked(rill::test::StoreView::Hook hook) {
     RunHooks h;
     h.openStore = [this, hook](const BackupConfig&) {
-      return rill::Result<rill::StorageProviderPtr>(sealed(7, hook));
+      return base::Result<rill::StorageProviderPtr>(sealed(7, hook));
     };
     return h;
   }
-  rill::Result<RunReport> run(const std::string& name, RunHooks h = {}) {
+  base::Result<RunReport> run(const std::string& name, RunHooks h = {}) {
     if (!h.openStore) h = hooks();
     return runBackup(data(), name, h);
   }
-  rill::Result<RestoreStats> restore(const std::string& name, const fs::path& target,
+  base::Result<RestoreStats> restore(const std::string& name, const fs::path& target,
                                      std::uint8_t key = 7) {
     return restoreSnapshot(*sealed(key), name, target);
   }
@@ -210,7 +210,7 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpen) {
   failingList.openStore = [this](const BackupConfig&) {
     auto store = sealed();
     store->failNth(rill::FaultInjectingProvider::Operation::kList, 2);  // after the publish's
-    return rill::Result<rill::StorageProviderPtr>(std::move(store));
+    return base::Result<rill::StorageProviderPtr>(std::move(store));
   };
   ASSERT_TRUE(run(kB, failingList));
   EXPECT_EQ(state()["ok"], true);
@@ -321,7 +321,7 @@ TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
   std::mutex mutex;
   std::condition_variable changed;
   bool waiting = false;
-  rill::Result<PruneResult> pruned = rill::Failure{"not run"};
+  base::Result<PruneResult> pruned = base::Failure{"not run"};
   std::thread prune;
   runCWhile([&] {
     prune = std::thread([&] {

@@ -19,8 +19,8 @@ namespace {
 class BuildStoreTest : public test::TempDirTest {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_TRUE(data_.prepare(error)) << error;
+    const auto prepared = data_.prepare();
+    ASSERT_TRUE(prepared) << prepared.error();
   }
   void write(const fs::path& path, const std::string& text) {
     fs::create_directories(path.parent_path());

@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "base/percent_encoding.h"
 #include "http/json.h"
 #include "http/url.h"
 
@@ -128,13 +129,13 @@ TEST_F(RouterTest, ExceptionsAnswer500) {
 }
 
 TEST(Url, PercentDecoding) {
-  EXPECT_EQ(percentDecode("a%20b%2Fc", false), "a b/c");
-  EXPECT_EQ(percentDecode("a+b", false), "a+b");
-  EXPECT_EQ(percentDecode("a+b", true), "a b");
-  EXPECT_EQ(percentDecode("%C3%A9t%c3%a9", false), "\xC3\xA9t\xC3\xA9");
-  EXPECT_FALSE(percentDecode("%", false));
-  EXPECT_FALSE(percentDecode("%4", false));
-  EXPECT_FALSE(percentDecode("ab%zz", false));
+  EXPECT_EQ(base::percentDecode("a%20b%2Fc", false), "a b/c");
+  EXPECT_EQ(base::percentDecode("a+b", false), "a+b");
+  EXPECT_EQ(base::percentDecode("a+b", true), "a b");
+  EXPECT_EQ(base::percentDecode("%C3%A9t%c3%a9", false), "\xC3\xA9t\xC3\xA9");
+  EXPECT_FALSE(base::percentDecode("%", false));
+  EXPECT_FALSE(base::percentDecode("%4", false));
+  EXPECT_FALSE(base::percentDecode("ab%zz", false));
 }
 
 TEST(Url, QueryParsing) {

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 #include <sodium.h>
 
+#include "base/process_init.h"
 #include "rill/chunk_id.h"
 #include "rill/fault_injecting_provider.h"
 #include "rill/memory_provider.h"
 #include "rill/prefixed_provider.h"
-#include "rill/process_init.h"
 
 namespace quill::rill {
 namespace {
@@ -21,7 +21,7 @@ EncryptionKey keyOf(std::uint8_t fill) {
 // An encrypted store over a memory store that the test can also read and write raw.
 class EncryptedProviderTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(initialize()); }
+  void SetUp() override { ASSERT_TRUE(base::initializeLibraries()); }
 
   MemoryProvider* raw_ = new MemoryProvider;
   EncryptedProvider store_{keyOf(1), StorageProviderPtr(raw_)};

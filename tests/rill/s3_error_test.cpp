@@ -30,19 +30,19 @@ TEST(S3Error, TheReasonIsTheCodeAndMessageOnly) {
   for (const auto& [body, reason] : rows) EXPECT_EQ(s3ErrorReason(body), reason) << body;
 
   const auto answer = [](long status, std::string body) {
-    HttpResponse response;
+    base::HttpResponse response;
     response.status = status;
     response.body = std::move(body);
     return response;
   };
-  const HttpResponse refused = answer(
+  const base::HttpResponse refused = answer(
       403, "<Error><Code>AccessDenied</Code><Message>Access Denied</Message><StringToSign>x"
            "</StringToSign></Error>");
   EXPECT_EQ(describeFailure("GET k", refused),
             "GET k -> HTTP 403 AccessDenied: Access Denied (credentials refused)");
   EXPECT_EQ(describeFailure("HEAD k", answer(403, "")), "HEAD k -> HTTP 403 (credentials refused)");
   EXPECT_EQ(describeFailure("HEAD k", answer(500, "")), "HEAD k -> HTTP 500");
-  HttpResponse cut;
+  base::HttpResponse cut;
   cut.error = "curl: refused";
   EXPECT_EQ(describeFailure("GET k", cut), "curl: refused");
 }

@@ -36,10 +36,10 @@ TEST_F(S3PeerTest, ObjectRoundTripWithAwkwardKeys) {
   for (const char* name : {"peer/plain", "peer/with blank/x+y=z&w", "peer/caf\xC3\xA9~!*'()"}) {
     const std::string key = name;
     ASSERT_EQ(s3.put(key, body).status, 200) << key;
-    const HttpResponse got = s3.get(key);
+    const base::HttpResponse got = s3.get(key);
     EXPECT_EQ(got.status, 200) << key << " " << got.body;
     EXPECT_EQ(got.body, body) << key;
-    const HttpResponse head = s3.head(key);
+    const base::HttpResponse head = s3.head(key);
     EXPECT_EQ(head.status, 200);
     EXPECT_EQ(head.contentLength, static_cast<std::int64_t>(body.size()));
   }
@@ -52,7 +52,7 @@ TEST_F(S3PeerTest, ObjectRoundTripWithAwkwardKeys) {
 
 TEST_F(S3PeerTest, WrongSecretIsRefusedAndChangesNothing) {
   const S3Client wrong = client("not-the-secret");
-  const HttpResponse put = wrong.put("refused/object", "x");
+  const base::HttpResponse put = wrong.put("refused/object", "x");
   EXPECT_EQ(put.status, 403);
   EXPECT_NE(put.body.find("SignatureDoesNotMatch"), std::string::npos);
   EXPECT_EQ(client().head("refused/object").status, 404);
@@ -66,7 +66,7 @@ TEST_F(S3PeerTest, WrongSecretIsRefusedAndChangesNothing) {
 
 TEST_F(S3PeerTest, BodyNotMatchingItsSignedHashIsRefused) {
   const S3Client s3 = client();
-  const HttpResponse tampered =
+  const base::HttpResponse tampered =
       s3.send("PUT", "tampered/object", "", "other body", sha256Hex("body"));
   EXPECT_EQ(tampered.status, 400);
   EXPECT_NE(tampered.body.find("XAmzContentSHA256Mismatch"), std::string::npos);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/percent_encoding.h"
 #include "rill/s3_client.h"
 
 namespace quill::rill {
@@ -71,10 +72,10 @@ TEST(S3Signing, EmptyRegionSignsAsAuto) {
 }
 
 TEST(S3Signing, UriEncoding) {
-  EXPECT_EQ(uriEncode("AZaz09-._~", false), "AZaz09-._~");
-  EXPECT_EQ(uriEncode("a b/c+d=e&f%", true), "a%20b/c%2Bd%3De%26f%25");
-  EXPECT_EQ(uriEncode("a/b", false), "a%2Fb");
-  EXPECT_EQ(uriEncode("\xC3\xA9\x01\xFF", true), "%C3%A9%01%FF");
+  EXPECT_EQ(base::percentEncode("AZaz09-._~", false), "AZaz09-._~");
+  EXPECT_EQ(base::percentEncode("a b/c+d=e&f%", true), "a%20b/c%2Bd%3De%26f%25");
+  EXPECT_EQ(base::percentEncode("a/b", false), "a%2Fb");
+  EXPECT_EQ(base::percentEncode("\xC3\xA9\x01\xFF", true), "%C3%A9%01%FF");
 }
 
 TEST(S3Request, PathStyleUrisAndListingQueries) {

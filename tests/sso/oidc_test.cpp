@@ -5,8 +5,9 @@
 
 #include <ctime>
 
+#include "base/base64url.h"
+#include "base/percent_encoding.h"
 #include "http/json.h"
-#include "sso/base64url.h"
 #include "sso/id_token.h"
 #include "sso/oidc_client.h"
 #include "sso/provider_cache.h"
@@ -22,16 +23,17 @@ using test::JwtSigner;
 
 TEST(SsoEncoding, Base64urlPercentAndHtmlEscapingAndPkceSecrets) {
   for (std::string bytes : {"", "f", "fo", "foo", "foob", "\xff\xfe\x00\x3e"}) {
-    const std::string encoded = base64urlEncode(bytes);
+    const std::string encoded = base::base64urlEncode(bytes);
     EXPECT_EQ(encoded.find('='), std::string::npos);
-    EXPECT_EQ(base64urlDecode(encoded), bytes);
+    EXPECT_EQ(base::base64urlDecode(encoded), bytes);
   }
-  EXPECT_EQ(base64urlEncode("\xfb\xff"), "-_8");
-  EXPECT_EQ(base64urlDecode("Zm9vYg=="), "foob");  // padding tolerated
+  EXPECT_EQ(base::base64urlEncode("\xfb\xff"), "-_8");
+  EXPECT_EQ(base::base64urlDecode("Zm9vYg=="), "foob");  // padding tolerated
   for (const char* bad : {"Zm9v+", "Zm9v/", "Z", "Zm9v!"})
-    EXPECT_FALSE(base64urlDecode(bad)) << bad;
+    EXPECT_FALSE(base::base64urlDecode(bad)) << bad;
 
-  EXPECT_EQ(percentEncode("aZ09-._~ /:?&=+%\xc3\xa9"), "aZ09-._~%20%2F%3A%3F%26%3D%2B%25%C3%A9");
+  EXPECT_EQ(base::percentEncode("aZ09-._~ /:?&=+%\xc3\xa9"),
+            "aZ09-._~%20%2F%3A%3F%26%3D%2B%25%C3%A9");
   EXPECT_EQ(htmlEscape("<b a=\"x\">'&'</b>"), "&lt;b a=&quot;x&quot;&gt;&#39;&amp;&#39;&lt;/b&gt;");
 
   // RFC 7636 appendix B.
@@ -118,8 +120,8 @@ TEST(SsoKeySet, KeysOfAbsurdSizeOrShapeAreNotUsed) {
     Json::Value key(Json::objectValue);
     key["kty"] = "RSA";
     key["kid"] = kid;
-    key["n"] = base64urlEncode(n);
-    key["e"] = base64urlEncode(e);
+    key["n"] = base::base64urlEncode(n);
+    key["e"] = base::base64urlEncode(e);
     return key;
   };
   const std::string f4("\x01\x00\x01", 3);
@@ -141,9 +143,9 @@ TEST(SsoKeySet, KeysOfAbsurdSizeOrShapeAreNotUsed) {
     EXPECT_EQ(bool(parseKeySet(200, http::toCompactJson(set))), usable) << key;
   }
   Json::Value evenModulus = rsaKey(2048, f4);
-  std::string n = *base64urlDecode(evenModulus["n"].asString());
+  std::string n = *base::base64urlDecode(evenModulus["n"].asString());
   n.back() = '\xfe';
-  evenModulus["n"] = base64urlEncode(n);
+  evenModulus["n"] = base::base64urlEncode(n);
   Json::Value set(Json::objectValue);
   set["keys"].append(evenModulus);
   EXPECT_FALSE(parseKeySet(200, http::toCompactJson(set)));
@@ -215,7 +217,7 @@ TEST_F(SsoSignature, MalformedTokensAreRefusedInOrder) {
   const std::string good = withKid_.sign(payload());
   const std::string head = good.substr(0, good.find('.'));
   const std::string rest = good.substr(good.find('.'));
-  auto headerWith = [](const char* json) { return base64urlEncode(json); };
+  auto headerWith = [](const char* json) { return base::base64urlEncode(json); };
   const std::string signedPart = good.substr(good.rfind('.'));
   const std::pair<std::string, const char*> cases[] = {
       {"a.b", "token is not a JWT"},

@@ -5,9 +5,9 @@
 
 #include <regex>
 
+#include "base/http_client.h"
 #include "rill/bucket_probe.h"
 #include "rill/hostile_bucket.h"
-#include "rill/http_transport.h"
 #include "rill/publish.h"
 #include "rill/rill_trees.h"
 #include "rill/s3_peers.h"
@@ -201,10 +201,10 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
   EXPECT_EQ(d["created"], "2026-03-04T05:06:07Z");
   EXPECT_EQ(d["chunks"].size(), manifest.tree.stats.unique_chunks);
   const std::string id = manifest.tree.files[1].chunks[0].h;
-  const rill::HttpResponse chunk = rill::performHttp({"GET", d["chunks"][id].asString(), {}, {}});
+  const base::HttpResponse chunk = base::performHttp({"GET", d["chunks"][id].asString(), {}, {}});
   EXPECT_EQ(chunk.status, 200);
-  EXPECT_EQ(rill::performHttp({"GET", d["manifest_url"].asString(), {}, {}}).status, 200);
-  EXPECT_EQ(rill::performHttp({"GET", d["manifest_sig_url"].asString(), {}, {}}).status, 404);
+  EXPECT_EQ(base::performHttp({"GET", d["manifest_url"].asString(), {}, {}}).status, 200);
+  EXPECT_EQ(base::performHttp({"GET", d["manifest_sig_url"].asString(), {}, {}}).status, 404);
 
   const std::regex expires("X-Amz-Expires=([0-9]+)");
   for (const auto& [ttl, seconds] : {std::pair<std::string, std::string>{"", "300"},

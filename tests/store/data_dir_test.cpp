@@ -37,22 +37,23 @@ class DataDirTest : public test::TempDirTest {};
 
 TEST_F(DataDirTest, PrepareCreatesTheRootAndItsSevenRecordDirectories) {
   const DataDir data(dir() / "missing" / "data");
-  std::string error;
-  ASSERT_TRUE(data.prepare(error)) << error;
+  const auto prepared = data.prepare();
+  ASSERT_TRUE(prepared) << prepared.error();
   for (const char* name :
        {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
     EXPECT_TRUE(fs::is_directory(data.root() / name)) << name;
   }
   EXPECT_EQ(std::distance(fs::directory_iterator(data.root()), fs::directory_iterator()), 7);
-  EXPECT_TRUE(data.prepare(error)) << "preparing again is harmless: " << error;
+  EXPECT_TRUE(data.prepare()) << "preparing again is harmless";
 }
 
 TEST_F(DataDirTest, PrepareNamesTheDirectoryItCannotCreate) {
   const DataDir data(dir());
   std::ofstream(data.tokens()) << "a file where a directory belongs";
-  std::string error;
-  EXPECT_FALSE(data.prepare(error));
-  EXPECT_NE(error.find("tokens"), std::string::npos) << error;
+  const auto prepared = data.prepare();
+  EXPECT_FALSE(prepared);
+  EXPECT_NE(prepared.error().find("tokens"), std::string::npos) << prepared.error();
+  EXPECT_NE(prepared.failure().sysErrno, 0) << "the cause is kept";
 }
 
 TEST(DataDirLayout, WorkInProgressIsStagingAndDocumentTemporariesOutsideBuildFiles) {
@@ -89,8 +90,8 @@ TEST(DataDirLayout, WorkInProgressIsStagingAndDocumentTemporariesOutsideBuildFil
 
 TEST_F(DataDirTest, StartUpRemovesOnlyStaleDocumentTemporaries) {
   const DataDir data(dir());
-  std::string error;
-  ASSERT_TRUE(data.prepare(error)) << error;
+  const auto prepared = data.prepare();
+  ASSERT_TRUE(prepared) << prepared.error();
   const auto write = [](const fs::path& path) { std::ofstream(path) << "{"; };
   const std::vector<fs::path> stale = {data.users() / "a.json.AbCdEfGh1234.tmp",
                                        data.root() / "sso.json.AbCdEfGh1234.tmp",

@@ -24,8 +24,8 @@ namespace {
 class IdentityTest : public test::TempDirTest {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_TRUE(data.prepare(error)) << error;
+    const auto prepared = data.prepare();
+    ASSERT_TRUE(prepared) << prepared.error();
   }
 
   Json::Value user(const std::string& name, const std::string& role,

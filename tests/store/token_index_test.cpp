@@ -26,8 +26,8 @@ namespace {
 class TokenIndexTest : public test::TempDirTest {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_TRUE(data.prepare(error)) << error;
+    const auto prepared = data.prepare();
+    ASSERT_TRUE(prepared) << prepared.error();
     for (const char* name : {"alice", "bob"}) {
       NewUser u;
       u.name = name;

@@ -163,8 +163,8 @@ void ApiTest::start(bool rateLimit, bool rillOnly) {
   settings.rateLimit = rateLimit;
   settings.rillOnly = rillOnly;
   ctx_ = std::make_unique<Context>(settings);
-  std::string error;
-  ASSERT_TRUE(ctx_->data.prepare(error)) << error;
+  const auto prepared = ctx_->data.prepare();
+  ASSERT_TRUE(prepared) << prepared.error();
   router_ = std::make_unique<http::Router>(makeRouter(*ctx_));
 }
 

@@ -7,8 +7,8 @@
 #include <map>
 #include <mutex>
 
+#include "base/base64url.h"
 #include "http/json.h"
-#include "sso/base64url.h"
 
 namespace quill::test {
 
@@ -50,8 +50,8 @@ Json::Value JwtSigner::publicJwk() const {
   jwk["kty"] = "RSA";
   jwk["use"] = "sig";
   if (!kid_.empty()) jwk["kid"] = kid_;
-  jwk["n"] = sso::base64urlEncode(bignumBytes(key_->pkey, OSSL_PKEY_PARAM_RSA_N));
-  jwk["e"] = sso::base64urlEncode(bignumBytes(key_->pkey, OSSL_PKEY_PARAM_RSA_E));
+  jwk["n"] = base::base64urlEncode(bignumBytes(key_->pkey, OSSL_PKEY_PARAM_RSA_N));
+  jwk["e"] = base::base64urlEncode(bignumBytes(key_->pkey, OSSL_PKEY_PARAM_RSA_E));
   return jwk;
 }
 
@@ -63,8 +63,8 @@ std::string JwtSigner::sign(const Json::Value& payload) const {
 }
 
 std::string JwtSigner::signWithHeader(const Json::Value& header, const Json::Value& payload) const {
-  const std::string input = sso::base64urlEncode(http::toCompactJson(header)) + "." +
-                            sso::base64urlEncode(http::toCompactJson(payload));
+  const std::string input = base::base64urlEncode(http::toCompactJson(header)) + "." +
+                            base::base64urlEncode(http::toCompactJson(payload));
   EVP_MD_CTX* md = EVP_MD_CTX_new();
   std::size_t length = 0;
   EVP_DigestSignInit(md, nullptr, EVP_sha256(), nullptr, key_->pkey);
@@ -75,7 +75,7 @@ std::string JwtSigner::signWithHeader(const Json::Value& header, const Json::Val
                  reinterpret_cast<const unsigned char*>(input.data()), input.size());
   EVP_MD_CTX_free(md);
   signature.resize(length);
-  return input + "." + sso::base64urlEncode(signature);
+  return input + "." + base::base64urlEncode(signature);
 }
 
 Json::Value keySet(std::initializer_list<const JwtSigner*> signers) {

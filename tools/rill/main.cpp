@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "rill/process_init.h"
+#include "base/process_init.h"
 #include "tool_commands.h"
 
 int main(int argc, char** argv) {
-  if (!quill::rill::initialize()) return 1;
+  if (!quill::base::initializeLibraries()) return 1;
   return quill::rilltool::runTool(std::vector<std::string>(argv + 1, argv + argc));
 }

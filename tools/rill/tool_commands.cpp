@@ -8,9 +8,9 @@
 #include <fstream>
 #include <memory>
 
+#include "base/http_client.h"
 #include "base/json_reader.h"
 #include "app/version.h"
-#include "rill/http_transport.h"
 #include "rill/human_size.h"
 #include "rill/manifest_signature.h"
 #include "rill/prefixed_provider.h"
@@ -24,8 +24,8 @@ namespace quill::rilltool {
 
 namespace {
 
-using rill::Failure;
-using rill::Result;
+using base::Failure;
+using base::Result;
 
 int failed(const std::string& message) {
   std::fprintf(stderr, "%s\n", message.c_str());
@@ -62,10 +62,10 @@ std::string signingKeyText(const std::string& argument) {
 Result<rill::PresignedLinks> askServer(const ToolOptions& o) {
   std::string base = o.server;
   while (base.ends_with('/')) base.pop_back();
-  rill::HttpRequest request{"GET", base + "/api/rill/sync/" + o.channel, {}, {}};
+  base::HttpRequest request{"GET", base + "/api/rill/sync/" + o.channel, {}, {}};
   request.maxBody = rill::kMaxSyncDescriptorBytes;
   if (!o.token.empty()) request.headers.push_back("Authorization: Bearer " + o.token);
-  const rill::HttpResponse response = rill::performHttp(request);
+  const base::HttpResponse response = base::performHttp(request);
   if (!response.error.empty()) return Failure{"cannot reach server: " + response.error};
   if (response.status != 200) {
     std::string reason = response.body.substr(0, 300);

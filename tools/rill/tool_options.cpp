@@ -1,15 +1,16 @@
 #include "tool_options.h"
 
-#include <json/reader.h>
-
 #include <fstream>
+#include <iterator>
 #include <sstream>
+
+#include "base/json_reader.h"
 
 namespace quill::rilltool {
 
 namespace {
 
-using rill::Failure;
+using base::Failure;
 
 const char* const kEnvNames[] = {"AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY", "QUILLMOOR_TOKEN"};
 
@@ -24,15 +25,13 @@ bool isChannelName(const std::string& name) {
 }
 
 // Fills the members of `out` that rill.json at `path` carries (the server's own settings file).
-rill::Result<bool> readRillJson(const std::string& path, StorageOptions& out) {
+base::Result<bool> readRillJson(const std::string& path, StorageOptions& out) {
   std::ifstream in(path);
   if (!in) return Failure{"cannot read " + path};
-  Json::Value doc;
-  Json::CharReaderBuilder builder;
-  std::string errors;
-  if (!Json::parseFromStream(builder, in, &doc, &errors) || !doc.isObject()) {
-    return Failure{path + " is not a JSON object"};
-  }
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const auto parsed = base::parseJsonObject(text);
+  if (!parsed) return Failure{path + " is not a JSON object"};
+  const Json::Value& doc = *parsed;
   const auto take = [&doc](const char* name, std::string& into) {
     if (doc[name].isString()) into = doc[name].asString();
   };
@@ -51,7 +50,7 @@ struct Parser {
   std::vector<std::string> positional;
 
   // The value after option `name`, or a failure.
-  rill::Result<std::string> value(const std::string& name) {
+  base::Result<std::string> value(const std::string& name) {
     if (at + 1 >= args.size()) return Failure{name + " needs a value"};
     at += 2;
     return args[at - 1];
@@ -68,7 +67,7 @@ Environment processEnvironment() {
   return env;
 }
 
-rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
+base::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
                                            const Environment& env) {
   ToolOptions o;
   if (args.empty()) return Failure{"a command is required: publish, pull or keygen"};

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "rill/result.h"
+#include "base/result.h"
 #include "rill/s3_client.h"
 
 namespace quill::rilltool {
@@ -46,7 +46,7 @@ Environment processEnvironment();
 // Parses `args` (without the program name). Fails with a one-line reason: an unknown command or
 // option, a missing value or argument, an invalid channel name, an endpoint that is not http(s),
 // a --from file that cannot be read, storage settings that are incomplete.
-rill::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
+base::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
                                            const Environment& env);
 
 // The usage text of `command` (of the program for kNone), ending with a newline.

@@ -1,9 +1,9 @@
-#include "sso/base64url.h"
+#include "base/base64url.h"
 
 #include <array>
 #include <cstdint>
 
-namespace quill::sso {
+namespace quill::base {
 
 namespace {
 
@@ -67,4 +67,4 @@ std::optional<std::string> base64urlDecode(std::string_view text) {
   return out;
 }
 
-}  // namespace quill::sso
+}  // namespace quill::base

@@ -1,4 +1,4 @@
-#include "rill/http_transport.h"
+#include "base/http_client.h"
 
 #include <curl/curl.h>
 
@@ -7,9 +7,9 @@
 #include <cstring>
 #include <memory>
 
-#include "rill/process_init.h"
+#include "base/process_init.h"
 
-namespace quill::rill {
+namespace quill::base {
 
 namespace {
 
@@ -27,7 +27,7 @@ struct Download {
   CURL* handle;
   std::string& body;
   std::uint64_t maxBody;
-  bool tooLarge = false;       // a success answer ran past maxBody
+  bool tooLarge = false;      // a success answer ran past maxBody
   bool errorTrimmed = false;  // an error answer was cut at kErrorBodyMax
 };
 
@@ -105,6 +105,13 @@ std::string timedOut(CURL* h, const HttpRequest& request) {
   if (sent == 0) {
     return "curl: could not connect within " + std::to_string(request.connectSeconds) + " s";
   }
+  if (request.totalSeconds > 0) {
+    double seconds = 0;
+    curl_easy_getinfo(h, CURLINFO_TOTAL_TIME, &seconds);
+    if (seconds >= static_cast<double>(request.totalSeconds)) {
+      return "curl: no complete answer within " + std::to_string(request.totalSeconds) + " s";
+    }
+  }
   return "curl: transfer stalled (less than " + std::to_string(request.stallBytesPerSecond) +
          " bytes/s for " + std::to_string(request.stallSeconds) + " s)";
 }
@@ -117,7 +124,7 @@ std::string tooLarge(std::uint64_t maxBytes) {
 
 HttpResponse performHttp(const HttpRequest& request) {
   HttpResponse response;
-  initialize();
+  initializeLibraries();
   CURL* h = threadHandle();
   if (!h) {
     response.error = "curl init failed";
@@ -149,6 +156,7 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, request.connectSeconds);
   curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, request.stallSeconds);
   curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, request.stallBytesPerSecond);
+  if (request.totalSeconds > 0) curl_easy_setopt(h, CURLOPT_TIMEOUT, request.totalSeconds);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &download);
   if (request.method == "PUT") {
@@ -158,6 +166,11 @@ HttpResponse performHttp(const HttpRequest& request) {
     curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, rewind);
     curl_easy_setopt(h, CURLOPT_SEEKDATA, &upload);
     curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  } else if (request.method == "POST") {
+    curl_easy_setopt(h, CURLOPT_POST, 1L);
+    // An empty body still needs a buffer: without one libcurl would read the body from stdin.
+    curl_easy_setopt(h, CURLOPT_POSTFIELDS, request.body.empty() ? "" : request.body.data());
+    curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
   } else if (request.method == "HEAD") {
     curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
   } else if (request.method != "GET") {
@@ -186,4 +199,4 @@ HttpResponse performHttp(const HttpRequest& request) {
   return response;
 }
 
-}  // namespace quill::rill
+}  // namespace quill::base

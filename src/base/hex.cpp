@@ -1,19 +1,19 @@
-#include "rill/hex.h"
+#include "base/hex.h"
 
-namespace quill::rill {
+namespace quill::base {
 
 namespace {
 
 constexpr char kDigits[] = "0123456789abcdef";
 
-int digitValue(char c) {
+}  // namespace
+
+int hexDigitValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   return -1;
 }
-
-}  // namespace
 
 std::string toHex(std::span<const std::uint8_t> bytes) {
   std::string out;
@@ -33,12 +33,12 @@ std::optional<std::vector<std::uint8_t>> fromHex(std::string_view text) {
   if (text.size() % 2 != 0) return std::nullopt;
   std::vector<std::uint8_t> out(text.size() / 2);
   for (std::size_t i = 0; i < out.size(); ++i) {
-    const int hi = digitValue(text[2 * i]);
-    const int lo = digitValue(text[2 * i + 1]);
+    const int hi = hexDigitValue(text[2 * i]);
+    const int lo = hexDigitValue(text[2 * i + 1]);
     if (hi < 0 || lo < 0) return std::nullopt;
     out[i] = static_cast<std::uint8_t>(hi << 4 | lo);
   }
   return out;
 }
 
-}  // namespace quill::rill
+}  // namespace quill::base

@@ -1,18 +1,18 @@
 // The transport against a bucket that misbehaves: every failure ends, and leaves the thread's
 // cached handle fit for the next request.
 
-#include "rill/http_transport.h"
+#include "base/http_client.h"
 
 #include <gtest/gtest.h>
 
-#include "hostile_bucket.h"
+#include "rill/hostile_bucket.h"
 #include "support/http_client.h"
 
-namespace quill::rill {
+namespace quill::base {
 namespace {
 
 TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
-  test::HostileBucket bucket;
+  rill::test::HostileBucket bucket;
   QUILL_REQUIRE_HOSTILE_BUCKET(bucket);
   bucket.plant("good", "payload");
   bucket.plantEndless("endless");
@@ -29,6 +29,8 @@ TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
   HttpRequest stalledPut = stalled;
   stalledPut.method = "PUT";
   stalledPut.body = "sent, never answered";
+  HttpRequest capped{"GET", bucket.url("stall"), {}, {}};
+  capped.totalSeconds = 1;  // the identity provider's limit: the whole answer within the time
   HttpRequest refused{"GET", "http://127.0.0.1:" + std::to_string(quill::test::freePort()), {}, {}};
 
   const struct {
@@ -39,6 +41,7 @@ TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
       {&small, "curl: answer larger than 3 bytes"},
       {&stalled, "curl: transfer stalled (less than 1 bytes/s for 1 s)"},
       {&stalledPut, "curl: transfer stalled (less than 1 bytes/s for 1 s)"},
+      {&capped, "curl: no complete answer within 1 s"},
       {&refused, "curl: "},
   };
   // All on one thread: a handle left busy by one failure would fail the request after it.
@@ -54,4 +57,4 @@ TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
 }
 
 }  // namespace
-}  // namespace quill::rill
+}  // namespace quill::base

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace quill::sso {
+namespace quill::base {
 
 // Encodes without "=" padding.
 std::string base64urlEncode(std::string_view bytes);
@@ -14,4 +14,4 @@ std::string base64urlEncode(std::string_view bytes);
 // impossible length.
 std::optional<std::string> base64urlDecode(std::string_view text);
 
-}  // namespace quill::sso
+}  // namespace quill::base
