@@ -14,7 +14,6 @@
 #include "http/json.h"
 #include "sso/config_api.h"
 #include "sso/sign_in_api.h"
-#include "storage/rill_settings.h"
 #include "storage/storage_api.h"
 #include "storage/sync_api.h"
 
@@ -122,11 +121,8 @@ std::vector<http::Route> routeTable(Context& ctx) {
       route("POST", "/api/backup", ctx, backup::startBackup),
       waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus)),
       withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule)),
-      withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
-                                                   [&ctx](const Request& req) {
-                                                     return backup::initBackups(
-                                                         req, ctx, storage::readRillSettings);
-                                                   }))),
+      withJsonBody(
+          waitingOn(kSettingsProbe, route("POST", "/api/backup/init", ctx, backup::initBackups))),
       route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig),
       route("GET", "/api/storage", ctx, storage::readStorage),
       waitingOn(kSettingsProbe,

@@ -8,6 +8,7 @@
 #include "backup/snapshots.h"
 #include "rill/process_init.h"
 #include "rill/progress_line.h"
+#include "rill/s3_client.h"
 #include "store/documents.h"
 
 namespace quill::backup {
@@ -43,9 +44,9 @@ std::string quoted(unsigned long long value) { return std::to_string(value); }
 
 int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const BackupOptions& o = ctx.settings.backup;
-  if (o.endpoint.empty() || o.bucket.empty() || o.accessKey.empty() || o.secretKey.empty()) {
-    return fail(err, text::kInitNeeds);
-  }
+  // A bucket of its own: the command never sets a prefix.
+  const rill::S3Settings s3{o.endpoint, o.region, o.bucket, o.accessKey, o.secretKey, ""};
+  if (!rill::isComplete(s3)) return fail(err, text::kInitNeeds);
   const fs::path root = ctx.data.root();
   const fs::path keyPath = fs::absolute(o.key.empty() ? defaultKeyPath(root) : fs::path(o.key));
   std::error_code ec;
@@ -57,10 +58,7 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string key = generateBackupKey();
   if (!writeKeyFile(keyPath, key)) return fail(err, "cannot write " + keyPath.string());
 
-  BackupConfig config{
-      {o.endpoint, o.region.empty() ? "auto" : o.region, o.bucket, o.accessKey, o.secretKey},
-      keyPath.string(),
-      ""};
+  const BackupConfig config{s3, keyPath.string(), {}};
   rill::initialize();
   // Any answer at all shows that the endpoint is a store; only a transport failure refuses.
   const rill::HttpResponse probe = rill::S3Client(config.s3).head("channels/");
@@ -103,7 +101,7 @@ int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
 int backupListCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   auto config = loadBackupConfig(backupConfigPath(ctx.data.root()));
   if (!config) return fail(err, config.error());
-  auto store = openBackupStore(config.value().s3, config.value().keyFile, config.value().prefix);
+  auto store = openBackupStore(config.value().s3, config.value().keyFile);
   if (!store) return fail(err, store.error());
   auto names = listSnapshots(*store.value());
   if (!names) return fail(err, "list: " + names.error());
@@ -165,21 +163,15 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string& snapshot = s.words.back();
   if (!isSnapshotName(snapshot)) return fail(err, text::kRestoreNeedsName);
   if (o.key.empty()) return fail(err, text::kRestoreNeedsKey);
-  rill::S3Settings s3;
-  std::string prefix;
+  rill::S3Settings s3{o.endpoint, o.region, o.bucket, o.accessKey, o.secretKey, o.prefix};
   if (!o.from.empty()) {
     Json::Value doc;
     if (!store::readJsonFile(o.from, doc)) return fail(err, "cannot read " + o.from);
     auto config = configFromDocument(doc);
     if (!config) return fail(err, config.error());
     s3 = config.value().s3;
-    prefix = config.value().prefix;
-  } else {
-    if (o.endpoint.empty() || o.bucket.empty() || o.accessKey.empty() || o.secretKey.empty()) {
-      return fail(err, text::kRestoreNeedsStore);
-    }
-    s3 = {o.endpoint, o.region.empty() ? "auto" : o.region, o.bucket, o.accessKey, o.secretKey};
-    prefix = o.prefix;
+  } else if (!rill::isComplete(s3)) {
+    return fail(err, text::kRestoreNeedsStore);
   }
   const fs::path target = ctx.data.root();
   if (!isMissingOrEmpty(target)) {
@@ -187,7 +179,7 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
                          " is not empty - refusing to overwrite a data dir");
   }
   rill::initialize();
-  auto store = openBackupStore(s3, o.key, prefix);
+  auto store = openBackupStore(s3, o.key);
   if (!store) return fail(err, store.error());
   rill::ProgressLine progress(stderr);
   auto restored =

@@ -27,7 +27,7 @@ rill::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener
 rill::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
                                                     const StoreOpener& openStore) {
   if (openStore) return openStore(config);
-  return openBackupStore(config.s3, config.keyFile, config.prefix);
+  return openBackupStore(config.s3, config.keyFile);
 }
 
 rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,

@@ -12,12 +12,13 @@
 namespace quill::backup {
 
 rill::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
-                                                       const std::string& keyArgument,
-                                                       const std::string& prefix) {
+                                                       const std::string& keyArgument) {
   auto key = rill::resolveEncryptionKey(keyArgument);
   if (!key) return rill::Failure{key.error()};
   rill::StorageProviderPtr store = std::make_unique<rill::S3Provider>(s3);
-  if (!prefix.empty()) store = std::make_unique<rill::PrefixedProvider>(prefix, std::move(store));
+  if (!s3.prefix.empty()) {
+    store = std::make_unique<rill::PrefixedProvider>(s3.prefix, std::move(store));
+  }
   auto sealed = std::make_unique<rill::EncryptedProvider>(key.value(), std::move(store));
   sodium_memzero(key.value().data(), key.value().size());
   return rill::StorageProviderPtr(std::move(sealed));

@@ -91,7 +91,7 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
   ASSERT_TRUE(config) << config.error();
   EXPECT_EQ(config.value().keyFile, keyPath.string());
   EXPECT_EQ(config.value().s3.region, "auto");
-  EXPECT_EQ(config.value().prefix, "");
+  EXPECT_EQ(config.value().s3.prefix, "");
 
   EXPECT_TRUE(failsWith(run({"backup", "init"}, peerOptions()),
                         "key file " + keyPath.string() +

@@ -50,7 +50,7 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
     writeFile(data() / "tokens/t1.json", R"({"user":"alice"})");
     setBuild(1);
     ASSERT_TRUE(writeBackupConfig(backupConfigPath(data()),
-                                  {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", ""}));
+                                  {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", {}}));
   }
 
   fs::path data() const { return dir() / "data"; }
@@ -361,3 +361,4 @@ TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
 
 }  // namespace
 }  // namespace quill::backup
+
