@@ -137,7 +137,7 @@ Response backupStatus(const Request& req, Context& ctx) {
   answer["endpoint"] = config.value().s3.endpoint;
   answer["prefix"] = config.value().s3.prefix;
   answer["shared"] = !config.value().s3.prefix.empty();
-  const Schedule schedule = readSchedule(backupConfigPath(root)).value_or(Schedule{});
+  const Schedule& schedule = config.value().schedule;
   answer["schedule"]["daily_at"] = schedule.dailyAt;
   answer["schedule"]["keep"] = schedule.keep;
   answer["snapshots"] = Json::Value(Json::arrayValue);

@@ -1,6 +1,7 @@
 #pragma once
 // backup.json: where backups go (the bucket, its credential, an optional prefix), which key file
-// seals them, and the daily schedule. Read afresh by every backup operation; written atomically.
+// seals them, and the daily schedule. Read afresh, once, by every backup operation; written
+// atomically.
 
 #include <json/value.h>
 

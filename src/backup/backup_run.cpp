@@ -54,9 +54,9 @@ rill::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   auto stats = publishSnapshot(store, dataDir, snapshot, hooks.progress);
   if (!stats) return failed(stats.error());
   std::string error;
-  const std::optional<Schedule> schedule = readSchedule(backupConfigPath(dataDir));
-  if (schedule && schedule->keep >= 1) {
-    auto pruned = pruneSnapshots(store, schedule->keep, hooks.onRemoved);
+  const int keep = opened.value().config.schedule.keep;
+  if (keep >= 1) {
+    auto pruned = pruneSnapshots(store, keep, hooks.onRemoved);
     if (!pruned) error = text::kPruneFailedAfterBackup + pruned.error();
   }
   return RunReport{snapshot, stats.value(), record(true, error)};

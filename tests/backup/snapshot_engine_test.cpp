@@ -362,3 +362,19 @@ TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
 }  // namespace
 }  // namespace quill::backup
 
+// backup.json is read once per run: the schedule it held when the run began is the one applied,
+// whatever a concurrent `backup schedule` writes meanwhile.
+namespace quill::backup {
+namespace {
+
+TEST_F(SnapshotEngineTest, ARunPrunesToTheScheduleItLoaded) {
+  ASSERT_TRUE(run(kA));
+  const fs::path configFile = backupConfigPath(data());
+  ASSERT_TRUE(run(kB, hooks([&] { ASSERT_TRUE(writeSchedule(configFile, {"", 1})); })));
+  EXPECT_EQ(listSnapshots(*sealed()).value(), (std::vector<std::string>{kA, kB}));
+  ASSERT_TRUE(run(kC));
+  EXPECT_EQ(listSnapshots(*sealed()).value(), std::vector<std::string>{kC});
+}
+
+}  // namespace
+}  // namespace quill::backup
