@@ -27,7 +27,7 @@ constexpr std::chrono::seconds kScheduleCheckPeriod{60};
 // restart.
 void scheduledBackupCheck(Context& ctx) { backup::checkSchedule(ctx, std::time(nullptr)); }
 
-http::ServerOptions serverOptions(const Settings& settings) {
+http::ServerOptions serverOptions(const ServerSettings& settings) {
   http::ServerOptions options;
   options.address = settings.bind;
   options.port = settings.port;
@@ -49,7 +49,7 @@ void raiseOpenFileLimit() {
 }  // namespace
 
 std::string startupBanner(const Context& ctx, bool anyTokenExists) {
-  const Settings& s = ctx.settings;
+  const ServerSettings& s = ctx.settings;
   const std::string dir = ctx.data.root().string();
   std::string text = std::string(kProgramName) + " " + kVersion + "\n";
   text += "  listening on http://" + s.bind + ":" + std::to_string(s.port) +

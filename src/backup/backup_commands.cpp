@@ -42,10 +42,11 @@ std::string quoted(unsigned long long value) { return std::to_string(value); }
 
 }  // namespace
 
-int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const BackupOptions& o = ctx.settings.backup;
+int backupInitCommand(Context& ctx, const BackupArguments& o, std::ostream& out,
+                      std::ostream& err) {
   // A bucket of its own: the command never sets a prefix.
-  const rill::S3Settings s3{o.endpoint, o.region, o.bucket, o.accessKey, o.secretKey, ""};
+  rill::S3Settings s3 = o.bucket;
+  s3.prefix.clear();
   if (!rill::isComplete(s3)) return fail(err, text::kInitNeeds);
   const fs::path root = ctx.data.root();
   const fs::path keyPath = fs::absolute(o.key.empty() ? defaultKeyPath(root) : fs::path(o.key));
@@ -120,8 +121,9 @@ int backupListCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const int keep = ctx.settings.keep;
+int backupPruneCommand(Context& ctx, const BackupArguments& args, std::ostream& out,
+                       std::ostream& err) {
+  const int keep = args.keep;
   if (keep < 1) return fail(err, text::kPruneNeedsKeep);
   const fs::path root = ctx.data.root();
   RunHooks hooks;
@@ -135,16 +137,16 @@ int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+int backupScheduleCommand(Context& ctx, const std::string& time, const BackupArguments& args,
+                          std::ostream& out, std::ostream& err) {
   const fs::path configFile = backupConfigPath(ctx.data.root());
   auto schedule = readSchedule(configFile);
   if (!schedule || !loadBackupConfig(configFile)) return fail(err, text::kNotConfigured);
-  const std::string& time = ctx.settings.words.back();
   const std::string dailyAt = time == "off" ? "" : time;
   if (time != "off" && (time.empty() || !isValidDailyAt(time))) return fail(err, text::kBadTime);
-  if (ctx.settings.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
+  if (args.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
   schedule->dailyAt = dailyAt;
-  if (ctx.settings.keep >= 0) schedule->keep = ctx.settings.keep;
+  if (args.keep >= 0) schedule->keep = args.keep;
   if (!writeSchedule(configFile, *schedule))
     return fail(err, "cannot write " + configFile.string());
   if (dailyAt.empty()) {
@@ -157,13 +159,11 @@ int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const Settings& s = ctx.settings;
-  const BackupOptions& o = s.backup;
-  const std::string& snapshot = s.words.back();
+int restoreCommand(Context& ctx, const std::string& snapshot, const BackupArguments& o,
+                   std::ostream& out, std::ostream& err) {
   if (!isSnapshotName(snapshot)) return fail(err, text::kRestoreNeedsName);
   if (o.key.empty()) return fail(err, text::kRestoreNeedsKey);
-  rill::S3Settings s3{o.endpoint, o.region, o.bucket, o.accessKey, o.secretKey, o.prefix};
+  rill::S3Settings s3 = o.bucket;
   if (!o.from.empty()) {
     Json::Value doc;
     if (!store::readJsonFile(o.from, doc)) return fail(err, "cannot read " + o.from);

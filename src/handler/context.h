@@ -1,14 +1,14 @@
 #pragma once
-// Everything a handler or a command needs beyond its request: the settings, the data directory
-// and the process-wide caches. Built once in main (or per test case) and passed down.
+// Everything a handler or a command needs beyond its request: the server settings, the data
+// directory and the process-wide caches. Built once in main (or per test case) and passed down.
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
 
-#include "handler/settings.h"
 #include "base/byte_budget.h"
+#include "handler/server_settings.h"
 #include "store/data_dir.h"
 #include "store/keyed_mutex.h"
 #include "store/token_index.h"
@@ -27,9 +27,9 @@ class SsoState;
 }
 
 struct Context {
-  explicit Context(Settings s) : settings(std::move(s)), data(settings.dataDir) {}
+  explicit Context(ServerSettings s) : settings(std::move(s)), data(settings.dataDir) {}
 
-  Settings settings;
+  ServerSettings settings;
   store::DataDir data;
   store::TokenIndex tokens;
   // Per build id: an upload's last check and rename, and a finalize's check, walk and manifest
