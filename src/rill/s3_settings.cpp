@@ -51,13 +51,14 @@ Result<S3Settings> parseS3Credentials(const Json::Value& body) {
 
 S3Settings s3SettingsFromJson(const Json::Value& doc) {
   S3Settings settings;
-  if (!doc.isObject()) return settings;
   const auto read = [&doc, &settings](const Member& member) {
     const Json::Value& value = doc[member.name];
     if (value.isString()) settings.*member.field = value.asString();
   };
-  for (const Member& member : kCredentialMembers) read(member);
-  read(kPrefixMember);
+  if (doc.isObject()) {
+    for (const Member& member : kCredentialMembers) read(member);
+    read(kPrefixMember);
+  }
   defaultRegion(settings);
   return settings;
 }
