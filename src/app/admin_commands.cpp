@@ -22,7 +22,7 @@ int fail(std::ostream& err, const std::string& message) {
 }
 
 // The word after the command words: `user create <name>` and the like.
-const std::string& argument(const Context& ctx) { return ctx.settings.words.back(); }
+const std::string& argument(const CommandArguments& args) { return args.words.back(); }
 
 std::string joined(const std::vector<std::string>& items) {
   std::string text;
@@ -59,21 +59,21 @@ void replaceInvitesOf(const Context& ctx, const std::string& user) {
 
 }  // namespace
 
-int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const Settings& s = ctx.settings;
-  const std::string& name = argument(ctx);
+int userCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                      std::ostream& err) {
+  const std::string& name = argument(args);
   if (!store::isValidName(name)) return fail(err, "invalid user name");
-  std::string role = s.role;
+  std::string role = args.role;
   if (!store::isRole(role)) {
     return fail(err, "--role must be admin, member or publisher");
   }
   std::vector<std::string> channels;
-  if (!s.channels.empty()) {
+  if (!args.channels.empty()) {
     if (role != "publisher") return fail(err, "--channels only applies to --role publisher");
-    if (auto problem = channelListProblem(ctx, s.channels, channels)) return fail(err, *problem);
+    if (auto problem = channelListProblem(ctx, args.channels, channels)) return fail(err, *problem);
   }
   if (store::findUser(ctx.data, name)) return fail(err, "user '" + name + "' already exists");
-  if (s.service) {
+  if (args.service) {
     if (role == "member") role = "publisher";
     if (role != "publisher") return fail(err, "--service accounts always have role publisher");
   }
@@ -82,18 +82,19 @@ int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   user.name = name;
   user.role = role;
   user.channels = channels;
-  user.service = s.service;
+  user.service = args.service;
   store::createUser(ctx.data, user);
 
   const std::string access = "  quillmoord token create <token-name> --user " + name + "\n";
-  if (s.service) {
+  if (args.service) {
     out << "Service account '" << name
         << "' created (role: publisher; tokens only, cannot be invited or promoted).\n"
            "Give your CI access with:\n"
         << access;
   } else if (role == "publisher") {
     out << "User '" << name << "' created (role: publisher; may promote to: "
-        << (s.channels.empty() ? "(no channels)" : s.channels) << ").\nGive them access with:\n"
+        << (args.channels.empty() ? "(no channels)" : args.channels)
+        << ").\nGive them access with:\n"
         << access;
   } else {
     out << "User '" << name << "' created (role: " << role << "). Give them access with:\n"
@@ -117,14 +118,15 @@ int userListCommand(Context& ctx, std::ostream& out, std::ostream&) {
   return kOk;
 }
 
-int tokenCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const std::string& name = argument(ctx);
+int tokenCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                       std::ostream& err) {
+  const std::string& name = argument(args);
   if (!store::isValidName(name)) return fail(err, "invalid token name");
   if (store::tokenNameTaken(ctx.data, name)) {
     return fail(err, "token '" + name + "' already exists");
   }
   // Without --user the token belongs to a user named like the token.
-  const std::string owner = ctx.settings.user.empty() ? name : ctx.settings.user;
+  const std::string owner = args.user.empty() ? name : args.user;
   if (!store::isValidName(owner)) return fail(err, "invalid user name");
   store::NewUser user;
   user.name = owner;
@@ -136,8 +138,9 @@ int tokenCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int tokenDeleteCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const std::string& name = argument(ctx);
+int tokenDeleteCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                       std::ostream& err) {
+  const std::string& name = argument(args);
   if (!store::isValidName(name)) return fail(err, "invalid token name");
   if (!store::removeFile(store::DataDir::recordPath(ctx.data.tokens(), name))) {
     return fail(err, "no token named '" + name + "'");
@@ -155,25 +158,25 @@ int tokenListCommand(Context& ctx, std::ostream& out, std::ostream&) {
   return kOk;
 }
 
-int inviteCreateCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const Settings& s = ctx.settings;
-  const std::string& user = argument(ctx);
+int inviteCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                        std::ostream& err) {
+  const std::string& user = argument(args);
   if (!store::isValidName(user)) return fail(err, "invalid user name");
   if (!store::findUser(ctx.data, user)) return fail(err, "user '" + user + "' does not exist");
   // A negative value counts as not given.
-  const bool days = s.days >= 0;
-  const bool hours = s.hours >= 0;
+  const bool days = args.days >= 0;
+  const bool hours = args.hours >= 0;
   if (days && hours) return fail(err, "use --days or --hours, not both");
   store::InviteRequest invite;
   invite.user = user;
   if (hours) {
-    if (s.hours < 1 || s.hours > 87600) return fail(err, "--hours must be 1..87600");
-    invite.lifetimeSeconds = std::int64_t{s.hours} * 3600;
+    if (args.hours < 1 || args.hours > 87600) return fail(err, "--hours must be 1..87600");
+    invite.lifetimeSeconds = std::int64_t{args.hours} * 3600;
   } else if (days) {
-    if (s.days < 1 || s.days > 3650) return fail(err, "--days must be 1..3650");
-    invite.lifetimeSeconds = std::int64_t{s.days} * 86400;
+    if (args.days < 1 || args.days > 3650) return fail(err, "--days must be 1..3650");
+    invite.lifetimeSeconds = std::int64_t{args.days} * 86400;
   }
-  if (s.replace) replaceInvitesOf(ctx, user);
+  if (args.replace) replaceInvitesOf(ctx, user);
   auto created = store::createInvite(ctx.data, invite);
   if (!created) return fail(err, "could not store invite");
   out << "Invite for user '" << user << "' created, valid until "

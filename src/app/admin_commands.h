@@ -5,15 +5,20 @@
 
 #include <ostream>
 
+#include "app/command_arguments.h"
 #include "handler/context.h"
 
 namespace quill {
 
-int userCreateCommand(Context& ctx, std::ostream& out, std::ostream& err);
+int userCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                      std::ostream& err);
 int userListCommand(Context& ctx, std::ostream& out, std::ostream& err);
-int tokenCreateCommand(Context& ctx, std::ostream& out, std::ostream& err);
-int tokenDeleteCommand(Context& ctx, std::ostream& out, std::ostream& err);
+int tokenCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                       std::ostream& err);
+int tokenDeleteCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                       std::ostream& err);
 int tokenListCommand(Context& ctx, std::ostream& out, std::ostream& err);
-int inviteCreateCommand(Context& ctx, std::ostream& out, std::ostream& err);
+int inviteCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
+                        std::ostream& err);
 
 }  // namespace quill

@@ -24,91 +24,96 @@ bool parseDecimal(const std::string& text, Int& out) {
 }
 
 // An option that takes a value stores it; false means the value is unacceptable.
-using ValueSetter = std::function<bool(Settings&, const std::string&)>;
+using ValueSetter = std::function<bool(CommandLine&, const std::string&)>;
 
-ValueSetter text(std::string Settings::*member) {
-  return [member](Settings& s, const std::string& v) {
-    s.*member = v;
+// The part of the line an option belongs to.
+ServerSettings& server(CommandLine& line) { return line.server; }
+CommandArguments& command(CommandLine& line) { return line.command; }
+backup::BackupArguments& backupPart(CommandLine& line) { return line.command.backup; }
+rill::S3Settings& bucket(CommandLine& line) { return line.command.backup.bucket; }
+
+template <class Part>
+ValueSetter text(Part& (*part)(CommandLine&), std::string Part::*member) {
+  return [part, member](CommandLine& line, const std::string& v) {
+    part(line).*member = v;
     return true;
   };
 }
 
-ValueSetter backupText(std::string BackupOptions::*member) {
-  return [member](Settings& s, const std::string& v) {
-    s.backup.*member = v;
-    return true;
+template <class Part>
+ValueSetter number(Part& (*part)(CommandLine&), std::int32_t Part::*member) {
+  return [part, member](CommandLine& line, const std::string& v) {
+    return parseDecimal(v, part(line).*member);
   };
-}
-
-ValueSetter number(std::int32_t Settings::*member) {
-  return [member](Settings& s, const std::string& v) { return parseDecimal(v, s.*member); };
 }
 
 const std::map<std::string, ValueSetter, std::less<>>& valueOptions() {
   static const std::map<std::string, ValueSetter, std::less<>> options = {
       {"--port",
-       [](Settings& s, const std::string& v) { return parseDecimal(v, s.port) && s.port != 0; }},
-      {"--bind", text(&Settings::bind)},
+       [](CommandLine& line, const std::string& v) {
+         return parseDecimal(v, line.server.port) && line.server.port != 0;
+       }},
+      {"--bind", text(server, &ServerSettings::bind)},
       {"--data-dir",
-       [](Settings& s, const std::string& v) {
-         s.dataDir = v;
+       [](CommandLine& line, const std::string& v) {
+         line.server.dataDir = v;
          return true;
        }},
       {"--rate-limit",
-       [](Settings& s, const std::string& v) {
-         s.rateLimit = v != "off";
+       [](CommandLine& line, const std::string& v) {
+         line.server.rateLimit = v != "off";
          return true;
        }},
-      {"--claimpin", text(&Settings::claimPin)},
-      {"--access-log", text(&Settings::accessLog)},
-      {"--user", text(&Settings::user)},
-      {"--role", text(&Settings::role)},
-      {"--channels", text(&Settings::channels)},
-      {"--days", number(&Settings::days)},
-      {"--hours", number(&Settings::hours)},
-      {"--keep", number(&Settings::keep)},
-      {"--endpoint", backupText(&BackupOptions::endpoint)},
-      {"--region", backupText(&BackupOptions::region)},
-      {"--bucket", backupText(&BackupOptions::bucket)},
-      {"--access-key", backupText(&BackupOptions::accessKey)},
-      {"--secret-key", backupText(&BackupOptions::secretKey)},
-      {"--prefix", backupText(&BackupOptions::prefix)},
-      {"--key", backupText(&BackupOptions::key)},
-      {"--from", backupText(&BackupOptions::from)},
+      {"--claimpin", text(server, &ServerSettings::claimPin)},
+      {"--access-log", text(server, &ServerSettings::accessLog)},
+      {"--user", text(command, &CommandArguments::user)},
+      {"--role", text(command, &CommandArguments::role)},
+      {"--channels", text(command, &CommandArguments::channels)},
+      {"--days", number(command, &CommandArguments::days)},
+      {"--hours", number(command, &CommandArguments::hours)},
+      {"--keep", number(backupPart, &backup::BackupArguments::keep)},
+      {"--endpoint", text(bucket, &rill::S3Settings::endpoint)},
+      {"--region", text(bucket, &rill::S3Settings::region)},
+      {"--bucket", text(bucket, &rill::S3Settings::bucket)},
+      {"--access-key", text(bucket, &rill::S3Settings::accessKey)},
+      {"--secret-key", text(bucket, &rill::S3Settings::secretKey)},
+      {"--prefix", text(bucket, &rill::S3Settings::prefix)},
+      {"--key", text(backupPart, &backup::BackupArguments::key)},
+      {"--from", text(backupPart, &backup::BackupArguments::from)},
   };
   return options;
 }
 
-const std::map<std::string, bool Settings::*, std::less<>>& flagOptions() {
-  static const std::map<std::string, bool Settings::*, std::less<>> flags = {
-      {"--rill-only", &Settings::rillOnly},
-      {"--claimable", &Settings::claimable},
-      {"--service", &Settings::service},
-      {"--replace", &Settings::replace},
-      {"--dry-run", &Settings::dryRun},
-      {"--read-data", &Settings::readData},
+const std::map<std::string, std::function<void(CommandLine&)>, std::less<>>& flagOptions() {
+  static const std::map<std::string, std::function<void(CommandLine&)>, std::less<>> flags = {
+      {"--rill-only", [](CommandLine& line) { line.server.rillOnly = true; }},
+      {"--claimable", [](CommandLine& line) { line.server.claimable = true; }},
+      {"--service", [](CommandLine& line) { line.command.service = true; }},
+      {"--replace", [](CommandLine& line) { line.command.replace = true; }},
+      {"--dry-run", [](CommandLine& line) { line.command.backup.dryRun = true; }},
+      {"--read-data", [](CommandLine& line) { line.command.backup.readData = true; }},
   };
   return flags;
 }
 
 }  // namespace
 
-ParseOutcome parseCommandLine(const std::vector<std::string>& args, Settings& settings) {
+ParseOutcome parseCommandLine(const std::vector<std::string>& args, CommandLine& line) {
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     if (auto value = valueOptions().find(arg);
         value != valueOptions().end() && i + 1 < args.size()) {
-      if (!value->second(settings, args[++i])) return ParseOutcome::Usage;
+      if (!value->second(line, args[++i])) return ParseOutcome::Usage;
       continue;
     }
     if (auto flag = flagOptions().find(arg); flag != flagOptions().end()) {
-      settings.*(flag->second) = true;
+      flag->second(line);
       continue;
     }
     if (arg == "--version" || arg == "version") return ParseOutcome::ShowVersion;
     if (arg == "--dump-routes") return ParseOutcome::DumpRoutes;
     if (arg.empty() || arg.front() == '-') return ParseOutcome::Usage;
-    settings.words.push_back(arg);
+    line.command.words.push_back(arg);
   }
   return ParseOutcome::Proceed;
 }

@@ -20,16 +20,16 @@ int main(int argc, char** argv) {
     std::fputs("libsodium init failed\n", stderr);
     return 1;
   }
-  Settings settings;
+  CommandLine line;
   std::vector<std::string> args(argv + 1, argv + argc);
-  ParseOutcome outcome = parseCommandLine(args, settings);
-  if (settings.dataDir.empty()) settings.dataDir = store::defaultDataDir();
+  ParseOutcome outcome = parseCommandLine(args, line);
+  if (line.server.dataDir.empty()) line.server.dataDir = store::defaultDataDir();
   switch (outcome) {
     case ParseOutcome::ShowVersion:
       std::printf("%s\n", kVersion);
       return 0;
     case ParseOutcome::DumpRoutes: {
-      Context ctx(settings);
+      Context ctx(line.server);
       for (const auto& [access, route] : routeTable(ctx)) {
         std::printf("%s %s %s\n", route.method.c_str(), route.pattern.c_str(),
                     accessName(access).c_str());
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     case ParseOutcome::Proceed:
       break;
   }
-  Context ctx(std::move(settings));
-  if (!ctx.settings.words.empty()) return runCommand(ctx, std::cout, std::cerr);
+  Context ctx(std::move(line.server));
+  if (!line.command.words.empty()) return runCommand(ctx, line.command, std::cout, std::cerr);
   return runServer(ctx);
 }

@@ -14,7 +14,6 @@
 #include "http/json.h"
 #include "sso/config_api.h"
 #include "sso/sign_in_api.h"
-#include "storage/rill_settings.h"
 #include "storage/storage_api.h"
 #include "storage/sync_api.h"
 
@@ -140,12 +139,8 @@ std::vector<TableRoute> routeTable(Context& ctx) {
       {kAdmin, waitingOn(kBackupBucket, route("GET", "/api/backups", ctx, backup::backupStatus))},
       {kAdmin,
        withJsonBody(route("PUT", "/api/backup/config", ctx, backup::setBackupSchedule))},
-      {kAdmin, withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init",
-                                                            [&ctx](const Request& req) {
-                                                              return backup::initBackups(
-                                                                  req, ctx,
-                                                                  storage::readRillSettings);
-                                                            })))},
+      {kAdmin, withJsonBody(waitingOn(kSettingsProbe, route("POST", "/api/backup/init", ctx,
+                                                            backup::initBackups)))},
       {kAdmin, route("DELETE", "/api/backup/config", ctx, backup::forgetBackupConfig)},
       {kAdmin, route("GET", "/api/storage", ctx, storage::readStorage)},
       {kAdmin, waitingOn(kSettingsProbe,

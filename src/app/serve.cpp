@@ -52,7 +52,7 @@ AccessEntry accessEntry(const http::Exchange& exchange) {
   return entry;
 }
 
-http::ServerOptions serverOptions(const Settings& settings, AccessLog& log) {
+http::ServerOptions serverOptions(const ServerSettings& settings, AccessLog& log) {
   http::ServerOptions options;
   if (log.enabled()) {
     options.answered = [&log](const http::Exchange& e) {
@@ -107,7 +107,7 @@ void raiseOpenFileLimit() {
 }  // namespace
 
 std::string startupBanner(const Context& ctx, bool anyTokenExists) {
-  const Settings& s = ctx.settings;
+  const ServerSettings& s = ctx.settings;
   const std::string dir = ctx.data.root().string();
   std::string text = std::string(kProgramName) + " " + kVersion + "\n";
   text += "  listening on http://" + s.bind + ":" + std::to_string(s.port) +

@@ -13,7 +13,7 @@
 #include "handler/common.h"
 #include "http/json.h"
 #include "rill/bucket_probe.h"
-#include "rill/storage_credentials.h"
+#include "rill/s3_settings.h"
 #include "store/documents.h"
 
 namespace quill::backup {
@@ -29,23 +29,18 @@ bool fileExists(const fs::path& path) {
 }
 
 // The bucket and prefix of either mode, or the refusal.
-struct Destination {
-  rill::S3Settings s3;
-  std::string prefix;
-};
-
-handler::OrError<Destination> destinationOf(const Json::Value& body, const std::string& mode,
-                                            Context& ctx, BuildStorageReader readBuildStorage) {
+handler::OrError<rill::S3Settings> destinationOf(const Json::Value& body, const std::string& mode,
+                                                 Context& ctx) {
   if (mode == "shared") {
-    auto settings = readBuildStorage(ctx.data);
+    auto settings = rill::readRillJson(ctx.data.root());
     if (!settings) return http::errorResponse(400, text::kSharedNeedsStorage + settings.error());
-    return Destination{settings.value(), kSharedPrefix};
+    settings.value().prefix = kSharedPrefix;
+    return settings.value();
   }
   if (mode == "separate") {
-    auto settings = rill::parseStorageCredentials(body);
+    auto settings = rill::parseS3Credentials(body);
     if (!settings) return http::errorResponse(400, settings.error());
-    if (settings.value().region.empty()) settings.value().region = "auto";
-    return Destination{settings.value(), ""};
+    return settings.value();
   }
   return http::errorResponse(400, text::kBadMode);
 }
@@ -80,7 +75,7 @@ std::optional<Response> scheduleBodyProblem(const Json::Value& body) {
 
 }  // namespace
 
-Response initBackups(const Request& req, Context& ctx, BuildStorageReader readBuildStorage) {
+Response initBackups(const Request& req, Context& ctx) {
   const auto body = base::parseJsonObject(req.body);
   if (!body) return http::errorResponse(400, text::kJsonBodyRequired);
   const fs::path root = ctx.data.root();
@@ -90,26 +85,26 @@ Response initBackups(const Request& req, Context& ctx, BuildStorageReader readBu
     return http::errorResponse(400, text::kModeNotString);
   }
   const std::string mode = modeValue.isString() ? modeValue.asString() : "";
-  auto destination = destinationOf(*body, mode, ctx, readBuildStorage);
+  auto destination = destinationOf(*body, mode, ctx);
   if (auto* refusal = std::get_if<Response>(&destination)) return std::move(*refusal);
-  const Destination& where = std::get<Destination>(destination);
+  const rill::S3Settings& where = std::get<rill::S3Settings>(destination);
 
-  auto probed = rill::probeBucket(where.s3);
+  auto probed = rill::probeBucket(where);
   if (!probed) return http::errorResponse(400, probed.error());
   // A new key reads nothing already stored there: another server's snapshots must not be
   // counted (and pruned) as ours.
   std::string key = generateBackupKey();
-  if (auto foreign = foreignSnapshots(where.s3, key, where.prefix); !foreign.empty()) {
+  if (auto foreign = foreignSnapshots(where, key); !foreign.empty()) {
     return http::errorResponse(409, foreign);
   }
   const fs::path keyPath = backupKeyPath(root);
   if (fileExists(keyPath)) return http::errorResponse(409, text::kKeyExists);
   if (!writeKeyFile(keyPath, key)) return http::errorResponse(500, text::kCannotWriteKey);
-  if (!writeBackupConfig(backupConfigPath(root), {where.s3, keyPath.string(), where.prefix})) {
+  if (!writeBackupConfig(backupConfigPath(root), {where, keyPath.string(), {}})) {
     return http::errorResponse(500, text::kCannotWriteConfig);
   }
   Json::Value answer(Json::objectValue);
-  answer["bucket"] = where.s3.bucket;
+  answer["bucket"] = where.bucket;
   answer["key"] = key;
   answer["mode"] = mode;
   answer["prefix"] = where.prefix;
@@ -143,13 +138,13 @@ Response backupStatus(const Request&, Context& ctx) {
 
   answer["bucket"] = config.value().s3.bucket;
   answer["endpoint"] = config.value().s3.endpoint;
-  answer["prefix"] = config.value().prefix;
-  answer["shared"] = !config.value().prefix.empty();
-  const Schedule schedule = readSchedule(backupConfigPath(root)).value_or(Schedule{});
+  answer["prefix"] = config.value().s3.prefix;
+  answer["shared"] = !config.value().s3.prefix.empty();
+  const Schedule& schedule = config.value().schedule;
   answer["schedule"]["daily_at"] = schedule.dailyAt;
   answer["schedule"]["keep"] = schedule.keep;
   answer["snapshots"] = Json::Value(Json::arrayValue);
-  auto store = openBackupStore(config.value().s3, config.value().keyFile, config.value().prefix);
+  auto store = openBackupStore(config.value().s3, config.value().keyFile);
   if (!store) {
     answer["snapshots_error"] = store.error();
     return http::jsonResponse(answer);

@@ -6,21 +6,16 @@
 #include "handler/context.h"
 #include "http/request.h"
 #include "http/response.h"
-#include "rill/s3_client.h"
-#include "store/data_dir.h"
 
 namespace quill::backup {
 
 using http::Request;
 using http::Response;
 
-// Reads the build-storage bucket settings (rill.json), for shared mode.
-using BuildStorageReader = base::Result<rill::S3Settings> (*)(const store::DataDir&);
-
 // POST /api/backup/init: checks the body and the mode, probes the bucket, writes backup.key (0600)
-// and backup.json, and answers the key once. Shared mode uses the bucket `readBuildStorage` finds,
+// and backup.json, and answers the key once. Shared mode uses the build-storage bucket (rill.json)
 // under "backups/".
-Response initBackups(const Request& req, Context& ctx, BuildStorageReader readBuildStorage);
+Response initBackups(const Request& req, Context& ctx);
 
 // POST /api/backup: 202 and a run on its own thread; 503 with the loader's text; 409 while a run
 // is active.

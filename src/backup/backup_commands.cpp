@@ -9,6 +9,7 @@
 #include "backup/snapshots.h"
 #include "base/process_init.h"
 #include "rill/progress_line.h"
+#include "rill/s3_client.h"
 #include "store/documents.h"
 
 namespace quill::backup {
@@ -42,11 +43,12 @@ std::string quoted(unsigned long long value) { return std::to_string(value); }
 
 }  // namespace
 
-int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const BackupOptions& o = ctx.settings.backup;
-  if (o.endpoint.empty() || o.bucket.empty() || o.accessKey.empty() || o.secretKey.empty()) {
-    return fail(err, text::kInitNeeds);
-  }
+int backupInitCommand(Context& ctx, const BackupArguments& o, std::ostream& out,
+                      std::ostream& err) {
+  // A bucket of its own: the command never sets a prefix.
+  rill::S3Settings s3 = o.bucket;
+  s3.prefix.clear();
+  if (!rill::isComplete(s3)) return fail(err, text::kInitNeeds);
   const fs::path root = ctx.data.root();
   const fs::path keyPath = fs::absolute(o.key.empty() ? defaultKeyPath(root) : fs::path(o.key));
   std::error_code ec;
@@ -58,17 +60,14 @@ int backupInitCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   const std::string key = generateBackupKey();
   if (!writeKeyFile(keyPath, key)) return fail(err, "cannot write " + keyPath.string());
 
-  BackupConfig config{
-      {o.endpoint, o.region.empty() ? "auto" : o.region, o.bucket, o.accessKey, o.secretKey},
-      keyPath.string(),
-      ""};
+  const BackupConfig config{s3, keyPath.string(), {}};
   base::initializeLibraries();
   // Any answer at all shows that the endpoint is a store; only a transport failure refuses.
   const base::HttpResponse probe = rill::S3Client(config.s3).head("channels/");
   if (probe.status == 0) return fail(err, "cannot reach the backup bucket: " + probe.error);
   // A fresh key reads no snapshot already there; a bucket that cannot be listed is let through,
   // as the probe above lets any answer through.
-  if (auto foreign = foreignSnapshots(config.s3, key, ""); !foreign.empty()) {
+  if (auto foreign = foreignSnapshots(config.s3, key); !foreign.empty()) {
     std::error_code removed;
     fs::remove(keyPath, removed);  // never used: nothing is sealed with it
     return fail(err, foreign);
@@ -111,7 +110,7 @@ int backupRunCommand(Context& ctx, std::ostream& out, std::ostream& err) {
 int backupListCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   auto config = loadBackupConfig(backupConfigPath(ctx.data.root()));
   if (!config) return fail(err, config.error());
-  auto store = openBackupStore(config.value().s3, config.value().keyFile, config.value().prefix);
+  auto store = openBackupStore(config.value().s3, config.value().keyFile);
   if (!store) return fail(err, store.error());
   auto names = listSnapshots(*store.value());
   if (!names) return fail(err, "list: " + names.error());
@@ -130,11 +129,12 @@ int backupListCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const int keep = ctx.settings.keep;
+int backupPruneCommand(Context& ctx, const BackupArguments& args, std::ostream& out,
+                       std::ostream& err) {
+  const int keep = args.keep;
   if (keep < 1) return fail(err, text::kPruneNeedsKeep);
   const fs::path root = ctx.data.root();
-  const bool dryRun = ctx.settings.dryRun;
+  const bool dryRun = args.dryRun;
   RunHooks hooks;
   hooks.onWait = announceWait(err, root);
   hooks.onRemoved = [&out, dryRun](const std::string& name) {
@@ -154,9 +154,10 @@ int backupPruneCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int backupCheckCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+int backupCheckCommand(Context& ctx, const BackupArguments& args, std::ostream& out,
+                       std::ostream& err) {
   const fs::path root = ctx.data.root();
-  const bool readData = ctx.settings.readData;
+  const bool readData = args.readData;
   rill::ProgressLine progress(stderr);
   RunHooks hooks;
   hooks.onWait = announceWait(err, root);
@@ -180,16 +181,16 @@ int backupCheckCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return fail(err, checked + ": " + std::to_string(r.problems.size()) + " problem(s) found");
 }
 
-int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
+int backupScheduleCommand(Context& ctx, const std::string& time, const BackupArguments& args,
+                          std::ostream& out, std::ostream& err) {
   const fs::path configFile = backupConfigPath(ctx.data.root());
   auto schedule = readSchedule(configFile);
   if (!schedule || !loadBackupConfig(configFile)) return fail(err, text::kNotConfigured);
-  const std::string& time = ctx.settings.words.back();
   const std::string dailyAt = time == "off" ? "" : time;
   if (time != "off" && (time.empty() || !isValidDailyAt(time))) return fail(err, text::kBadTime);
-  if (ctx.settings.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
+  if (args.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
   schedule->dailyAt = dailyAt;
-  if (ctx.settings.keep >= 0) schedule->keep = ctx.settings.keep;
+  if (args.keep >= 0) schedule->keep = args.keep;
   if (!writeSchedule(configFile, *schedule))
     return fail(err, "cannot write " + configFile.string());
   if (dailyAt.empty()) {
@@ -202,27 +203,19 @@ int backupScheduleCommand(Context& ctx, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
-int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
-  const Settings& s = ctx.settings;
-  const BackupOptions& o = s.backup;
-  const std::string& snapshot = s.words.back();
+int restoreCommand(Context& ctx, const std::string& snapshot, const BackupArguments& o,
+                   std::ostream& out, std::ostream& err) {
   if (!isSnapshotName(snapshot)) return fail(err, text::kRestoreNeedsName);
   if (o.key.empty()) return fail(err, text::kRestoreNeedsKey);
-  rill::S3Settings s3;
-  std::string prefix;
+  rill::S3Settings s3 = o.bucket;
   if (!o.from.empty()) {
     Json::Value doc;
     if (!store::readJsonFile(o.from, doc)) return fail(err, "cannot read " + o.from);
     auto config = configFromDocument(doc);
     if (!config) return fail(err, config.error());
     s3 = config.value().s3;
-    prefix = config.value().prefix;
-  } else {
-    if (o.endpoint.empty() || o.bucket.empty() || o.accessKey.empty() || o.secretKey.empty()) {
-      return fail(err, text::kRestoreNeedsStore);
-    }
-    s3 = {o.endpoint, o.region.empty() ? "auto" : o.region, o.bucket, o.accessKey, o.secretKey};
-    prefix = o.prefix;
+  } else if (!rill::isComplete(s3)) {
+    return fail(err, text::kRestoreNeedsStore);
   }
   const fs::path target = ctx.data.root();
   if (!isMissingOrEmpty(target)) {
@@ -230,7 +223,7 @@ int restoreCommand(Context& ctx, std::ostream& out, std::ostream& err) {
                          " is not empty - refusing to overwrite a data dir");
   }
   base::initializeLibraries();
-  auto store = openBackupStore(s3, o.key, prefix);
+  auto store = openBackupStore(s3, o.key);
   if (!store) return fail(err, store.error());
   rill::ProgressLine progress(stderr);
   auto restored =

@@ -16,6 +16,13 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 int twoDigits(std::string_view text) { return (text[0] - '0') * 10 + (text[1] - '0'); }
 
+Schedule scheduleFromDocument(const Json::Value& doc) {
+  Schedule schedule;
+  schedule.dailyAt = member(doc, "daily_at");
+  if (doc["keep"].isInt()) schedule.keep = doc["keep"].asInt();
+  return schedule;
+}
+
 }  // namespace
 
 fs::path backupConfigPath(const fs::path& dataRoot) { return dataRoot / "backup.json"; }
@@ -24,19 +31,11 @@ fs::path backupKeyPath(const fs::path& dataRoot) { return dataRoot / "backup.key
 
 base::Result<BackupConfig> configFromDocument(const Json::Value& doc) {
   BackupConfig config;
-  config.s3.endpoint = member(doc, "endpoint");
-  config.s3.region = member(doc, "region");
-  if (config.s3.region.empty()) config.s3.region = "auto";
-  config.s3.bucket = member(doc, "bucket");
-  config.s3.accessKey = member(doc, "access_key");
-  config.s3.secretKey = member(doc, "secret_key");
-  if (config.s3.endpoint.empty() || config.s3.bucket.empty() || config.s3.accessKey.empty() ||
-      config.s3.secretKey.empty()) {
-    return base::Failure{text::kMissingS3};
-  }
+  config.s3 = rill::s3SettingsFromJson(doc);
+  if (!rill::isComplete(config.s3)) return base::Failure{text::kMissingS3};
   config.keyFile = member(doc, "key_file");
   if (config.keyFile.empty()) return base::Failure{text::kNoKeyFile};
-  config.prefix = member(doc, "prefix");
+  config.schedule = scheduleFromDocument(doc);
   return config;
 }
 
@@ -48,23 +47,15 @@ base::Result<BackupConfig> loadBackupConfig(const fs::path& configFile) {
 
 bool writeBackupConfig(const fs::path& configFile, const BackupConfig& config) {
   Json::Value doc(Json::objectValue);
-  doc["endpoint"] = config.s3.endpoint;
-  doc["region"] = config.s3.region.empty() ? "auto" : config.s3.region;
-  doc["bucket"] = config.s3.bucket;
-  doc["access_key"] = config.s3.accessKey;
-  doc["secret_key"] = config.s3.secretKey;
+  rill::writeS3Settings(config.s3, doc);
   doc["key_file"] = config.keyFile;
-  if (!config.prefix.empty()) doc["prefix"] = config.prefix;
   return store::writeJsonFile(configFile, doc, store::FileAccess::kOwnerOnly).ok();
 }
 
 std::optional<Schedule> readSchedule(const fs::path& configFile) {
   Json::Value doc;
   if (!store::readJsonFile(configFile, doc)) return std::nullopt;
-  Schedule schedule;
-  schedule.dailyAt = member(doc, "daily_at");
-  if (doc["keep"].isInt()) schedule.keep = doc["keep"].asInt();
-  return schedule;
+  return scheduleFromDocument(doc);
 }
 
 bool writeSchedule(const fs::path& configFile, const Schedule& schedule) {

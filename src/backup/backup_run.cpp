@@ -27,7 +27,7 @@ base::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener
 base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
                                                     const StoreOpener& openStore) {
   if (openStore) return openStore(config);
-  return openBackupStore(config.s3, config.keyFile, config.prefix);
+  return openBackupStore(config.s3, config.keyFile);
 }
 
 base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
@@ -54,9 +54,9 @@ base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& na
   auto stats = publishSnapshot(store, dataDir, snapshot, hooks.progress);
   if (!stats) return failed(stats.error());
   std::string error;
-  const std::optional<Schedule> schedule = readSchedule(backupConfigPath(dataDir));
-  if (schedule && schedule->keep >= 1) {
-    auto pruned = pruneSnapshots(store, schedule->keep, hooks.onRemoved);
+  const int keep = opened.value().config.schedule.keep;
+  if (keep >= 1) {
+    auto pruned = pruneSnapshots(store, keep, hooks.onRemoved);
     if (!pruned) error = text::kPruneFailedAfterBackup + pruned.error();
   }
   return RunReport{snapshot, stats.value(), record(true, error)};

@@ -39,10 +39,10 @@ struct RunReport {
 base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
                                                     const StoreOpener& openStore);
 
-// One snapshot of `dataDir`, in this order: load backup.json (its text; backup-state.json is not
-// touched), open the store (the key message; not recorded either), lock the directory, name the
+// One snapshot of `dataDir`, in this order: load backup.json, once (its text; backup-state.json is
+// not touched), open the store (the key message; not recorded either), lock the directory, name the
 // snapshot (`name`, or the current UTC time when empty), publish it, and prune to the schedule's
-// `keep` when that is at least 1. The outcome is recorded in backup-state.json: a failed publish
+// `keep` as loaded when that is at least 1. The outcome is recorded in backup-state.json: a failed publish
 // with ok false and its text; a failed prune with ok true and "backup ok; prune failed: <text>",
 // which still returns the report. When the record cannot be written, a failure's text ends in
 // " (not recorded: cannot write <path>)" and a report's `unrecorded` says so.

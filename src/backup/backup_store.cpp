@@ -42,20 +42,20 @@ std::string keyProblem(const std::string& argument) {
 }  // namespace
 
 base::Result<rill::StorageProviderPtr> openBackupStore(const rill::S3Settings& s3,
-                                                       const std::string& keyArgument,
-                                                       const std::string& prefix) {
+                                                       const std::string& keyArgument) {
   auto key = rill::resolveEncryptionKey(keyArgument);
   if (!key) return base::Failure{keyProblem(keyArgument)};
   rill::StorageProviderPtr store = std::make_unique<rill::S3Provider>(s3);
-  if (!prefix.empty()) store = std::make_unique<rill::PrefixedProvider>(prefix, std::move(store));
+  if (!s3.prefix.empty()) {
+    store = std::make_unique<rill::PrefixedProvider>(s3.prefix, std::move(store));
+  }
   auto sealed = std::make_unique<rill::EncryptedProvider>(key.value(), std::move(store));
   sodium_memzero(key.value().data(), key.value().size());
   return rill::StorageProviderPtr(std::move(sealed));
 }
 
-std::string foreignSnapshots(const rill::S3Settings& s3, const std::string& keyArgument,
-                             const std::string& prefix) {
-  auto store = openBackupStore(s3, keyArgument, prefix);
+std::string foreignSnapshots(const rill::S3Settings& s3, const std::string& keyArgument) {
+  auto store = openBackupStore(s3, keyArgument);
   if (!store) return store.error();
   auto unreadable = unreadableSnapshots(*store.value());
   if (!unreadable || unreadable.value().empty()) return "";

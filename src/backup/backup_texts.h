@@ -1,6 +1,8 @@
 #pragma once
 // Every fixed text of the backup subsystem, in one place so that code and tests cannot drift.
 
+#include "rill/s3_settings.h"
+
 namespace quill::backup::text {
 
 // Loading backup.json.
@@ -15,8 +17,7 @@ inline constexpr const char* kAlreadyConfigured =
     "backups are already configured - remove the configuration first";
 inline constexpr const char* kModeNotString = "mode must be a string";
 inline constexpr const char* kSharedNeedsStorage = "shared mode needs build storage first: ";
-inline constexpr const char* kCredentialsRequired =
-    "endpoint, bucket, access_key and secret_key are required";
+inline constexpr const char* kCredentialsRequired = rill::kCredentialsRequired;
 inline constexpr const char* kBadMode = "mode must be \"shared\" or \"separate\"";
 inline constexpr const char* kKeyExists =
     "backup.key already exists in the data dir - refusing to overwrite";

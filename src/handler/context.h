@@ -1,6 +1,6 @@
 #pragma once
-// Everything a handler or a command needs beyond its request: the settings, the data directory
-// and the process-wide caches. Built once in main (or per test case) and passed down.
+// Everything a handler or a command needs beyond its request: the server settings, the data
+// directory and the process-wide caches. Built once in main (or per test case) and passed down.
 
 #include <atomic>
 #include <memory>
@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "handler/settings.h"
 #include "base/byte_budget.h"
+#include "handler/server_settings.h"
 #include "store/data_dir.h"
 #include "store/document_cache.h"
 #include "store/keyed_mutex.h"
@@ -40,9 +40,9 @@ class SsoState;
 }
 
 struct Context {
-  explicit Context(Settings s) : settings(std::move(s)), data(settings.dataDir) {}
+  explicit Context(ServerSettings s) : settings(std::move(s)), data(settings.dataDir) {}
 
-  Settings settings;
+  ServerSettings settings;
   store::DataDir data;
   store::TokenIndex tokens;
   // User and group records on the authenticated road (every lookup still checks the file).

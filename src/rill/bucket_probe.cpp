@@ -18,9 +18,7 @@ std::string classifyProbeFailure(std::string_view e) {
 }
 
 Result<bool> probeBucket(const S3Settings& settings) {
-  if (!settings.endpoint.starts_with("http://") && !settings.endpoint.starts_with("https://")) {
-    return Failure{"endpoint must start with https:// (or http:// for a local test server)"};
-  }
+  if (!hasHttpEndpoint(settings)) return Failure{kEndpointScheme};
   S3Provider bucket(settings);
   std::string error;
   if (!bucket.list(kProbePrefix, &error)) return Failure{classifyProbeFailure(error)};

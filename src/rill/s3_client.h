@@ -12,18 +12,9 @@
 #include "base/http_client.h"
 #include "rill/result.h"
 #include "rill/s3_listing.h"
+#include "rill/s3_settings.h"
 
 namespace quill::rill {
-
-// Where and as whom to talk to the store. `endpoint` is a URL of a scheme and host with an optional
-// port ("https://s3.example.com", "http://127.0.0.1:9000"); an empty region signs as "auto".
-struct S3Settings {
-  std::string endpoint;
-  std::string region;
-  std::string bucket;
-  std::string accessKey;
-  std::string secretKey;
-};
 
 // The Host header value: the text after "://" up to the first "/" (the port included as written).
 std::string endpointHost(std::string_view endpoint);

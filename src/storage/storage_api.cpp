@@ -2,8 +2,7 @@
 
 #include "base/json_reader.h"
 #include "rill/bucket_probe.h"
-#include "rill/storage_credentials.h"
-#include "storage/rill_settings.h"
+#include "rill/s3_settings.h"
 #include "store/documents.h"
 
 namespace quill::storage {
@@ -30,33 +29,35 @@ Json::Value storageInfo(const rill::S3Settings* settings) {
 }  // namespace
 
 Response readStorage(const Request&, Context& ctx) {
-  const auto settings = readRillSettings(ctx.data);
+  const auto settings = rill::readRillJson(ctx.data.root());
   return http::jsonResponse(storageInfo(settings ? &settings.value() : nullptr));
 }
 
 Response saveStorage(const Request& req, Context& ctx) {
   const auto body = base::parseJson(req.body);
   if (!body) return http::errorResponse(400, text::kBodyRequired);
-  const auto settings = rill::parseStorageCredentials(*body);
+  const auto settings = rill::parseS3Credentials(*body);
   if (!settings) return http::errorResponse(400, settings.error());
   if (auto probe = rill::probeBucket(settings.value()); !probe) {
     return http::errorResponse(400, probe.error());
   }
-  if (!writeRillSettings(ctx.data, settings.value())) {
+  if (!store::writeJsonFile(rill::rillJsonPath(ctx.data.root()),
+                            rill::rillJsonDocument(settings.value()),
+                            store::FileAccess::kOwnerOnly)) {
     return http::errorResponse(500, text::kWriteFailed);
   }
   return http::jsonResponse(storageInfo(&settings.value()));
 }
 
 Response forgetStorage(const Request&, Context& ctx) {
-  store::removeFile(rillSettingsPath(ctx.data));
+  store::removeFile(rill::rillJsonPath(ctx.data.root()));
   return http::jsonResponse(storageInfo(nullptr));
 }
 
 Response testStorage(const Request& req, Context& ctx) {
   const auto body = base::parseJson(req.body);
   const bool given = body && body->isObject() && body->isMember("endpoint");
-  const auto settings = given ? rill::parseStorageCredentials(*body) : readRillSettings(ctx.data);
+  const auto settings = given ? rill::parseS3Credentials(*body) : rill::readRillJson(ctx.data.root());
   if (!settings) return http::errorResponse(400, settings.error());
   if (auto probe = rill::probeBucket(settings.value()); !probe) {
     return http::errorResponse(400, probe.error());

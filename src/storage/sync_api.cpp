@@ -6,8 +6,8 @@
 
 #include "rill/manifest.h"
 #include "rill/s3_provider.h"
+#include "rill/s3_settings.h"
 #include "rill/sync_descriptor.h"
-#include "storage/rill_settings.h"
 #include "store/documents.h"
 #include "store/scratch_file.h"
 
@@ -96,7 +96,7 @@ Response rillSync(const Request& req, Context& ctx) {
   if (auto refused = handler::refuseInvalidName(channel, text::kBadName)) return *refused;
   if (!isRillChannel(ctx, channel)) return http::errorResponse(404, text::kNoRillChannel);
 
-  const auto settings = readRillSettings(ctx.data);
+  const auto settings = rill::readRillJson(ctx.data.root());
   if (!settings) return unavailable(settings.error());
   rill::S3Provider bucket(settings.value());
   Response answer = describe(ctx, bucket, channel, syncLinkLifetime(req));

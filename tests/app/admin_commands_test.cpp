@@ -35,7 +35,7 @@ struct Outcome {
   std::string err;
 };
 
-using Tweak = std::function<void(Settings&)>;
+using Tweak = std::function<void(CommandArguments&)>;
 using Words = std::vector<std::string>;
 
 std::string readRaw(const fs::path& path) {
@@ -56,17 +56,17 @@ std::vector<std::string> sortedLines(const std::string& text) {
 }
 
 Tweak opts(std::string role, std::string channels = "", bool service = false) {
-  return [=](Settings& s) {
+  return [=](CommandArguments& s) {
     s.role = role;
     s.channels = channels;
     s.service = service;
   };
 }
 Tweak owner(std::string user) {
-  return [=](Settings& s) { s.user = user; };
+  return [=](CommandArguments& s) { s.user = user; };
 }
 Tweak lifetime(std::int32_t days, std::int32_t hours, bool replace = false) {
-  return [=](Settings& s) {
+  return [=](CommandArguments& s) {
     s.days = days;
     s.hours = hours;
     s.replace = replace;
@@ -87,14 +87,15 @@ class AdminCommandsTest : public test::TempDirTest {
   store::DataDir data() const { return store::DataDir(root()); }
 
   Outcome run(Words words, const Tweak& tweak = {}) {
-    Settings settings;
+    ServerSettings settings;
     settings.dataDir = root();
-    settings.words = std::move(words);
-    if (tweak) tweak(settings);
+    CommandArguments args;
+    args.words = std::move(words);
+    if (tweak) tweak(args);
     Context ctx(settings);
     std::ostringstream out;
     std::ostringstream err;
-    const int code = runCommand(ctx, out, err);
+    const int code = runCommand(ctx, args, out, err);
     return {code, out.str(), err.str()};
   }
 

@@ -5,41 +5,41 @@
 namespace quill {
 namespace {
 
-ParseOutcome parse(std::vector<std::string> args, Settings& s) { return parseCommandLine(args, s); }
+ParseOutcome parse(std::vector<std::string> args, CommandLine& s) { return parseCommandLine(args, s); }
 
 TEST(CommandLine, OptionsAndWordsMixInAnyOrder) {
-  Settings s;
+  CommandLine s;
   ASSERT_EQ(parse({"user",         "--role",    "admin",        "create", "--data-dir", "/d",
                    "alice",        "--service", "--claimpin",   "-1234",  "--days",     "-3",
                    "--access-key", "k",         "--secret-key", "s",      "--keep",     "7",
                    "--port",       "9090",      "--rate-limit", "OFF"},
                   s),
             ParseOutcome::Proceed);
-  EXPECT_EQ(s.words, (std::vector<std::string>{"user", "create", "alice"}));
-  EXPECT_EQ(s.role, "admin");
-  EXPECT_EQ(s.dataDir, "/d");
-  EXPECT_TRUE(s.service);
+  EXPECT_EQ(s.command.words, (std::vector<std::string>{"user", "create", "alice"}));
+  EXPECT_EQ(s.command.role, "admin");
+  EXPECT_EQ(s.server.dataDir, "/d");
+  EXPECT_TRUE(s.command.service);
   // A value option takes the next word even when it starts with a dash.
-  EXPECT_EQ(s.claimPin, "-1234");
-  EXPECT_EQ(s.days, -3);
-  EXPECT_EQ(s.backup.accessKey + s.backup.secretKey, "ks");
-  EXPECT_EQ(s.keep, 7);
-  EXPECT_EQ(s.port, 9090);
-  EXPECT_TRUE(s.rateLimit) << "only the exact word off turns rate limiting off";
+  EXPECT_EQ(s.server.claimPin, "-1234");
+  EXPECT_EQ(s.command.days, -3);
+  EXPECT_EQ(s.command.backup.bucket.accessKey + s.command.backup.bucket.secretKey, "ks");
+  EXPECT_EQ(s.command.backup.keep, 7);
+  EXPECT_EQ(s.server.port, 9090);
+  EXPECT_TRUE(s.server.rateLimit) << "only the exact word off turns rate limiting off";
   parse({"--rate-limit", "off"}, s);
-  EXPECT_FALSE(s.rateLimit);
+  EXPECT_FALSE(s.server.rateLimit);
 }
 
 TEST(CommandLine, VersionAndDumpRoutesActWhenMet) {
-  Settings s;
+  CommandLine s;
   EXPECT_EQ(parse({"--version", "extra", "--bogus"}, s), ParseOutcome::ShowVersion);
   EXPECT_EQ(parse({"version"}, s), ParseOutcome::ShowVersion);
   EXPECT_EQ(parse({"--dump-routes", ""}, s), ParseOutcome::DumpRoutes);
   EXPECT_EQ(parse({"--bogus", "--version"}, s), ParseOutcome::Usage);
   // A value option swallows the word "version" as its value.
-  Settings t;
+  CommandLine t;
   EXPECT_EQ(parse({"--user", "version"}, t), ParseOutcome::Proceed);
-  EXPECT_EQ(t.user, "version");
+  EXPECT_EQ(t.command.user, "version");
 }
 
 TEST(CommandLine, UsageErrors) {
@@ -54,7 +54,7 @@ TEST(CommandLine, UsageErrors) {
                                              {"--hours", ""},
                                              {"--keep", "3.5"},
                                              {"--days", "99999999999"}}) {
-    Settings s;
+    CommandLine s;
     EXPECT_EQ(parse(args, s), ParseOutcome::Usage) << args.front();
   }
 }

@@ -42,17 +42,23 @@ class BackupCheckTest : public quill::test::TempDirTest {
   }
 
   fs::path data() const { return dir() / "data"; }
+  rill::S3Settings underPrefix() const {
+    rill::S3Settings s3 = rill::test::S3Peers::shared().settings();
+    s3.prefix = prefix_;
+    return s3;
+  }
   rill::S3Client bucket() const { return rill::S3Client(rill::test::S3Peers::shared().settings()); }
 
   Outcome run(std::vector<std::string> words, int keep = -1, bool flag = false) {
-    Settings s;
-    s.dataDir = data();
+    ServerSettings settings;
+    settings.dataDir = data();
+    CommandArguments s;
     s.words = std::move(words);
-    s.keep = keep;
-    s.dryRun = s.readData = flag;
-    Context ctx(s);
+    s.backup.keep = keep;
+    s.backup.dryRun = s.backup.readData = flag;
+    Context ctx(settings);
     std::ostringstream out, err;
-    const int code = runCommand(ctx, out, err);
+    const int code = runCommand(ctx, s, out, err);
     return {code, out.str(), err.str()};
   }
   void snapshot(const std::string& name) {
@@ -61,8 +67,7 @@ class BackupCheckTest : public quill::test::TempDirTest {
   }
   // The bucket key of the chunk holding `file` (a one-chunk file), and its id.
   std::pair<std::string, std::string> chunkOf(const std::string& name, const std::string& file) {
-    auto store = openBackupStore(rill::test::S3Peers::shared().settings(),
-                                 (dir() / "backup.key").string(), prefix_);
+    auto store = openBackupStore(underPrefix(), (dir() / "backup.key").string());
     auto manifest = readSnapshotManifest(*store.value(), name);
     for (const auto& f : manifest.value().tree.files) {
       if (f.path == file) return {prefix_ + store.value()->chunkKey(f.chunks[0].h), f.chunks[0].h};
@@ -83,8 +88,7 @@ class BackupCheckTest : public quill::test::TempDirTest {
     const fs::path other = dir() / "other";
     writeFile(other / "x.txt", "another server");
     ASSERT_TRUE(writeKeyFile(dir() / "other.key", generateBackupKey()));
-    auto store = openBackupStore(rill::test::S3Peers::shared().settings(),
-                                 (dir() / "other.key").string(), prefix_);
+    auto store = openBackupStore(underPrefix(), (dir() / "other.key").string());
     ASSERT_TRUE(publishSnapshot(*store.value(), other, kForeign));
   }
 
@@ -155,22 +159,25 @@ TEST_F(BackupCheckTest, InitRefusesABucketHoldingSnapshotsOfAnotherKey) {
   own.bucket = "quill-foreign";
   ASSERT_TRUE(rill::S3Client(own).put("", "").isSuccess());
   ASSERT_TRUE(writeKeyFile(dir() / "first.key", generateBackupKey()));
-  auto store = openBackupStore(own, (dir() / "first.key").string(), "");
+  auto store = openBackupStore(own, (dir() / "first.key").string());
   ASSERT_TRUE(publishSnapshot(*store.value(), data(), kForeign));
 
   const fs::path keyPath = dir() / "new.key";
-  Settings s;
-  s.dataDir = dir() / "fresh";
+  ServerSettings settings;
+  settings.dataDir = dir() / "fresh";
+  CommandArguments s;
   s.words = {"backup", "init"};
-  s.backup = {own.endpoint, "", own.bucket, own.accessKey, own.secretKey, "", keyPath.string(), ""};
-  Context ctx(s);
+  s.backup.bucket = own;
+  s.backup.bucket.region = "";
+  s.backup.key = keyPath.string();
+  Context ctx(settings);
   std::ostringstream out, err;
-  EXPECT_EQ(runCommand(ctx, out, err), 1);
+  EXPECT_EQ(runCommand(ctx, s, out, err), 1);
   EXPECT_EQ(err.str(), "bucket 'quill-foreign' already holds 1" +
                            std::string(text::kForeignSnapshots) + "\n");
   EXPECT_FALSE(fs::exists(keyPath)) << "a key nothing was sealed with is not left behind";
-  EXPECT_FALSE(fs::exists(backupConfigPath(s.dataDir)));
-  EXPECT_EQ(foreignSnapshots(own, (dir() / "first.key").string(), ""), "");
+  EXPECT_FALSE(fs::exists(backupConfigPath(settings.dataDir)));
+  EXPECT_EQ(foreignSnapshots(own, (dir() / "first.key").string()), "");
 }
 
 TEST_F(BackupCheckTest, KeyAndSnapshotMessagesSayWhatIsWrong) {
@@ -186,19 +193,22 @@ TEST_F(BackupCheckTest, KeyAndSnapshotMessagesSayWhatIsWrong) {
        ::geteuid() == 0 ? "" : "cannot read key file " + (dir() / "locked.key").string() +
                                    ": Permission denied"}};
   for (const auto& [argument, message] : rows) {
-    auto store = openBackupStore(s3, argument, "");
+    auto store = openBackupStore(s3, argument);
     if (message.empty()) continue;  // root reads every file
     ASSERT_FALSE(store) << argument;
     EXPECT_EQ(store.error(), message);
   }
-  Settings s;
-  s.dataDir = dir() / "restored";
+  ServerSettings settings;
+  settings.dataDir = dir() / "restored";
+  CommandArguments s;
   s.words = {"restore", kFirst};
-  s.backup = {s3.endpoint, "", s3.bucket, s3.accessKey, s3.secretKey, prefix_,
-              (dir() / "backup.key").string(), ""};
-  Context ctx(s);
+  s.backup.bucket = s3;
+  s.backup.bucket.region = "";
+  s.backup.bucket.prefix = prefix_;
+  s.backup.key = (dir() / "backup.key").string();
+  Context ctx(settings);
   std::ostringstream out, err;
-  EXPECT_EQ(runCommand(ctx, out, err), 1);
+  EXPECT_EQ(runCommand(ctx, s, out, err), 1);
   EXPECT_EQ(err.str(), "restore failed: no snapshot " + std::string(kFirst) + " in the bucket\n");
 }
 

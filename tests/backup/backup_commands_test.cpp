@@ -41,21 +41,22 @@ class BackupCommandsTest : public quill::test::TempDirTest {
   fs::path data() const { return dir() / "data"; }
   fs::path key() const { return dir() / "backup.key"; }
 
-  Outcome run(std::vector<std::string> words, const std::function<void(Settings&)>& tweak = {},
+  Outcome run(std::vector<std::string> words, const std::function<void(CommandArguments&)>& tweak = {},
               const fs::path& dataDir = {}) {
-    Settings s;
-    s.dataDir = dataDir.empty() ? data() : dataDir;
+    ServerSettings settings;
+    settings.dataDir = dataDir.empty() ? data() : dataDir;
+    CommandArguments s;
     s.words = std::move(words);
     if (tweak) tweak(s);
-    Context ctx(s);
+    Context ctx(settings);
     std::ostringstream out, err;
-    const int code = runCommand(ctx, out, err);
+    const int code = runCommand(ctx, s, out, err);
     return {code, out.str(), err.str()};
   }
-  static std::function<void(Settings&)> peerOptions(const std::string& keyPath = "") {
-    return [keyPath](Settings& s) {
+  static std::function<void(CommandArguments&)> peerOptions(const std::string& keyPath = "") {
+    return [keyPath](CommandArguments& s) {
       const auto s3 = rill::test::S3Peers::shared().settings();
-      s.backup = {s3.endpoint, "", s3.bucket, s3.accessKey, s3.secretKey, "", keyPath, ""};
+      s.backup = {s3, keyPath, "", -1};
     };
   }
 };
@@ -67,7 +68,7 @@ class BackupCommandsTest : public quill::test::TempDirTest {
 }
 
 TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
-  EXPECT_TRUE(failsWith(run({"backup", "init"}, [](Settings& s) { s.backup.endpoint = "x"; }),
+  EXPECT_TRUE(failsWith(run({"backup", "init"}, [](CommandArguments& s) { s.backup.bucket.endpoint = "x"; }),
                         text::kInitNeeds));
   const auto first = run({"backup", "init"}, peerOptions());
   ASSERT_EQ(first.code, 0) << first.err;
@@ -91,7 +92,7 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
   ASSERT_TRUE(config) << config.error();
   EXPECT_EQ(config.value().keyFile, keyPath.string());
   EXPECT_EQ(config.value().s3.region, "auto");
-  EXPECT_EQ(config.value().prefix, "");
+  EXPECT_EQ(config.value().s3.prefix, "");
 
   EXPECT_TRUE(failsWith(run({"backup", "init"}, peerOptions()),
                         "key file " + keyPath.string() +
@@ -100,9 +101,9 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
   EXPECT_EQ(rill::test::readFile(keyPath), keyText);
 
   // No answer at all: refused, and the new key file stays for the operator to remove.
-  const auto unreachable = run({"backup", "init"}, [this](Settings& s) {
+  const auto unreachable = run({"backup", "init"}, [this](CommandArguments& s) {
     peerOptions(key().string())(s);
-    s.backup.endpoint = "http://127.0.0.1:1";
+    s.backup.bucket.endpoint = "http://127.0.0.1:1";
   });
   EXPECT_EQ(unreachable.code, 1);
   EXPECT_EQ(unreachable.err.rfind("cannot reach the backup bucket: curl: ", 0), 0u)
@@ -114,9 +115,9 @@ TEST_F(BackupCommandsTest, RefusalsComeBeforeAnyLoadOrChange) {
   const std::string notConfigured = text::kNotConfigured;
   EXPECT_TRUE(failsWith(run({"backup"}), "backup failed: " + notConfigured));
   EXPECT_TRUE(failsWith(run({"backup", "list"}), notConfigured));
-  EXPECT_TRUE(failsWith(run({"backup", "prune"}, [](Settings& s) { s.keep = 1; }), notConfigured));
+  EXPECT_TRUE(failsWith(run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 1; }), notConfigured));
   EXPECT_TRUE(
-      failsWith(run({"backup", "prune"}, [](Settings& s) { s.keep = 0; }), text::kPruneNeedsKeep));
+      failsWith(run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 0; }), text::kPruneNeedsKeep));
   EXPECT_TRUE(failsWith(run({"backup", "prune"}), text::kPruneNeedsKeep));
   EXPECT_TRUE(failsWith(run({"backup", "schedule", "03:00"}), notConfigured));
 
@@ -128,12 +129,12 @@ TEST_F(BackupCommandsTest, RefusalsComeBeforeAnyLoadOrChange) {
 TEST_F(BackupCommandsTest, ScheduleReplacesKeepOnlyWhenGiven) {
   test::configurePeerBackups(data(), key());
   const std::string pickedUp = std::string(text::kPickedUp) + "\n";
-  auto set = run({"backup", "schedule", "03:00"}, [](Settings& s) { s.keep = 2; });
+  auto set = run({"backup", "schedule", "03:00"}, [](CommandArguments& s) { s.backup.keep = 2; });
   EXPECT_EQ(set.out, "scheduled backups: daily at 03:00 (server local time), keep 2 snapshot(s)\n" +
                          pickedUp);
   EXPECT_EQ(run({"backup", "schedule", "off"}).out, "scheduled backups: off\n" + pickedUp);
   EXPECT_EQ(readSchedule(backupConfigPath(data()))->keep, 2);
-  EXPECT_EQ(run({"backup", "schedule", "23:59"}, [](Settings& s) { s.keep = 0; }).out,
+  EXPECT_EQ(run({"backup", "schedule", "23:59"}, [](CommandArguments& s) { s.backup.keep = 0; }).out,
             "scheduled backups: daily at 23:59 (server local time), keep 0 snapshot(s) (no "
             "pruning)\n" +
                 pickedUp);
@@ -174,7 +175,7 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
                          latest + "  .*\n3 snapshot\\(s\\) in bucket '" + bucket + "'\n")))
       << listed;
 
-  const auto pruned = run({"backup", "prune"}, [](Settings& s) { s.keep = 1; });
+  const auto pruned = run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 1; });
   EXPECT_TRUE(std::regex_match(pruned.out,
                                std::regex("  removed snap-20000101-000000\n  removed "
                                           "snap-20000101-000001\nkept 1 snapshot\\(s\\); removed "
@@ -185,11 +186,11 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
   const fs::path target = dir() / "restored";
   const auto s3 = rill::test::S3Peers::shared().settings();
   const std::string configFile = backupConfigPath(data()).string();
-  const auto restore = [&](const std::string& name, std::function<void(BackupOptions&)> tweak,
+  const auto restore = [&](const std::string& name, std::function<void(BackupArguments&)> tweak,
                            const fs::path& into) {
     return run(
         {"restore", name},
-        [&](Settings& s) {
+        [&](CommandArguments& s) {
           s.backup.key = key().string();
           s.backup.from = configFile;
           tweak(s.backup);
@@ -197,19 +198,19 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
         into);
   };
   writeFile(dir() / "incomplete.json", R"({"endpoint":"http://x"})");
-  const std::vector<std::tuple<std::string, std::function<void(BackupOptions&)>, std::string>>
+  const std::vector<std::tuple<std::string, std::function<void(BackupArguments&)>, std::string>>
       refusals = {
-          {"snap-1", [](BackupOptions&) {}, text::kRestoreNeedsName},
-          {latest, [](BackupOptions& o) { o.key.clear(); }, text::kRestoreNeedsKey},
-          {latest, [&](BackupOptions& o) { o.from = (dir() / "none.json").string(); },
+          {"snap-1", [](BackupArguments&) {}, text::kRestoreNeedsName},
+          {latest, [](BackupArguments& o) { o.key.clear(); }, text::kRestoreNeedsKey},
+          {latest, [&](BackupArguments& o) { o.from = (dir() / "none.json").string(); },
            "cannot read " + (dir() / "none.json").string()},
-          {latest, [&](BackupOptions& o) { o.from = (dir() / "incomplete.json").string(); },
+          {latest, [&](BackupArguments& o) { o.from = (dir() / "incomplete.json").string(); },
            text::kMissingS3},
-          {latest, [](BackupOptions& o) { o.from.clear(); }, text::kRestoreNeedsStore},
-          {latest, [](BackupOptions&) {},
+          {latest, [](BackupArguments& o) { o.from.clear(); }, text::kRestoreNeedsStore},
+          {latest, [](BackupArguments&) {},
            "restore target " + data().string() +
                " is not empty - refusing to overwrite a data dir"},
-          {latest, [](BackupOptions& o) { o.key = "00"; }, std::string(rill::kBadKeyMessage)},
+          {latest, [](BackupArguments& o) { o.key = "00"; }, std::string(rill::kBadKeyMessage)},
       };
   for (const auto& [name, tweak, message] : refusals) {
     EXPECT_TRUE(failsWith(
@@ -220,9 +221,10 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
 
   const auto restored = restore(
       latest,
-      [&](BackupOptions& o) {
+      [&](BackupArguments& o) {
         o.from.clear();
-        o = {s3.endpoint, "", s3.bucket, s3.accessKey, s3.secretKey, prefix, key().string(), ""};
+        o = {s3, key().string(), "", -1};
+        o.bucket.prefix = prefix;
       },
       target);
   ASSERT_EQ(restored.code, 0) << restored.err;

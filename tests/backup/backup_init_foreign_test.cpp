@@ -21,7 +21,7 @@ TEST_F(BackupInitForeignTest, SeparateBucketWithAnotherServersSnapshotIsRefused)
   rill::S3Client(own).put("", "");  // creates the bucket (an existing one answers 409)
   quill::test::TempDir other;
   ASSERT_TRUE(writeKeyFile(other.path() / "other.key", generateBackupKey()));
-  auto store = openBackupStore(own, (other.path() / "other.key").string(), "");
+  auto store = openBackupStore(own, (other.path() / "other.key").string());
   ASSERT_TRUE(store) << store.error();
   ASSERT_TRUE(publishSnapshot(*store.value(), data().root(), "snap-20250101-000000"));
 

@@ -20,7 +20,8 @@ inline std::string configurePeerBackups(const std::filesystem::path& dataRoot,
   static std::atomic<int> count{0};
   const std::string prefix = "case-" + std::to_string(++count) + "/";
   EXPECT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
-  BackupConfig config{rill::test::S3Peers::shared().settings(), keyFile.string(), prefix};
+  BackupConfig config{rill::test::S3Peers::shared().settings(), keyFile.string(), {}};
+  config.s3.prefix = prefix;
   EXPECT_TRUE(writeBackupConfig(backupConfigPath(dataRoot), config));
   return prefix;
 }

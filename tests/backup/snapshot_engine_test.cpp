@@ -50,7 +50,7 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
     writeFile(data() / "tokens/t1.json", R"({"user":"alice"})");
     setBuild(1);
     ASSERT_TRUE(writeBackupConfig(backupConfigPath(data()),
-                                  {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", ""}));
+                                  {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", {}}));
   }
 
   fs::path data() const { return dir() / "data"; }
@@ -357,6 +357,23 @@ TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
                              {"nightly", false}}) {
     EXPECT_EQ(isSnapshotName(name), valid) << name;
   }
+}
+
+}  // namespace
+}  // namespace quill::backup
+
+// backup.json is read once per run: the schedule it held when the run began is the one applied,
+// whatever a concurrent `backup schedule` writes meanwhile.
+namespace quill::backup {
+namespace {
+
+TEST_F(SnapshotEngineTest, ARunPrunesToTheScheduleItLoaded) {
+  ASSERT_TRUE(run(kA));
+  const fs::path configFile = backupConfigPath(data());
+  ASSERT_TRUE(run(kB, hooks([&] { ASSERT_TRUE(writeSchedule(configFile, {"", 1})); })));
+  EXPECT_EQ(listSnapshots(*sealed()).value(), (std::vector<std::string>{kA, kB}));
+  ASSERT_TRUE(run(kC));
+  EXPECT_EQ(listSnapshots(*sealed()).value(), std::vector<std::string>{kC});
 }
 
 }  // namespace

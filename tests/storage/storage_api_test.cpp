@@ -12,8 +12,8 @@
 #include "rill/rill_trees.h"
 #include "rill/s3_peers.h"
 #include "rill/s3_provider.h"
-#include "rill/storage_credentials.h"
-#include "storage/rill_settings.h"
+#include "rill/s3_settings.h"
+#include "store/documents.h"
 #include "support/api_fixture.h"
 #include "support/http_client.h"
 
@@ -105,9 +105,6 @@ TEST_F(StorageApiTest, SavedSettingsAreShownWithoutTheSecretAndForgotten) {
   EXPECT_EQ(text(bodyOf(forgotten)), text(parseJson(R"({"configured":false,"schema_version":1})")));
   EXPECT_FALSE(fs::exists(settingsFile()));
   EXPECT_TRUE(isOk(asAdmin(Req("DELETE", "/api/storage"))));
-
-  EXPECT_EQ(rill::accessKeyHint("abcd"), "");
-  EXPECT_EQ(rill::accessKeyHint("abcde"), "...bcde");
 }
 
 TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
@@ -227,7 +224,8 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
 TEST_F(StorageApiTest, SyncReadsNoMoreOfAManifestThanItsBound) {
   rill::test::HostileBucket bucket;
   QUILL_REQUIRE_HOSTILE_BUCKET(bucket);
-  ASSERT_TRUE(storage::writeRillSettings(data(), bucket.settings()));
+  ASSERT_TRUE(store::writeJsonFile(rill::rillJsonPath(data().root()),
+                                   rill::rillJsonDocument(bucket.settings())));
   const std::string bound = std::to_string(ctx().syncManifestBytes.total());
   ASSERT_TRUE(isOk(createChannel("endless", "rill")));
   bucket.plantEndless("channels/endless/manifest.json");

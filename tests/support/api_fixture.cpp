@@ -158,7 +158,7 @@ std::size_t filesIn(const fs::path& dir) {
 
 void ApiTest::start(bool rateLimit, bool rillOnly) {
   router_.reset();
-  Settings settings;
+  ServerSettings settings;
   settings.dataDir = dir() / "data";
   settings.rateLimit = rateLimit;
   settings.rillOnly = rillOnly;

@@ -25,15 +25,15 @@ TEST_F(ToolOptionsTest, OptionsOverRillJsonOverEnvironment) {
   auto fromFile = parseToolOptions(
       {"publish", "out", "--channel", "c", "--from", rillJson.string(), "--bucket", "given"}, env);
   ASSERT_TRUE(fromFile) << fromFile.error();
-  EXPECT_EQ(fromFile.value().storage.s3.bucket, "given");
-  EXPECT_EQ(fromFile.value().storage.s3.region, "eu");
-  EXPECT_EQ(fromFile.value().storage.s3.accessKey, "FILEKEY");
+  EXPECT_EQ(fromFile.value().storage.bucket, "given");
+  EXPECT_EQ(fromFile.value().storage.region, "eu");
+  EXPECT_EQ(fromFile.value().storage.accessKey, "FILEKEY");
 
   auto fromEnv = parseToolOptions(
       {"pull", "c", "dir", "--endpoint", "http://127.0.0.1:9", "--bucket", "b"}, env);
   ASSERT_TRUE(fromEnv) << fromEnv.error();
-  EXPECT_EQ(fromEnv.value().storage.s3.accessKey, "ENVKEY");
-  EXPECT_EQ(fromEnv.value().storage.s3.secretKey, "envsecret");
+  EXPECT_EQ(fromEnv.value().storage.accessKey, "ENVKEY");
+  EXPECT_EQ(fromEnv.value().storage.secretKey, "envsecret");
 
   auto server = parseToolOptions({"pull", "c", "dir", "--server", "http://h"}, env);
   ASSERT_TRUE(server) << server.error();

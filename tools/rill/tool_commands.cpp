@@ -41,8 +41,8 @@ std::string utcNow() {
   return text;
 }
 
-rill::StorageProviderPtr openStore(const StorageOptions& storage) {
-  auto bucket = std::make_unique<rill::S3Provider>(storage.s3);
+rill::StorageProviderPtr openStore(const rill::S3Settings& storage) {
+  auto bucket = std::make_unique<rill::S3Provider>(storage);
   if (storage.prefix.empty()) return bucket;
   return std::make_unique<rill::PrefixedProvider>(storage.prefix, std::move(bucket));
 }

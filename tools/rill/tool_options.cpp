@@ -1,10 +1,8 @@
 #include "tool_options.h"
 
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include <cstdlib>
+#include <utility>
 
-#include "base/json_reader.h"
 
 namespace quill::rilltool {
 
@@ -21,26 +19,6 @@ bool isChannelName(const std::string& name) {
                     c == '-' || c == '.' || c == '_';
     if (!ok) return false;
   }
-  return true;
-}
-
-// Fills the members of `out` that rill.json at `path` carries (the server's own settings file).
-base::Result<bool> readRillJson(const std::string& path, StorageOptions& out) {
-  std::ifstream in(path);
-  if (!in) return Failure{"cannot read " + path};
-  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  const auto parsed = base::parseJsonObject(text);
-  if (!parsed) return Failure{path + " is not a JSON object"};
-  const Json::Value& doc = *parsed;
-  const auto take = [&doc](const char* name, std::string& into) {
-    if (doc[name].isString()) into = doc[name].asString();
-  };
-  take("endpoint", out.s3.endpoint);
-  take("region", out.s3.region);
-  take("bucket", out.s3.bucket);
-  take("access_key", out.s3.accessKey);
-  take("secret_key", out.s3.secretKey);
-  take("prefix", out.prefix);
   return true;
 }
 
@@ -93,9 +71,9 @@ base::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
 
   // Options that take a value, and where the value goes.
   std::map<std::string, std::string*> valued = {
-      {"--endpoint", &o.storage.s3.endpoint},    {"--bucket", &o.storage.s3.bucket},
-      {"--access-key", &o.storage.s3.accessKey}, {"--secret-key", &o.storage.s3.secretKey},
-      {"--region", &o.storage.s3.region},        {"--prefix", &o.storage.prefix}};
+      {"--endpoint", &o.storage.endpoint},    {"--bucket", &o.storage.bucket},
+      {"--access-key", &o.storage.accessKey}, {"--secret-key", &o.storage.secretKey},
+      {"--region", &o.storage.region},        {"--prefix", &o.storage.prefix}};
   if (o.command == Command::kPublish) {
     valued.insert({{"--channel", &o.channel}, {"--build", &o.build}, {"--sign-key", &o.signKey}});
   } else if (o.command == Command::kPull) {
@@ -106,7 +84,6 @@ base::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
 
   Parser p{args, 1, {}};
   std::string from;
-  StorageOptions given;  // what the options said, applied over --from
   while (p.at < args.size()) {
     const std::string& arg = args[p.at];
     if (arg == "--help" || arg == "-h") {
@@ -159,38 +136,34 @@ base::Result<ToolOptions> parseToolOptions(const std::vector<std::string>& args,
   }
 
   // Storage: --from first, then the options over it, then the environment for missing keys.
+  rill::S3Settings& s3 = o.storage;
   if (!from.empty()) {
-    StorageOptions fromFile;
-    auto read = readRillJson(from, fromFile);
-    if (!read) return Failure{read.error()};
-    std::swap(given, o.storage);
-    o.storage = fromFile;
+    auto fromFile = rill::readS3SettingsFile(from);
+    if (!fromFile) return Failure{fromFile.error()};
+    const rill::S3Settings given = std::exchange(s3, fromFile.value());
     const auto over = [](const std::string& option, std::string& into) {
       if (!option.empty()) into = option;
     };
-    over(given.s3.endpoint, o.storage.s3.endpoint);
-    over(given.s3.region, o.storage.s3.region);
-    over(given.s3.bucket, o.storage.s3.bucket);
-    over(given.s3.accessKey, o.storage.s3.accessKey);
-    over(given.s3.secretKey, o.storage.s3.secretKey);
-    over(given.prefix, o.storage.prefix);
+    over(given.endpoint, s3.endpoint);
+    over(given.region, s3.region);
+    over(given.bucket, s3.bucket);
+    over(given.accessKey, s3.accessKey);
+    over(given.secretKey, s3.secretKey);
+    over(given.prefix, s3.prefix);
   }
-  rill::S3Settings& s3 = o.storage.s3;
   if (s3.accessKey.empty() && env.contains("AWS_ACCESS_KEY_ID"))
     s3.accessKey = env.at("AWS_ACCESS_KEY_ID");
   if (s3.secretKey.empty() && env.contains("AWS_SECRET_ACCESS_KEY")) {
     s3.secretKey = env.at("AWS_SECRET_ACCESS_KEY");
   }
-  if (s3.endpoint.empty() || s3.bucket.empty() || s3.accessKey.empty() || s3.secretKey.empty()) {
+  if (!rill::isComplete(s3)) {
     return Failure{o.command == Command::kPull
                        ? "give --server <url>, or the storage: --endpoint, --bucket, --access-key "
                          "and --secret-key (or --from <rill.json>)"
                        : "the storage is required: --endpoint, --bucket, --access-key and "
                          "--secret-key (or --from <rill.json>)"};
   }
-  if (!s3.endpoint.starts_with("https://") && !s3.endpoint.starts_with("http://")) {
-    return Failure{"endpoint must start with https:// (or http:// for a local test server)"};
-  }
+  if (!rill::hasHttpEndpoint(s3)) return Failure{rill::kEndpointScheme};
   return o;
 }
 

@@ -7,19 +7,12 @@
 #include <vector>
 
 #include "base/result.h"
-#include "rill/s3_client.h"
+#include "rill/s3_settings.h"
 
 namespace quill::rilltool {
 
 // kNone: only the program's own --help or --version was asked for.
 enum class Command { kNone, kPublish, kPull, kKeygen };
-
-// Where the bucket is and who may use it: options, else a rill.json given by --from, else the
-// AWS_ACCESS_KEY_ID / AWS_SECRET_ACCESS_KEY environment variables for the two keys.
-struct StorageOptions {
-  rill::S3Settings s3;
-  std::string prefix;  // every key under this prefix ("" for the bucket's root)
-};
 
 struct ToolOptions {
   Command command = Command::kPublish;
@@ -35,7 +28,9 @@ struct ToolOptions {
   std::string token;   // --token, else QUILLMOOR_TOKEN
   std::string verifyKey;
   std::string secretFile;  // keygen: write the secret key here instead of printing it
-  StorageOptions storage;
+  // Where the bucket is and who may use it: options, else a rill.json given by --from, else the
+  // AWS_ACCESS_KEY_ID / AWS_SECRET_ACCESS_KEY environment variables for the two keys.
+  rill::S3Settings storage;
 };
 
 // What the environment offers in place of options: AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY and
