@@ -174,7 +174,7 @@ std::string ApiTest::seedUser(const std::string& name, const std::string& role,
   user.channels = std::move(channels);
   user.service = service;
   EXPECT_TRUE(store::createUser(data(), user).has_value()) << name;
-  return mintFor(name, name + "-token");
+  return vars_[name] = mintFor(name, name + "-token");
 }
 
 std::string ApiTest::mintFor(const std::string& user, const std::string& tokenName) {
@@ -184,8 +184,8 @@ std::string ApiTest::mintFor(const std::string& user, const std::string& tokenNa
 }
 
 const std::string& ApiTest::admin() {
-  if (adminToken_.empty()) adminToken_ = seedUser("admin", "admin");
-  return adminToken_;
+  if (!vars_.contains("admin")) seedUser("admin", "admin");
+  return vars_["admin"];
 }
 
 void ApiTest::seedGroup(const std::string& name, const std::vector<std::string>& channels) {

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -119,10 +120,36 @@ class ApiTest : public TempDirTest {
   // privileges do not allow the mark; the test should then skip.
   [[nodiscard]] bool blockWrites(const fs::path& record);
 
+  // Walks a table of steps in order, one per line; `#` starts a comment. Every text is first
+  // expanded: `$name` is a variable (a seeded user's token, or a capture), `{N*text}` is text
+  // repeated N times, `\s \t \n \r \xHH \\` are escapes.
+  //   [N*] [caller] [@peer] [header:value] METHOD /path?name=value&flag [body] => STATUS [checks]
+  // caller: a user name (its token), `-` for none, else the bearer text itself (default: admin).
+  // Each request comes from a fresh peer unless @peer is given. Checks, separated by " ; ":
+  //   text (status >= 400, first)  the exact error document {"error": text}; ^text: its start
+  //   {...} / [...]  the exact body        keys=a,b  the top-level members in this order
+  //   (a path part `#` is an array's size, `key:value` the element whose member key is value)
+  //   .a.b=JSON  a member's value          .a.b!  absent       .a.b~REGEX  a string member
+  //   =@path  the body equals that stored document      $name=.a.b  captures a member's text
+  //   has:text / !has:text  the body contains (not)     hdr:Name=value / hdr:Name~REGEX
+  //   bytes=text  the bytes of a file answer
+  // Other steps (paths are under the data directory):
+  //   user NAME ROLE [ch1,ch2] [service]   group NAME [ch1,ch2]   channel NAME [build] [public]
+  //   build ID [path=content ...]    set PATH .member=JSON    write PATH text
+  //   file PATH absent | exists | checks (as above, on the stored document) | is=text
+  //   files DIR N        mark PATH (remember its bytes)       unchanged PATH
+  void walk(std::string_view table);
+
+  std::map<std::string, std::string> vars_;
+
  private:
+  void step(const std::string& line);
+  http::Response request(const std::string& line, std::size_t arrow);
+  void check(const http::Response& res, const Json::Value& doc, const std::string& checks,
+             unsigned status, bool answer);
+  std::map<std::string, std::string> marks_;
   std::unique_ptr<Context> ctx_;
   std::unique_ptr<http::Router> router_;
-  std::string adminToken_;
   int peers_ = 0;
   std::vector<fs::path> immutable_;  // cleared again on teardown, so the directory can be removed
 };
