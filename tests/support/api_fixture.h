@@ -125,7 +125,9 @@ class ApiTest : public TempDirTest {
   // repeated N times, `\s \t \n \r \xHH \\` are escapes.
   //   [N*] [caller] [@peer] [header:value] METHOD /path?name=value&flag [body] => STATUS [checks]
   // caller: a user name (its token), `-` for none, else the bearer text itself (default: admin).
-  // Each request comes from a fresh peer unless @peer is given. Checks, separated by " ; ":
+  // Each request comes from a fresh peer unless @peer is given; N* repeats a request, callers
+  // `a,b` run it once each. STATUS `pass` means the gate let the caller through. Checks
+  // (separated by " ; "):
   //   text (status >= 400, first)  the exact error document {"error": text}; ^text: its start
   //   {...} / [...]  the exact body        keys=a,b  the top-level members in this order
   //   (a path part `#` is an array's size, `key:value` the element whose member key is value)
