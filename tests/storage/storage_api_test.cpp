@@ -118,14 +118,14 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
   writeChannel("barge-one");
   EXPECT_TRUE(isError(sync("barge-one"), 404, "no such Rill channel"));
 
-  ASSERT_TRUE(isOk(createChannel("api-sync", "rill")));
+  walk("POST /api/channels/api-sync?engine=rill => 200");
   EXPECT_TRUE(isError(sync("api-sync"), 503,
                       "rill: rill storage not configured (missing data-dir rill.json)"));
   vars_["s3"] = S3Peers::shared().endpoint();
   walk(R"(PUT /api/storage {"endpoint":"$s3","bucket":"quill-test","access_key":")" +
        std::string(rill::test::kPeerAccessKey) + R"(","secret_key":")" + rill::test::kPeerSecretKey +
        "\"} => 200");
-  ASSERT_TRUE(isOk(createChannel("api-empty", "rill")));
+  walk("POST /api/channels/api-empty?engine=rill => 200");
   const auto empty = sync("api-empty");
   EXPECT_EQ(empty.status, 503u);
   EXPECT_EQ(bodyOf(empty)["error"].asString().rfind(
@@ -170,11 +170,11 @@ TEST_F(StorageApiTest, SyncReadsNoMoreOfAManifestThanItsBound) {
   QUILL_REQUIRE_HOSTILE_BUCKET(bucket);
   ASSERT_TRUE(storage::writeRillSettings(data(), bucket.settings()));
   const std::string bound = std::to_string(ctx().syncManifestBytes.total());
-  ASSERT_TRUE(isOk(createChannel("endless", "rill")));
+  walk("POST /api/channels/endless?engine=rill => 200");
   bucket.plantEndless("channels/endless/manifest.json");
   EXPECT_TRUE(isError(sync("endless"), 503, "rill: curl: answer larger than " + bound + " bytes"));
   // Told too large: refused without a download.
-  ASSERT_TRUE(isOk(createChannel("huge", "rill")));
+  walk("POST /api/channels/huge?engine=rill => 200");
   bucket.plantSparse("channels/huge/manifest.json", ctx().syncManifestBytes.total() + 1);
   EXPECT_TRUE(isError(sync("huge"), 503, "rill: manifest larger than " + bound + " bytes"));
 }

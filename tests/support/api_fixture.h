@@ -95,20 +95,16 @@ class ApiTest : public TempDirTest {
   // POST /api/invites/redeem from a fresh peer; `machine` is left off when null.
   http::Response redeem(const std::string& code, const char* machine = nullptr);
 
-  // The build and channel routes as the admin.
+  // The build routes as the admin.
   http::Response upload(const std::string& id, const std::string& path, std::string bytes);
   http::Response finalize(const std::string& id);
   // A finalized build holding `files` (path, content).
   void makeBuild(const std::string& id,
                  std::vector<std::pair<std::string, std::string>> files = {{"app.bin", "bytes"}});
-  http::Response createChannel(const std::string& name, const std::string& engine = "");
-  http::Response promote(const std::string& channel, const std::string& build);
-  http::Response setPublic(const std::string& channel, const std::string& value);
 
   fs::path userPath(const std::string& name) const;
   fs::path tokenPath(const std::string& name) const;
   fs::path groupPath(const std::string& name) const;
-  fs::path channelPath(const std::string& name) const;
   fs::path invitePath(const std::string& code) const;
   fs::path buildDir(const std::string& id) const { return data().builds() / id; }
 
