@@ -39,16 +39,6 @@ class SsoApi : public ApiTest {
     idp_.serve(kDiscoveryPath, http::toCompactJson(doc));
   }
 
-  http::Response putConfig(const std::string& body) {
-    return asAdmin(Req("PUT", "/api/sso/config").body(body));
-  }
-  std::string providerBody(const std::string& issuer) {
-    Json::Value body(Json::objectValue);
-    body["issuer"] = issuer;
-    body["client_id"] = "quill";
-    body["client_secret"] = kSecret;
-    return http::toCompactJson(body);
-  }
   void configure(sso::Mapping mapping = {}) {
     sso::SsoConfig config;
     config.issuer = idp_.origin();
@@ -56,9 +46,6 @@ class SsoApi : public ApiTest {
     config.clientSecret = kSecret;
     config.mapping = std::move(mapping);
     ASSERT_TRUE(sso::saveSsoConfig(data(), config));
-  }
-  http::Response putMapping(const std::string& body) {
-    return asAdmin(Req("PUT", "/api/sso/mapping").body(body));
   }
 
   struct Started {

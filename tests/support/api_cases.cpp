@@ -147,7 +147,7 @@ void ApiTest::step(const std::string& raw) {
     }
     for (const std::string& one : heads) {
       for (int i = 0; i < times; ++i) {
-        const http::Response res = request(one, 0);
+        const http::Response res = request(one);
         const Json::Value doc = res.contentType.find("json") != std::string::npos && !res.body.empty()
                                     ? loose(res.body)
                                     : Json::Value();
@@ -240,8 +240,8 @@ void ApiTest::step(const std::string& raw) {
   }
 }
 
-http::Response ApiTest::request(const std::string& head, std::size_t skip) {
-  std::size_t at = skip;
+http::Response ApiTest::request(const std::string& head) {
+  std::size_t at = 0;
   auto next = [&] {
     while (at < head.size() && head[at] == ' ') ++at;
     const auto end = std::min(head.find(' ', at), head.size());

@@ -116,9 +116,9 @@ class ApiTest : public TempDirTest {
   // privileges do not allow the mark; the test should then skip.
   [[nodiscard]] bool blockWrites(const fs::path& record);
 
-  // Walks a table of steps in order, one per line; `#` starts a comment. Every text is first
-  // expanded: `$name` is a variable (a seeded user's token, or a capture), `{N*text}` is text
-  // repeated N times, `\s \t \n \r \xHH \\` are escapes.
+  // Walks a table of steps in order, one per line; `#` starts a comment. `$name` is a variable
+  // (a seeded user's token, or a capture) and `{N*text}` is text repeated N times; then, word by
+  // word, `\s \t \n \r \xHH \\` are escapes (so `\s` is a space inside a word).
   //   [N*] [caller] [@peer] [header:value] METHOD /path?name=value&flag [body] => STATUS [checks]
   // caller: a user name (its token), `-` for none, else the bearer text itself (default: admin).
   // Each request comes from a fresh peer unless @peer is given; N* repeats a request, callers
@@ -132,7 +132,7 @@ class ApiTest : public TempDirTest {
   //   has:text / !has:text  the body contains (not)     hdr:Name=value / hdr:Name~REGEX
   //   bytes=text  the bytes of a file answer
   // Other steps (paths are under the data directory):
-  //   user NAME ROLE [ch1,ch2] [service]   group NAME [ch1,ch2]   channel NAME [build] [public]
+  //   user NAME ROLE [ch1,ch2] [service]  group NAME [ch1,ch2]  channel NAME [build|-] [public]
   //   build ID [path=content ...]    set PATH .member=JSON    write PATH text
   //   file PATH absent | exists | checks (as above, on the stored document) | is=text
   //   files DIR N        mark PATH (remember its bytes)       unchanged PATH
@@ -142,7 +142,7 @@ class ApiTest : public TempDirTest {
 
  private:
   void step(const std::string& line);
-  http::Response request(const std::string& line, std::size_t arrow);
+  http::Response request(const std::string& head);
   void check(const http::Response& res, const Json::Value& doc, const std::string& checks,
              unsigned status, bool answer);
   std::map<std::string, std::string> marks_;
