@@ -1,340 +1,206 @@
-// The channel routes in-process through the route table and the gate: creation and its engine
-// rules, reading and listing, promotion, the public flag, launch targets and deletion.
+// The channel routes through the route table and the gate: creation and its engine rules,
+// reading and listing, promotion, the public flag, launch targets and deletion.
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "http/json.h"
 #include "store/utc_time.h"
 #include "support/api_fixture.h"
 
 namespace quill::test {
 namespace {
 
-constexpr const char* kBadName = "invalid channel name";
-constexpr const char* kNotFound = "channel not found";
-constexpr const char* kBadEngine = "engine must be 'barge' or 'rill'";
-constexpr const char* kRillOnly =
-    "this server is Rill-only: create the channel with engine=rill and publish with "
-    "quillmoor-rill";
-constexpr const char* kExists = "channel already exists";
-constexpr const char* kBadBuild = "missing or invalid ?build= parameter";
-constexpr const char* kBuildMissing = "build not found or not finalized";
-constexpr const char* kBadPublic = "?value= must be true or false";
-constexpr const char* kBadLaunchBody = R"(body must be JSON {"launch_targets": [ ... ]})";
-constexpr const char* kTooManyTargets = "at most 32 launch targets per channel";
-constexpr const char* kNotObject = "each launch target must be an object";
-constexpr const char* kBadLabel = "launch target 'label' must be 1..128 characters";
-constexpr const char* kBadExe =
-    "launch target 'exe' must be a safe install-relative path (no '..', no drive, forward "
-    "slashes)";
-constexpr const char* kLongArgs = "launch target 'args' too long";
-constexpr const char* kTwoPrimaries = "at most one launch target can be marked primary";
-
-// A launch-target element as JSON text.
-std::string target(const std::string& label, const std::string& exe = "bin/game.exe",
-                   const std::string& more = "") {
-  Json::Value t(Json::objectValue);
-  t["label"] = label;
-  t["exe"] = exe;
-  std::string text = http::toCompactJson(t);
-  if (!more.empty()) text.insert(text.size() - 1, "," + more);
-  return text;
-}
-
-std::string launchBody(const std::vector<std::string>& targets) {
-  std::string text = R"({"launch_targets":[)";
-  for (std::size_t i = 0; i < targets.size(); ++i) text += (i ? "," : "") + targets[i];
-  return text + "]}";
-}
-
-class ChannelApiTest : public ApiTest {
+class ChannelApi : public ApiTest {
  protected:
   void SetUp() override { start(false); }
-  http::Response readChannel(const std::string& name) {
-    return asAdmin(Req("GET", "/api/channels/" + name));
-  }
-  http::Response deleteChannel(const std::string& name) {
-    return asAdmin(Req("DELETE", "/api/channels/" + name));
-  }
-  http::Response listChannels() { return asAdmin(Req("GET", "/api/channels")); }
-  http::Response setLaunch(const std::string& channel, const std::string& body) {
-    return asAdmin(Req("POST", "/api/channels/" + channel + "/launch").body(body));
-  }
 };
 
-TEST_F(ChannelApiTest, EveryChannelRouteRefusesAnInvalidNameFirst) {
-  for (const std::string& name : {std::string("bad name"), std::string(129, 'c')}) {
-    for (const Req& req : {Req("POST", "/api/channels/" + name).q("engine", "Rill"),
-                           Req("GET", "/api/channels/" + name),
-                           Req("DELETE", "/api/channels/" + name),
-                           Req("POST", "/api/channels/" + name + "/promote"),
-                           Req("POST", "/api/channels/" + name + "/public").q("value", "maybe"),
-                           Req("POST", "/api/channels/" + name + "/launch").body("nonsense")}) {
-      EXPECT_TRUE(isError(asAdmin(req), 400, kBadName)) << req.build().method << " " << name;
-    }
+TEST_F(ChannelApi, InvalidNamesThenCreationAndItsEngineRules) {
+  for (const std::string name : {"bad\\sname", "{129*c}"}) {
+    vars_["name"] = name;
+    walk(R"(
+      POST /api/channels/$name?engine=Rill => 400 invalid channel name
+      GET /api/channels/$name => 400 invalid channel name
+      DELETE /api/channels/$name => 400 invalid channel name
+      POST /api/channels/$name/promote => 400 invalid channel name
+      POST /api/channels/$name/public?value=maybe => 400 invalid channel name
+      POST /api/channels/$name/launch nonsense => 400 invalid channel name
+    )");
   }
-}
-
-TEST_F(ChannelApiTest, CreateChecksTheEngineThenExistence) {
-  EXPECT_TRUE(isError(createChannel("beta", "Rill"), 400, kBadEngine));
-  EXPECT_FALSE(fs::exists(channelPath("beta")));
-
   const std::string before = store::nowUtcText();
-  auto res = createChannel("beta");
-  EXPECT_EQ(memberOrder(res),
-            (std::vector<std::string>{"build", "created_at", "engine", "schema_version"}));
-  Json::Value doc = bodyOf(res);
-  EXPECT_EQ(doc["schema_version"], 1);
-  EXPECT_EQ(doc["engine"], "barge");
-  EXPECT_EQ(doc["build"], "");
-  ASSERT_TRUE(isUtcStamp(doc["created_at"]));
-  EXPECT_LE(before, doc["created_at"].asString());
-  EXPECT_EQ(readDoc(channelPath("beta")), doc);
-  EXPECT_EQ(bodyOf(asAdmin(Req("POST", "/api/channels/nightly").q("engine", "")))["engine"], "barge");
-  EXPECT_EQ(bodyOf(createChannel("chunks", "rill"))["engine"], "rill");
-
-  const std::string stored = readBytes(channelPath("beta"));
-  EXPECT_TRUE(isError(createChannel("beta", "Rill"), 400, kBadEngine));  // before existence
-  EXPECT_TRUE(isError(createChannel("beta", "rill"), 409, kExists));
-  EXPECT_EQ(readBytes(channelPath("beta")), stored);
-}
-
-TEST_F(ChannelApiTest, RillOnlyServerCreatesOnlyRillChannels) {
+  walk(R"(
+    POST /api/channels/beta?engine=Rill => 400 engine must be 'barge' or 'rill'
+    file channels/beta.json absent
+    POST /api/channels/beta => 200 keys=build,created_at,engine,schema_version ; .schema_version=1 ; .engine="barge" ; .build="" ; .created_at~\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ ; =@channels/beta.json ; $at=.created_at
+    POST /api/channels/nightly?engine= => 200 .engine="barge"
+    POST /api/channels/chunks?engine=rill => 200 .engine="rill"
+    mark channels/beta.json
+    # The engine is checked before existence.
+    POST /api/channels/beta?engine=Rill => 400 engine must be 'barge' or 'rill'
+    POST /api/channels/beta?engine=rill => 409 channel already exists
+    unchanged channels/beta.json
+  )");
+  EXPECT_LE(before, vars_["at"]);
+  // A Rill-only server creates only Rill channels, the engine rule before existence.
   start(false, true);
-  ASSERT_TRUE(isOk(createChannel("chunks", "rill")));
-  EXPECT_TRUE(isError(createChannel("beta"), 403, kRillOnly));
-  EXPECT_TRUE(isError(createChannel("beta", "Rill"), 400, kBadEngine));
-  EXPECT_FALSE(fs::exists(channelPath("beta")));
-  // The engine rule comes before existence.
-  EXPECT_TRUE(isError(createChannel("chunks"), 403, kRillOnly));
-  EXPECT_TRUE(isError(createChannel("chunks", "rill"), 409, kExists));
+  walk(R"(
+    POST /api/channels/chunks2?engine=rill => 200
+    POST /api/channels/alpha => 403 this server is Rill-only: create the channel with engine=rill and publish with quillmoor-rill
+    POST /api/channels/alpha?engine=Rill => 400 engine must be 'barge' or 'rill'
+    file channels/alpha.json absent
+    POST /api/channels/chunks2 => 403 this server is Rill-only: create the channel with engine=rill and publish with quillmoor-rill
+    POST /api/channels/chunks2?engine=rill => 409 channel already exists
+  )");
 }
 
-TEST_F(ChannelApiTest, ReadAnswersTheDocumentExactlyAsStored) {
-  EXPECT_TRUE(isError(readChannel("nobody"), 404, kNotFound));
-  writeText(channelPath("broken"), R"({"build":")");
-  EXPECT_TRUE(isError(readChannel("broken"), 404, kNotFound));
-  // No defaults are filled in, and members unknown to the server are kept.
-  const Json::Value legacy = parseJson(
-      R"({"schema_version":1,"build":"b9","created_at":"2024-01-01T00:00:00Z","note":"hand-made"})");
-  writeDoc(channelPath("legacy"), legacy);
-  EXPECT_EQ(bodyOf(readChannel("legacy")), legacy);
+TEST_F(ChannelApi, ReadAndListSummariseInFileNameOrder) {
+  walk(R"(
+    GET /api/channels => 200 {"channels":[],"schema_version":1}
+    GET /api/channels/nobody => 404 channel not found
+    write channels/broken.json {"build":"
+    GET /api/channels/broken => 404 channel not found
+    # No defaults are filled in, and members unknown to the server are kept.
+    write channels/legacy.json {"schema_version":1,"build":"b9","created_at":"2024-01-01T00:00:00Z","note":"hand-made"}
+    GET /api/channels/legacy => 200 {"build":"b9","created_at":"2024-01-01T00:00:00Z","note":"hand-made","schema_version":1}
+    build b1 a.bin=12 b.bin=345
+    PUT /api/builds/open/files?path=a.txt a => 200
+    write builds/not\san\sid/manifest.json {"build":"not an id","created_at":"2020-01-01T00:00:00Z","file_count":9,"total_size":9,"files":[]}
+    POST /api/channels/a => 200
+    POST /api/channels/a.b => 200
+    POST /api/channels/B => 200
+    POST /api/channels/rill1?engine=rill => 200
+    POST /api/channels/zz => 200
+    POST /api/channels/zz/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe"}]} => 200
+    POST /api/channels/zz/promote?build=b1 => 200 $promoted=.promoted_at
+    POST /api/channels/zz/public?value=true => 200
+    write channels/legacy.json {"build":"open","promoted_at":5,"public":"yes"}
+    write channels/weird.json {"build":"not an id","engine":"rill"}
+    write channels/broken.json {
+    write channels/notes.txt {"build":"b1"}
+    write channels/folder.json/x
+    # Absent engine reads as barge, a non-string promoted_at as "", a non-boolean public as false;
+    # an open build, or a build that is not a valid id, has no figures.
+    GET /api/channels => 200 keys=channels,schema_version ; .channels.#=7 ; .channels.0={"build":"","channel":"B","engine":"barge","promoted_at":"","public":false} ; .channels.1.channel="a.b" ; .channels.2={"build":"","channel":"a","engine":"barge","promoted_at":"","public":false} ; .channels.3={"build":"open","channel":"legacy","engine":"barge","promoted_at":"","public":false} ; .channels.4={"build":"","channel":"rill1","engine":"rill","promoted_at":"","public":false} ; .channels.5={"build":"not an id","channel":"weird","engine":"rill","promoted_at":"","public":false} ; .channels.6.build="b1" ; .channels.6.channel="zz" ; .channels.6.engine="barge" ; .channels.6.file_count=2 ; .channels.6.total_size=5 ; .channels.6.public=true ; .channels.6.promoted_at="$promoted" ; .channels.6.launch_targets=[{"args":"","exe":"bin/game.exe","label":"Play","primary":false}] ; .channels.6.build_created_at~.+Z ; .channels.6.#=9
+  )");
 }
 
-TEST_F(ChannelApiTest, ListSummarisesChannelsInFileNameOrder) {
-  EXPECT_EQ(listChannels().body, R"({"channels":[],"schema_version":1})");
-
-  makeBuild("b1", {{"a.bin", "12"}, {"b.bin", "345"}});
-  ASSERT_TRUE(isOk(upload("open", "a.txt", "a")));
-  writeText(buildDir("not an id") / "manifest.json",
-            R"({"build":"not an id","created_at":"2020-01-01T00:00:00Z","file_count":9,"total_size":9,"files":[]})");
-  for (const char* name : {"a", "a.b", "B"}) ASSERT_TRUE(isOk(createChannel(name)));
-  ASSERT_TRUE(isOk(createChannel("rill1", "rill")));
-  ASSERT_TRUE(isOk(createChannel("zz")));
-  ASSERT_TRUE(isOk(setLaunch("zz", launchBody({target("Play")}))));
-  ASSERT_TRUE(isOk(promote("zz", "b1")));
-  ASSERT_TRUE(isOk(setPublic("zz", "true")));
-  writeDoc(channelPath("legacy"), parseJson(R"({"build":"open","promoted_at":5,"public":"yes"})"));
-  writeDoc(channelPath("weird"), parseJson(R"({"build":"not an id","engine":"rill"})"));
-  writeText(channelPath("broken"), "{");
-  writeText(data().channels() / "notes.txt", R"({"build":"b1"})");
-  fs::create_directories(data().channels() / "folder.json");
-
-  auto res = listChannels();
-  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"channels", "schema_version"}));
-  const Json::Value list = bodyOf(res)["channels"];
-  std::vector<std::string> text;
-  for (const auto& summary : list) text.push_back(http::toCompactJson(summary));
-  Json::Value pointer = readDoc(channelPath("zz"));
-  const std::string fresh = R"(","engine":"barge","promoted_at":"","public":false})";
-  // Absent engine reads as barge, a non-string promoted_at as "", a non-boolean public as false;
-  // an open build, or a build that is not a valid id, has no figures.
-  EXPECT_EQ(text, (std::vector<std::string>{
-                      R"({"build":"","channel":"B)" + fresh,
-                      R"({"build":"","channel":"a.b)" + fresh,
-                      R"({"build":"","channel":"a)" + fresh,
-                      R"({"build":"open","channel":"legacy)" + fresh,
-                      R"({"build":"","channel":"rill1","engine":"rill","promoted_at":"","public":false})",
-                      R"({"build":"not an id","channel":"weird","engine":"rill","promoted_at":"","public":false})",
-                      R"({"build":"b1","build_created_at":")" +
-                          readDoc(buildDir("b1") / "manifest.json")["created_at"].asString() +
-                          R"(","channel":"zz","engine":"barge","file_count":2,"launch_targets":)" +
-                          http::toCompactJson(pointer["launch_targets"]) + R"(,"promoted_at":")" +
-                          pointer["promoted_at"].asString() + R"(","public":true,"total_size":5})"}));
+TEST_F(ChannelApi, DeleteUnassignsFromGroupsAndFollowsButKeepsBuilds) {
+  walk(R"(
+    DELETE /api/channels/nobody => 404 channel not found
+    build b1
+    channel beta b1
+    channel x
+    group twice beta,x,beta
+    group once beta
+    group other x
+    write groups/junk.json {
+    user u1 member
+    user u2 member
+    user u3 member
+    user u4 member
+    user u5 member
+    set users/u1.json .follows=["beta"]
+    set users/u2.json .follows=["beta","beta","y"]
+    set users/u3.json .follows=["a","beta"]
+    set users/u4.json .follows=["y"]
+    DELETE /api/channels/beta => 200 {"deleted":"beta","unassigned_from_groups":2,"unfollowed_by_users":3}
+    file channels/beta.json absent
+    file groups/twice.json .channels=["x"]
+    file groups/once.json .channels=[]
+    file users/u2.json .follows=["y"]
+    file users/u3.json .follows=["a"]
+    file channels/x.json exists
+    DELETE /api/channels/beta => 404 channel not found
+    # Nothing points at the build any more, so it can go.
+    DELETE /api/builds/b1 => 200
+  )");
 }
 
-TEST_F(ChannelApiTest, DeleteUnassignsFromGroupsAndFollowsButKeepsBuilds) {
-  EXPECT_TRUE(isError(deleteChannel("nobody"), 404, kNotFound));
-  makeBuild("b1");
-  writeChannel("beta", "b1");
-  writeChannel("x");
-  seedGroup("twice", {"beta", "x", "beta"});
-  seedGroup("once", {"beta"});
-  seedGroup("other", {"x"});
-  writeText(data().groups() / "junk.json", "{");
-  const std::vector<std::pair<const char*, Json::Value>> follows = {
-      {"u1", strings({"beta"})}, {"u2", strings({"beta", "beta", "y"})},
-      {"u3", strings({"a", "beta"})}, {"u4", strings({"y"})}, {"u5", Json::Value()}};
-  for (const auto& [name, list] : follows) {
-    seedUser(name, "member");
-    if (!list.isNull()) setMember(userPath(name), "follows", list);
-  }
-
-  auto res = deleteChannel("beta");
-  EXPECT_EQ(res.body, R"({"deleted":"beta","unassigned_from_groups":2,"unfollowed_by_users":3})");
-  EXPECT_FALSE(fs::exists(channelPath("beta")));
-  EXPECT_EQ(readDoc(groupPath("twice"))["channels"], strings({"x"}));
-  EXPECT_EQ(readDoc(groupPath("once"))["channels"], Json::Value(Json::arrayValue));
-  EXPECT_EQ(readDoc(userPath("u2"))["follows"], strings({"y"}));
-  EXPECT_EQ(readDoc(userPath("u3"))["follows"], strings({"a"}));
-  EXPECT_TRUE(fs::exists(channelPath("x")));
-  EXPECT_TRUE(isError(deleteChannel("beta"), 404, kNotFound));
-  // Nothing points at the build any more, so it can go.
-  EXPECT_TRUE(isOk(asAdmin(Req("DELETE", "/api/builds/b1"))));
-}
-
-TEST_F(ChannelApiTest, PromoteChecksInOrder) {
-  EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/channels/ghost/promote")), 400, kBadBuild));
-  EXPECT_TRUE(isError(promote("ghost", "b/1"), 400, kBadBuild));
-  EXPECT_TRUE(isError(promote("ghost", "nobuild"), 404,
-                      "channel 'ghost' does not exist - create it first (quillmoor channel "
-                      "create ghost)"));
-
-  ASSERT_TRUE(isOk(createChannel("beta")));
-  const std::string untouched = readBytes(channelPath("beta"));
-  EXPECT_TRUE(isError(promote("beta", "nobuild"), 404, kBuildMissing));
-  ASSERT_TRUE(isOk(upload("open", "a.txt", "a")));
-  EXPECT_TRUE(isError(promote("beta", "open"), 404, kBuildMissing));
-  makeBuild("b1");
-  ASSERT_TRUE(isOk(asAdmin(Req("POST", "/api/builds/b1/disabled"))));
-  EXPECT_TRUE(isError(promote("beta", "b1"), 409, "build is disabled and cannot be promoted"));
-  EXPECT_EQ(readBytes(channelPath("beta")), untouched);
-
-  ASSERT_TRUE(isOk(asAdmin(Req("POST", "/api/builds/b1/disabled").q("value", "false"))));
-  EXPECT_EQ(bodyOf(promote("beta", "b1"))["build"], "b1");
-  EXPECT_TRUE(isOk(promote("beta", "b1")));  // again: allowed
-}
-
-TEST_F(ChannelApiTest, PromotionKeepsPublicAndLaunchTargetsAndDropsTheEngine) {
-  makeBuild("b1");
-  makeBuild("b2");
-  ASSERT_TRUE(isOk(createChannel("beta", "rill")));
-  ASSERT_TRUE(isOk(setPublic("beta", "true")));
-  ASSERT_TRUE(isOk(setLaunch("beta", launchBody({target("Play", "bin/game.exe", R"("primary":true)")}))));
-  setMember(channelPath("beta"), "note", "not carried over");
-  Json::Value old = readDoc(channelPath("beta"));
-
+TEST_F(ChannelApi, PromoteChecksInOrderAndKeepsPublicAndLaunchTargets) {
   const std::string before = store::nowUtcText();
-  auto res = promote("beta", "b1");
-  EXPECT_EQ(memberOrder(res), (std::vector<std::string>{"build", "created_at", "launch_targets",
-                                                        "promoted_at", "public", "schema_version"}));
-  Json::Value doc = bodyOf(res);
-  EXPECT_EQ(doc["build"], "b1");
-  EXPECT_EQ(doc["created_at"], old["created_at"]);
-  EXPECT_EQ(doc["public"], true);
-  EXPECT_EQ(doc["launch_targets"], old["launch_targets"]);
-  ASSERT_TRUE(isUtcStamp(doc["promoted_at"]));
-  EXPECT_LE(before, doc["promoted_at"].asString());
-  EXPECT_EQ(readDoc(channelPath("beta")), doc);
-  EXPECT_EQ(bodyOf(listChannels())["channels"][0]["engine"], "barge");
-
-  // Members absent before stay absent; a stored false is carried as false.
-  writeDoc(channelPath("bare"), parseJson(R"({"schema_version":1,"build":"","public":false})"));
-  auto bare = promote("bare", "b2");
-  EXPECT_EQ(memberOrder(bare), (std::vector<std::string>{"build", "promoted_at", "public", "schema_version"}));
-  EXPECT_EQ(bodyOf(bare)["public"], false);
+  walk(R"(
+    POST /api/channels/ghost/promote => 400 missing or invalid ?build= parameter
+    POST /api/channels/ghost/promote?build=b/1 => 400 missing or invalid ?build= parameter
+    POST /api/channels/ghost/promote?build=nobuild => 404 channel 'ghost' does not exist - create it first (quillmoor channel create ghost)
+    POST /api/channels/beta => 200
+    mark channels/beta.json
+    POST /api/channels/beta/promote?build=nobuild => 404 build not found or not finalized
+    PUT /api/builds/open/files?path=a.txt a => 200
+    POST /api/channels/beta/promote?build=open => 404 build not found or not finalized
+    build b1
+    build b2
+    POST /api/builds/b1/disabled => 200
+    POST /api/channels/beta/promote?build=b1 => 409 build is disabled and cannot be promoted
+    unchanged channels/beta.json
+    POST /api/builds/b1/disabled?value=false => 200
+    # Again: allowed.
+    2* POST /api/channels/beta/promote?build=b1 => 200 .build="b1"
+    # Promotion keeps public and the launch targets and drops the engine and unknown members.
+    POST /api/channels/rc?engine=rill => 200 $created=.created_at
+    POST /api/channels/rc/public?value=true => 200
+    POST /api/channels/rc/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe","primary":true}]} => 200
+    set channels/rc.json .note="not carried over"
+    POST /api/channels/rc/promote?build=b1 => 200 keys=build,created_at,launch_targets,promoted_at,public,schema_version ; .build="b1" ; .created_at="$created" ; .public=true ; .launch_targets=[{"args":"","exe":"bin/game.exe","label":"Play","primary":true}] ; .promoted_at~\d{4}-.+Z ; =@channels/rc.json ; $at=.promoted_at
+    GET /api/channels => 200 .channels.channel:rc.engine="barge"
+    # Members absent before stay absent; a stored false is carried as false.
+    write channels/bare.json {"schema_version":1,"build":"","public":false}
+    POST /api/channels/bare/promote?build=b2 => 200 keys=build,promoted_at,public,schema_version ; .public=false
+  )");
+  EXPECT_LE(before, vars_["at"]);
 }
 
-TEST_F(ChannelApiTest, PublicFlagTakesOnlyTrueOrFalseAndKeepsTheRest) {
-  EXPECT_TRUE(isError(setPublic("ghost", "TRUE"), 400, kBadPublic));
-  EXPECT_TRUE(isError(setPublic("ghost", "true"), 404, kNotFound));
-  writeText(channelPath("broken"), "[");
-  EXPECT_TRUE(isError(setPublic("broken", "true"), 404, kNotFound));
-
-  ASSERT_TRUE(isOk(createChannel("beta", "rill")));
-  ASSERT_TRUE(isOk(setLaunch("beta", launchBody({target("Play")}))));
-  setMember(channelPath("beta"), "note", "kept");
-  Json::Value expected = readDoc(channelPath("beta"));
-  for (const char* value : {"true", "false"}) {
-    expected["public"] = std::string(value) == "true";
-    EXPECT_EQ(bodyOf(setPublic("beta", value)), expected);
-    EXPECT_EQ(readDoc(channelPath("beta")), expected);
-  }
+TEST_F(ChannelApi, PublicFlagTakesOnlyTrueOrFalseAndKeepsTheRest) {
+  walk(R"(
+    POST /api/channels/ghost/public?value=TRUE => 400 ?value= must be true or false
+    POST /api/channels/ghost/public?value=true => 404 channel not found
+    write channels/broken.json [
+    POST /api/channels/broken/public?value=true => 404 channel not found
+    POST /api/channels/beta?engine=rill => 200
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe"}]} => 200
+    set channels/beta.json .note="kept"
+    POST /api/channels/beta/public?value=true => 200 =@channels/beta.json ; .public=true ; .note="kept" ; .engine="rill" ; .launch_targets.0.label="Play" ; .#=7
+    POST /api/channels/beta/public?value=false => 200 =@channels/beta.json ; .public=false ; .note="kept" ; .#=7
+  )");
 }
 
-TEST_F(ChannelApiTest, LaunchTargetsAreCheckedInOrderUntilTheFirstFailure) {
-  EXPECT_TRUE(isError(setLaunch("ghost", "nonsense"), 404, kNotFound));  // channel before body
-  ASSERT_TRUE(isOk(createChannel("beta")));
-  const std::string untouched = readBytes(channelPath("beta"));
-  const std::string args1025(1025, 'a');
-  std::string wideLabel;  // 65 characters, 130 bytes: lengths count bytes
-  for (int i = 0; i < 65; ++i) wideLabel += "\xC3\xA9";
-  struct Case {
-    std::string body;
-    const char* error;
-  };
-  std::vector<Case> cases;
-  for (const char* body : {"nonsense", "[]", R"({"launch_targets":{}})", R"({"targets":[]})"}) {
-    cases.push_back({body, kBadLaunchBody});
-  }
-  // The count is checked before any element.
-  cases.push_back({launchBody(std::vector<std::string>(33, "5")), kTooManyTargets});
-  for (const Case& c : std::vector<Case>{
-           {launchBody({target("Play"), "5"}), kNotObject},
-           {launchBody({R"({"exe":"bin/game.exe"})"}), kBadLabel},
-           {launchBody({target(wideLabel)}), kBadLabel},
-           {launchBody({R"({"label":"Play"})"}), kBadExe},
-           {launchBody({target("Play", "C:/game.exe")}), kBadExe},
-           {launchBody({target("Play", "bin/game.exe", R"("args":")" + args1025 + "\"")}), kLongArgs},
-           {launchBody({target("A", "a.exe", R"("primary":true)"), target("B"),
-                        target("C", "c.exe", R"("primary":true)")}),
-            kTwoPrimaries},
-           // Within an element: label, then exe, then args.
-           {launchBody({target("", "../x")}), kBadLabel},
-           {launchBody({target("Play", "../x", R"("args":")" + args1025 + "\"")}), kBadExe},
-           // The first failing element decides.
-           {launchBody({target(""), "5"}), kBadLabel},
-           {launchBody({"5", target("")}), kNotObject},
-           {launchBody({target("A", "a.exe", R"("primary":true)"),
-                        target("B", "b.exe", R"("primary":true)"), target("")}),
-            kTwoPrimaries}}) {
-    cases.push_back(c);
-  }
-  for (const auto& c : cases) {
-    EXPECT_TRUE(isError(setLaunch("beta", c.body), 400, c.error)) << c.body.substr(0, 80);
-  }
-  EXPECT_EQ(readBytes(channelPath("beta")), untouched);
+TEST_F(ChannelApi, LaunchTargetsAreCheckedInOrderUntilTheFirstFailure) {
+  walk(R"(
+    # The channel is checked before the body.
+    POST /api/channels/ghost/launch nonsense => 404 channel not found
+    POST /api/channels/beta => 200
+    mark channels/beta.json
+    POST /api/channels/beta/launch nonsense => 400 body must be JSON {"launch_targets": [ ... ]}
+    POST /api/channels/beta/launch [] => 400 body must be JSON {"launch_targets": [ ... ]}
+    POST /api/channels/beta/launch {"launch_targets":{}} => 400 body must be JSON {"launch_targets": [ ... ]}
+    POST /api/channels/beta/launch {"targets":[]} => 400 body must be JSON {"launch_targets": [ ... ]}
+    # The count is checked before any element.
+    POST /api/channels/beta/launch {"launch_targets":[{32*5,}5]} => 400 at most 32 launch targets per channel
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe"},5]} => 400 each launch target must be an object
+    POST /api/channels/beta/launch {"launch_targets":[{"exe":"bin/game.exe"}]} => 400 launch target 'label' must be 1..128 characters
+    # Lengths count bytes: 65 two-byte letters are too many.
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"{65*\xC3\xA9}","exe":"bin/game.exe"}]} => 400 launch target 'label' must be 1..128 characters
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play"}]} => 400 launch target 'exe' must be a safe install-relative path (no '..', no drive, forward slashes)
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"C:/game.exe"}]} => 400 launch target 'exe' must be a safe install-relative path (no '..', no drive, forward slashes)
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe","args":"{1025*a}"}]} => 400 launch target 'args' too long
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"A","exe":"a.exe","primary":true},{"label":"B","exe":"b"},{"label":"C","exe":"c.exe","primary":true}]} => 400 at most one launch target can be marked primary
+    # Within an element: label, then exe, then args; the first failing element decides.
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"","exe":"../x"}]} => 400 launch target 'label' must be 1..128 characters
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"../x","args":"{1025*a}"}]} => 400 launch target 'exe' must be a safe install-relative path (no '..', no drive, forward slashes)
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"","exe":"a"},5]} => 400 launch target 'label' must be 1..128 characters
+    POST /api/channels/beta/launch {"launch_targets":[5,{"label":"","exe":"a"}]} => 400 each launch target must be an object
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"A","exe":"a.exe","primary":true},{"label":"B","exe":"b.exe","primary":true},{"label":"","exe":"a"}]} => 400 at most one launch target can be marked primary
+    unchanged channels/beta.json
+  )");
 }
 
-TEST_F(ChannelApiTest, LaunchTargetsAreNormalisedAndReplaceOnlyThatMember) {
-  makeBuild("b1");
-  ASSERT_TRUE(isOk(createChannel("beta")));
-  ASSERT_TRUE(isOk(promote("beta", "b1")));
-  Json::Value expected = readDoc(channelPath("beta"));
-
-  const std::string label128(128, 'L'), args1024(1024, 'a');
-  std::vector<std::string> many = {
-      target(label128, "bin/game.exe", R"("icon":"x.png","extra":{"deep":1})"),
-      target("Server", "Game Data/srv \xC3\xA9.exe", R"("args":")" + args1024 + R"(","primary":true)")};
-  for (int i = 2; i < 32; ++i) many.push_back(target("Run " + std::to_string(i), "tool.exe", R"("primary":false)"));
-  auto res = setLaunch("beta", launchBody(many));
-  ASSERT_TRUE(isOk(res));
-  const Json::Value targets = bodyOf(res)["launch_targets"];
-  ASSERT_EQ(targets.size(), 32u);
-  EXPECT_EQ(http::toCompactJson(targets[0]),
-            R"({"args":"","exe":"bin/game.exe","label":")" + label128 + R"(","primary":false})");
-  EXPECT_EQ(http::toCompactJson(targets[1]), R"({"args":")" + args1024 +
-                                                 "\",\"exe\":\"Game Data/srv \xC3\xA9.exe\",\"label\":\"Server\",\"primary\":true}");
-  EXPECT_EQ(targets[31]["label"], "Run 31");
-  expected["launch_targets"] = targets;
-  EXPECT_EQ(readDoc(channelPath("beta")), expected);
-
-  expected["launch_targets"] = Json::Value(Json::arrayValue);
-  EXPECT_EQ(bodyOf(setLaunch("beta", launchBody({}))), expected);
-  EXPECT_EQ(readDoc(channelPath("beta")), expected);
+TEST_F(ChannelApi, LaunchTargetsAreNormalisedAndReplaceOnlyThatMember) {
+  std::string many;
+  for (int i = 2; i < 32; ++i) many += R"(,{"label":"Run)" + std::to_string(i) + R"(","exe":"tool.exe","primary":false})";
+  vars_["many"] = many;
+  walk(R"(
+    build b1
+    POST /api/channels/beta => 200
+    POST /api/channels/beta/promote?build=b1 => 200
+    POST /api/channels/beta/launch {"launch_targets":[{"label":"{128*L}","exe":"bin/game.exe","icon":"x.png","extra":{"deep":1}},{"label":"Server","exe":"Game Data/srv \xC3\xA9.exe","args":"{1024*a}","primary":true}$many]} => 200 =@channels/beta.json ; .launch_targets.#=32 ; .launch_targets.0={"args":"","exe":"bin/game.exe","label":"{128*L}","primary":false} ; .launch_targets.1={"args":"{1024*a}","exe":"Game Data/srv \xC3\xA9.exe","label":"Server","primary":true} ; .launch_targets.31.label="Run31" ; .build="b1" ; .#=5
+    POST /api/channels/beta/launch {"launch_targets":[]} => 200 =@channels/beta.json ; .launch_targets=[] ; .build="b1" ; .#=5
+  )");
 }
 
 }  // namespace

@@ -39,16 +39,6 @@ class SsoApi : public ApiTest {
     idp_.serve(kDiscoveryPath, http::toCompactJson(doc));
   }
 
-  http::Response putConfig(const std::string& body) {
-    return asAdmin(Req("PUT", "/api/sso/config").body(body));
-  }
-  std::string providerBody(const std::string& issuer) {
-    Json::Value body(Json::objectValue);
-    body["issuer"] = issuer;
-    body["client_id"] = "quill";
-    body["client_secret"] = kSecret;
-    return http::toCompactJson(body);
-  }
   void configure(sso::Mapping mapping = {}) {
     sso::SsoConfig config;
     config.issuer = idp_.origin();
@@ -56,9 +46,6 @@ class SsoApi : public ApiTest {
     config.clientSecret = kSecret;
     config.mapping = std::move(mapping);
     ASSERT_TRUE(sso::saveSsoConfig(data(), config));
-  }
-  http::Response putMapping(const std::string& body) {
-    return asAdmin(Req("PUT", "/api/sso/mapping").body(body));
   }
 
   struct Started {
@@ -143,189 +130,102 @@ class SsoApi : public ApiTest {
   const JwtSigner& key_ = JwtSigner::shared("k1");
 };
 
-TEST_F(SsoApi, ConfigIsSavedAfterDiscoveryAndNeverShowsTheSecret) {
-  EXPECT_EQ(bodyOf(send(Req("GET", "/api/sso/status")))["enabled"], false);
-  EXPECT_EQ(http::toCompactJson(bodyOf(asAdmin(Req("GET", "/api/sso/config")))),
-            R"({"configured":false,"schema_version":1})");
-
-  Json::Value body = parseJson(providerBody(" " + idp_.origin() + "/ \r\n"));
-  body["scopes"] = "";
-  auto res = putConfig(http::toCompactJson(body));
-  ASSERT_TRUE(isOk(res));
-  EXPECT_EQ(memberOrder(res),
-            (std::vector<std::string>{"authorization_endpoint", "client_id", "configured", "issuer",
-                                      "schema_version", "secret_set"}));
-  EXPECT_EQ(bodyOf(res)["authorization_endpoint"], idp_.origin() + "/auth");
-  EXPECT_EQ(bodyOf(res)["issuer"], idp_.origin());
-  EXPECT_EQ(res.body.find(kSecret), std::string::npos);
-
-  Json::Value stored = readDoc(sso::ssoConfigPath(data()));
+TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
+  vars_["idp"] = idp_.origin();
+  walk(R"(
+    - GET /api/sso/status => 200 .enabled=false
+    GET /api/sso/config => 200 {"configured":false,"schema_version":1}
+    GET /api/sso/mapping => 200 {"configured":false,"mapping":{"default_role":"member","groups":{},"groups_claim":"groups","roles":{},"roles_claim":"roles"},"schema_version":1}
+    PUT /api/sso/mapping {} => 409 set the provider first (PUT /api/sso/config)
+    - GET /api/sso/start?port=5555 => 404 single sign-on is not set up on this server
+    # Provider bodies are validated in order and refusals save nothing.
+    PUT /api/sso/config => 400 JSON body required
+    PUT /api/sso/config [1] => 400 JSON body required
+    PUT /api/sso/config {"issuer":"http://id.example.com","client_id":"c","client_secret":"s"} => 400 issuer must be an https:// URL (http:// only for localhost)
+    PUT /api/sso/config {"issuer":7,"client_id":"c","client_secret":"s"} => 400 issuer must be an https:// URL (http:// only for localhost)
+    PUT /api/sso/config {"issuer":"https://id.example.com","client_id":" / ","client_secret":"s"} => 400 client_id is required
+    PUT /api/sso/config {"issuer":"https://id.example.com","client_id":"c","client_secret":""} => 400 client_secret is required
+    # Loopback issuers pass validation and fail only at discovery.
+    PUT /api/sso/config {"issuer":"http://localhost:1/x","client_id":"c","client_secret":"s"} => 400 issuer unreachable
+    PUT /api/sso/config {"issuer":"http://127.0.0.1:1","client_id":"c","client_secret":"s"} => 400 issuer unreachable
+    # A probe of a given or the saved issuer saves nothing.
+    POST /api/sso/config/test => 400 SSO is not configured
+    POST /api/sso/config/test {"issuer":"http://x.example.com"} => 400 issuer must be an https:// URL (http:// only for localhost)
+    POST /api/sso/config/test {"issuer":"$idp/"} => 200 {"authorization_endpoint":"$idp/auth","issuer":"$idp","jwks_uri":"$idp/jwks","ok":true,"schema_version":1,"token_endpoint":"$idp/token"}
+    file sso.json absent
+    # Saved after discovery; the secret is never shown.
+    PUT /api/sso/config {"issuer":"\s$idp/\s\r\n","client_id":"quill","client_secret":"s3cret-Value-never-shown","scopes":""} => 200 keys=authorization_endpoint,client_id,configured,issuer,schema_version,secret_set ; .authorization_endpoint="$idp/auth" ; .issuer="$idp" ; !has:s3cret
+    file sso.json .issuer="$idp" ; .scopes="openid profile email" ; .client_secret="s3cret-Value-never-shown" ; .schema_version=1
+    GET /api/sso/config => 200 keys=client_id,configured,issuer,mapping,schema_version,scopes,secret_set ; .secret_set=true ; !has:s3cret
+    POST /api/sso/config/test {} => 200
+    - GET /api/sso/status => 200 .enabled=true
+    # Read by members: refused; the status stays public.
+    user mia member
+    mia GET /api/sso/config => 403 this operation requires the admin role
+    mia GET /api/sso/mapping => 403 this operation requires the admin role
+    # The mapping is validated and marks the target groups.
+    group qa
+    group beta
+    group manual
+    set groups/manual.json .sso_managed=true
+    mark sso.json
+    PUT /api/sso/mapping nope => 400 JSON body required
+    PUT /api/sso/mapping {"roles_claim":""} => 400 roles_claim must be a non-empty string
+    PUT /api/sso/mapping {"groups_claim":3} => 400 groups_claim must be a non-empty string
+    PUT /api/sso/mapping {"default_role":"Admin"} => 400 default_role must be admin, publisher or member
+    PUT /api/sso/mapping {"roles":[]} => 400 roles must be an object
+    PUT /api/sso/mapping {"roles":{"ops":"Admin"}} => 400 roles.ops must map to admin, publisher or member
+    PUT /api/sso/mapping {"groups":"qa"} => 400 groups must be an object
+    PUT /api/sso/mapping {"groups":{"t":1}} => 400 groups.t must name a Quillmoor group
+    PUT /api/sso/mapping {"groups":{"t":"qa","u":"nothere"}} => 404 group 'nothere' does not exist
+    PUT /api/sso/mapping {"groups":{"t":"../x"}} => 404 group '../x' does not exist
+    unchanged sso.json
+  )");
   EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));  // it holds the secret
-  EXPECT_EQ(stored["issuer"], idp_.origin());
-  EXPECT_EQ(stored["scopes"], "openid profile email");
-  EXPECT_EQ(stored["client_secret"], kSecret);
-  EXPECT_EQ(stored["schema_version"], 1);
-
-  res = asAdmin(Req("GET", "/api/sso/config"));
-  EXPECT_EQ(memberOrder(res),
-            (std::vector<std::string>{"client_id", "configured", "issuer", "mapping",
-                                      "schema_version", "scopes", "secret_set"}));
-  EXPECT_EQ(bodyOf(res)["secret_set"], true);
-  EXPECT_EQ(res.body.find(kSecret), std::string::npos);
-  EXPECT_EQ(bodyOf(send(Req("GET", "/api/sso/status")))["enabled"], true);
-
-  // Read by members: refused; the status stays public.
-  const std::string member = seedUser("mia", "member");
-  for (const char* path : {"/api/sso/config", "/api/sso/mapping"}) {
-    EXPECT_TRUE(isError(as(member, Req("GET", path)), 403, "this operation requires the admin role"));
-  }
-
-  res = asAdmin(Req("DELETE", "/api/sso/config"));
-  EXPECT_EQ(res.body, R"({"configured":false,"schema_version":1})");
-  EXPECT_FALSE(fs::exists(sso::ssoConfigPath(data())));
-  EXPECT_TRUE(isOk(asAdmin(Req("DELETE", "/api/sso/config"))));
-}
-
-TEST_F(SsoApi, ProviderBodiesAreValidatedInOrderAndRefusalsSaveNothing) {
-  const std::pair<std::string, const char*> cases[] = {
-      {"", "JSON body required"},
-      {"[1]", "JSON body required"},
-      {R"({"issuer":"http://id.example.com","client_id":"c","client_secret":"s"})",
-       "issuer must be an https:// URL (http:// only for localhost)"},
-      {R"({"issuer":7,"client_id":"c","client_secret":"s"})",
-       "issuer must be an https:// URL (http:// only for localhost)"},
-      {R"({"issuer":"https://id.example.com","client_id":" / ","client_secret":"s"})",
-       "client_id is required"},
-      {R"({"issuer":"https://id.example.com","client_id":"c","client_secret":""})",
-       "client_secret is required"},
-      // Loopback issuers pass validation and fail only at discovery.
-      {R"({"issuer":"http://localhost:1/x","client_id":"c","client_secret":"s"})",
-       "issuer unreachable"},
-      {R"({"issuer":"http://127.0.0.1:1","client_id":"c","client_secret":"s"})",
-       "issuer unreachable"},
-  };
-  for (const auto& [body, error] : cases) EXPECT_TRUE(isError(putConfig(body), 400, error)) << body;
-
-  idp_.serve(kDiscoveryPath, "{}", 500);
-  EXPECT_TRUE(isError(putConfig(providerBody(idp_.origin())), 400, "discovery document: HTTP 500"));
-  EXPECT_FALSE(fs::exists(sso::ssoConfigPath(data())));
-}
-
-TEST_F(SsoApi, TestProbesAGivenOrTheSavedIssuerWithoutSaving) {
-  auto probe = [&](const std::string& body) {
-    return asAdmin(Req("POST", "/api/sso/config/test").body(body));
-  };
-  EXPECT_TRUE(isError(probe(""), 400, "SSO is not configured"));
-  EXPECT_TRUE(isError(probe(R"({"issuer":"http://x.example.com"})"), 400,
-                      "issuer must be an https:// URL (http:// only for localhost)"));
-  auto res = probe(R"({"issuer":")" + idp_.origin() + R"(/"})");
-  ASSERT_TRUE(isOk(res));
-  EXPECT_EQ(http::toCompactJson(bodyOf(res)),
-            R"({"authorization_endpoint":")" + idp_.origin() + R"(/auth","issuer":")" +
-                idp_.origin() + R"(","jwks_uri":")" + idp_.origin() + R"(/jwks","ok":true,)" +
-                R"("schema_version":1,"token_endpoint":")" + idp_.origin() + R"(/token"})");
-  EXPECT_FALSE(fs::exists(sso::ssoConfigPath(data())));
-  configure();
-  EXPECT_TRUE(isOk(probe("{}")));
-}
-
-TEST_F(SsoApi, MappingIsValidatedAndMarksTheTargetGroups) {
-  auto res = asAdmin(Req("GET", "/api/sso/mapping"));
-  EXPECT_EQ(res.body,
-            R"({"configured":false,"mapping":{"default_role":"member","groups":{},)"
-            R"("groups_claim":"groups","roles":{},"roles_claim":"roles"},"schema_version":1})");
-  EXPECT_TRUE(isError(putMapping("{}"), 409, "set the provider first (PUT /api/sso/config)"));
-  configure();
-  seedGroup("qa");
-  seedGroup("beta");
-  seedGroup("manual");
-  setMember(groupPath("manual"), "sso_managed", true);
-  const std::string before = readBytes(sso::ssoConfigPath(data()));
-
-  const std::pair<std::string, std::string> cases[] = {
-      {"nope", "JSON body required"},
-      {R"({"roles_claim":""})", "roles_claim must be a non-empty string"},
-      {R"({"groups_claim":3})", "groups_claim must be a non-empty string"},
-      {R"({"default_role":"Admin"})", "default_role must be admin, publisher or member"},
-      {R"({"roles":[]})", "roles must be an object"},
-      {R"({"roles":{"ops":"Admin"}})", "roles.ops must map to admin, publisher or member"},
-      {R"({"groups":"qa"})", "groups must be an object"},
-      {R"({"groups":{"t":1}})", "groups.t must name a Quillmoor group"},
-  };
-  for (const auto& [body, error] : cases)
-    EXPECT_TRUE(isError(putMapping(body), 400, error)) << body;
-  EXPECT_TRUE(isError(putMapping(R"({"groups":{"t":"qa","u":"nothere"}})"), 404,
-                      "group 'nothere' does not exist"));
-  EXPECT_TRUE(
-      isError(putMapping(R"({"groups":{"t":"../x"}})"), 404, "group '../x' does not exist"));
-  EXPECT_EQ(readBytes(sso::ssoConfigPath(data())), before);
-
   fs::permissions(sso::ssoConfigPath(data()), fs::perms::group_read | fs::perms::others_read,
                   fs::perm_options::add);
-  res = putMapping(
-      R"({"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}})");
-  ASSERT_TRUE(isOk(res));
+  walk(R"(PUT /api/sso/mapping {"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}} => 200 .mapping.roles_claim="realm")");
   EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));
-  EXPECT_EQ(bodyOf(res)["mapping"]["roles_claim"], "realm");
-  EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], true);
-  EXPECT_EQ(readDoc(groupPath("beta"))["sso_managed"], true);
-  EXPECT_EQ(readDoc(groupPath("manual"))["sso_managed"], false);
-  auto listed = bodyOf(asAdmin(Req("GET", "/api/groups")));
-  for (const auto& group : listed["groups"]) {
-    EXPECT_EQ(group["sso_managed"], group["name"] != "manual") << group;
-  }
-
-  // The mapping survives a new provider configuration; a new mapping replaces it whole.
-  ASSERT_TRUE(isOk(putConfig(providerBody(idp_.origin()))));
-  Json::Value mapping = bodyOf(asAdmin(Req("GET", "/api/sso/mapping")))["mapping"];
-  EXPECT_EQ(mapping["roles_claim"], "realm");
-  EXPECT_EQ(mapping["roles"]["ops"], "admin");
-  res = putMapping(R"({"groups":{"b":"beta"}})");
-  EXPECT_EQ(bodyOf(res)["mapping"],
-            parseJson(R"({"default_role":"member","groups":{"b":"beta"},"groups_claim":"groups",)"
-                      R"("roles":{},"roles_claim":"roles"})"));
-  EXPECT_EQ(readDoc(groupPath("qa"))["sso_managed"], false);
-}
-
-TEST_F(SsoApi, StartChecksThePortAndSendsTheBrowserToTheProvider) {
-  EXPECT_TRUE(isError(send(Req("GET", "/api/sso/start").q("port", "5555")), 404,
-                      "single sign-on is not set up on this server"));
-  configure();
-  for (const char* port : {"1023", "65536", "abc", "", "5555x", "-1", "+2000", "99999999999"}) {
-    EXPECT_TRUE(isError(send(Req("GET", "/api/sso/start").q("port", port)), 400,
-                        "port must be the client's loopback port (1024..65535)"))
-        << port;
-  }
-  EXPECT_TRUE(isError(send(Req("GET", "/api/sso/start")), 400,
-                      "port must be the client's loopback port (1024..65535)"));
-  EXPECT_EQ(start("1024").location.substr(0, idp_.origin().size() + 5), idp_.origin() + "/auth");
-  EXPECT_FALSE(start("65535").state.empty());
-
-  auto res = send(Req("GET", "/api/sso/start").q("port", "5555").header("host", "quill.test:8080"));
-  EXPECT_EQ(headerOf(res, "Cache-Control"), "no-store");
-  EXPECT_TRUE(std::regex_match(
-      headerOf(res, "Location"),
-      std::regex(idp_.origin() +
-                 "/auth\\?response_type=code&scope=openid%20profile%20email"
-                 "&client_id=quill&redirect_uri=http%3A%2F%2Fquill.test%3A8080%2Fapi"
-                 "%2Fsso%2Fcallback&state=[A-Za-z0-9]{32}&nonce=[A-Za-z0-9]{32}"
-                 "&code_challenge=[A-Za-z0-9_-]{43}&code_challenge_method=S256")));
-  EXPECT_EQ(res.body.find(kSecret), std::string::npos);
+  walk(R"(
+    file groups/qa.json .sso_managed=true
+    file groups/beta.json .sso_managed=true
+    file groups/manual.json .sso_managed=false
+    GET /api/groups => 200 .groups.name:qa.sso_managed=true ; .groups.name:manual.sso_managed=false
+    # The mapping survives a new provider configuration; a new mapping replaces it whole.
+    PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200
+    GET /api/sso/mapping => 200 .mapping.roles_claim="realm" ; .mapping.roles.ops="admin"
+    PUT /api/sso/mapping {"groups":{"b":"beta"}} => 200 .mapping={"default_role":"member","groups":{"b":"beta"},"groups_claim":"groups","roles":{},"roles_claim":"roles"}
+    file groups/qa.json .sso_managed=false
+    # Start checks the port and sends the browser to the provider.
+    - GET /api/sso/start?port=1023 => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=65536 => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=abc => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port= => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=5555x => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=-1 => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=+2000 => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=99999999999 => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start => 400 port must be the client's loopback port (1024..65535)
+    - GET /api/sso/start?port=1024 => 302 hdr:Location~$idp/auth\?.*
+    - GET /api/sso/start?port=65535 => 302 hdr:Location~.*&state=[A-Za-z0-9]{32}&.*
+    - host:quill.test:8080 GET /api/sso/start?port=5555 => 302 hdr:Cache-Control=no-store ; !has:s3cret ; hdr:Location~$idp/auth\?response_type=code&scope=openid%20profile%20email&client_id=quill&redirect_uri=http%3A%2F%2Fquill.test%3A8080%2Fapi%2Fsso%2Fcallback&state=[A-Za-z0-9]{32}&nonce=[A-Za-z0-9]{32}&code_challenge=[A-Za-z0-9_-]{43}&code_challenge_method=S256
+    DELETE /api/sso/config => 200 {"configured":false,"schema_version":1}
+    file sso.json absent
+    DELETE /api/sso/config => 200
+  )");
+  idp_.serve(kDiscoveryPath, "{}", 500);
+  walk(R"(PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s"} => 400 discovery document: HTTP 500)");
+  EXPECT_FALSE(fs::exists(sso::ssoConfigPath(data())));
 }
 
 TEST_F(SsoApi, TheCallbackUriIsHttpsOnlyBehindALoopbackProxy) {
   configure();
-  auto redirectUri = [&](const std::string& peer, const std::string& proto) {
-    Req req("GET", "/api/sso/start");
-    req.q("port", "5555").header("host", "builds.example.com").from(peer);
-    if (!proto.empty()) req.header("x-forwarded-proto", proto);
-    auto location = headerOf(send(req), "Location");
-    return (*http::parseQuery(location.substr(location.find('?') + 1)))["redirect_uri"];
-  };
-  EXPECT_EQ(redirectUri("127.0.0.1", "https"), "https://builds.example.com/api/sso/callback");
-  EXPECT_EQ(redirectUri("::1", "https"), "https://builds.example.com/api/sso/callback");
-  EXPECT_EQ(redirectUri("127.0.0.1", ""), "http://builds.example.com/api/sso/callback");
-  EXPECT_EQ(redirectUri("203.0.113.9", "https"), "http://builds.example.com/api/sso/callback");
+  walk(R"(
+    - @127.0.0.1 host:builds.example.com x-forwarded-proto:https GET /api/sso/start?port=5555 => 302 hdr:Location~.*&redirect_uri=https%3A%2F%2Fbuilds\.example\.com%2Fapi%2Fsso%2Fcallback&.*
+    - @::1 host:builds.example.com x-forwarded-proto:https GET /api/sso/start?port=5555 => 302 hdr:Location~.*&redirect_uri=https%3A%2F%2Fbuilds\.example\.com%2Fapi%2Fsso%2Fcallback&.*
+    - @127.0.0.1 host:builds.example.com GET /api/sso/start?port=5555 => 302 hdr:Location~.*&redirect_uri=http%3A%2F%2Fbuilds\.example\.com%2Fapi%2Fsso%2Fcallback&.*
+    - @203.0.113.9 host:builds.example.com x-forwarded-proto:https GET /api/sso/start?port=5555 => 302 hdr:Location~.*&redirect_uri=http%3A%2F%2Fbuilds\.example\.com%2Fapi%2Fsso%2Fcallback&.*
+  )");
 }
 
 TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
@@ -387,10 +287,12 @@ TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
   EXPECT_EQ(answer["channels"], strings({"beta-ch"}));
   EXPECT_FALSE(fs::exists(userPath("ann.lee-2")));
 
-  for (const char* body : {"", "{}", R"({"code":5})", R"({"code":"nope"})"}) {
-    EXPECT_TRUE(isError(send(Req("POST", "/api/sso/handoff").from(freshPeer()).body(body)), 404,
-                        "unknown or expired handoff code"));
-  }
+  walk(R"(
+    - POST /api/sso/handoff => 404 unknown or expired handoff code
+    - POST /api/sso/handoff {} => 404 unknown or expired handoff code
+    - POST /api/sso/handoff {"code":5} => 404 unknown or expired handoff code
+    - POST /api/sso/handoff {"code":"nope"} => 404 unknown or expired handoff code
+  )");
 }
 
 TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {

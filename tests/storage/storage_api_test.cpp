@@ -29,25 +29,6 @@ class StorageApiTest : public ApiTest {
     QUILL_REQUIRE_S3_PEERS();
   }
 
-  static Json::Value credentials(const std::string& secret = rill::test::kPeerSecretKey) {
-    Json::Value body(Json::objectValue);
-    body["endpoint"] = S3Peers::shared().endpoint();
-    body["bucket"] = rill::test::kPeerBucket;
-    body["access_key"] = rill::test::kPeerAccessKey;
-    body["secret_key"] = secret;
-    return body;
-  }
-
-  static std::string text(const Json::Value& value) {
-    return Json::writeString(Json::StreamWriterBuilder(), value);
-  }
-
-  http::Response put(const std::string& body) {
-    return asAdmin(Req("PUT", "/api/storage").body(body));
-  }
-  http::Response probe(const std::string& body) {
-    return asAdmin(Req("POST", "/api/storage/test").body(body));
-  }
   http::Response sync(const std::string& channel, const std::string& ttl = "") {
     Req req("GET", "/api/rill/sync/" + channel);
     if (!ttl.empty()) req.q("ttl", ttl);
@@ -82,93 +63,53 @@ class StorageApiTest : public ApiTest {
   }
 };
 
-TEST_F(StorageApiTest, SavedSettingsAreShownWithoutTheSecretAndForgotten) {
-  EXPECT_EQ(text(bodyOf(asAdmin(Req("GET", "/api/storage")))),
-            text(parseJson(R"({"configured":false,"schema_version":1})")));
-  EXPECT_TRUE(isError(as(seedUser("mel", "member"), Req("GET", "/api/storage")), 403,
-                      "this operation requires the admin role"));
-
-  const auto saved = put(text(credentials()));  // no region: saved as "auto"
-  ASSERT_TRUE(isOk(saved));
-  const Json::Value info = bodyOf(saved);
-  EXPECT_EQ(info["access_key_hint"], "...RVER");
-  EXPECT_EQ(info["region"], "auto");
-  EXPECT_FALSE(info.isMember("secret_key"));
-  EXPECT_EQ(bodyOf(asAdmin(Req("GET", "/api/storage"))), info);
-  const Json::Value stored = readDoc(settingsFile());
-  EXPECT_EQ(stored["secret_key"], rill::test::kPeerSecretKey);
-  EXPECT_EQ(stored.getMemberNames().size(), 6u);
-  EXPECT_EQ(fs::status(settingsFile()).permissions(),
-            fs::perms::owner_read | fs::perms::owner_write);
-
-  const auto forgotten = asAdmin(Req("DELETE", "/api/storage"));
-  EXPECT_EQ(text(bodyOf(forgotten)), text(parseJson(R"({"configured":false,"schema_version":1})")));
-  EXPECT_FALSE(fs::exists(settingsFile()));
-  EXPECT_TRUE(isOk(asAdmin(Req("DELETE", "/api/storage"))));
-}
-
-TEST_F(StorageApiTest, BadSettingsAreRefusedAndNothingIsSaved) {
-  Json::Value ftp = credentials();
-  ftp["endpoint"] = "ftp://127.0.0.1/";
-  Json::Value number = credentials();
-  number["region"] = 5;
-  Json::Value blank = credentials();
-  blank["bucket"] = "";
-  Json::Value missingBucket = credentials();
-  missingBucket["bucket"] = "no-such-bucket";
-  Json::Value unreachable = credentials();
-  unreachable["endpoint"] = "http://127.0.0.1:" + std::to_string(freePort());
-  Json::Value unknownKey = credentials();
-  unknownKey["access_key"] = "NOBODY";
-  const struct {
-    std::string body;
-    std::string message;  // the whole message, or its start when it ends with "("
-  } cases[] = {
-      {"", "JSON body required"},
-      {"{", "JSON body required"},
-      {"[1]", "JSON object required"},
-      {text(number), "region must be a string"},
-      {text(blank), "endpoint, bucket, access_key and secret_key are required"},
-      {text(ftp), "endpoint must start with https:// (or http:// for a local test server)"},
-      {text(credentials("wrong")), "access denied - check the access key and secret ("},
-      {text(unknownKey), "access denied - check the access key and secret ("},
-      {text(missingBucket), "bucket not found - check the bucket name and endpoint ("},
-      {text(unreachable), "could not reach the bucket - check the endpoint: curl: "},
-      {std::string(100000, '['), "JSON body required"},
-      {deepObject(), "JSON body required"},
-  };
-  for (const auto& c : cases) {
-    const auto res = put(c.body);
-    EXPECT_EQ(res.status, 400u) << c.body;
-    const std::string error = bodyOf(res)["error"].asString();
-    EXPECT_EQ(error.substr(0, c.message.size()), c.message) << c.body;
-    EXPECT_EQ(error.find("wrong"), std::string::npos) << "the secret is never quoted: " << error;
-    EXPECT_FALSE(fs::exists(settingsFile()));
-  }
-  EXPECT_NE(
-      bodyOf(put(text(credentials("wrong"))))["error"].asString().find("SignatureDoesNotMatch"),
-      std::string::npos);
-}
-
-TEST_F(StorageApiTest, TestProbesTheGivenOrTheSavedSettings) {
-  for (const std::string& body : {std::string(), deepObject()}) {
-    EXPECT_TRUE(
-        isError(probe(body), 400, "rill storage not configured (missing data-dir rill.json)"));
-  }
-  writeText(settingsFile(), R"({"schema_version": 1, "endpoint": "http://x"})");
-  EXPECT_TRUE(isError(probe("{}"), 400, "rill.json missing endpoint/bucket/access_key/secret_key"));
-
-  const auto given = probe(text(credentials()));
-  ASSERT_TRUE(isOk(given));
-  EXPECT_EQ(text(bodyOf(given)),
-            text(parseJson(R"({"bucket":"quill-test","ok":true,"schema_version":1})")));
-  Json::Value bad = credentials();
-  bad["secret_key"] = 7;
-  EXPECT_TRUE(isError(probe(text(bad)), 400, "secret_key must be a string"));
-
-  ASSERT_TRUE(isOk(put(text(credentials()))));
-  EXPECT_TRUE(isOk(probe("")));
-  EXPECT_TRUE(isOk(probe("{}")));
+TEST_F(StorageApiTest, SettingsAreCheckedSavedShownWithoutTheSecretProbedAndForgotten) {
+  vars_["s3"] = S3Peers::shared().endpoint();
+  vars_["bucket"] = rill::test::kPeerBucket;
+  vars_["ak"] = rill::test::kPeerAccessKey;
+  vars_["sk"] = rill::test::kPeerSecretKey;
+  vars_["closed"] = "http://127.0.0.1:" + std::to_string(freePort());
+  vars_["deep"] = deepObject();
+  walk(R"(
+    GET /api/storage => 200 {"configured":false,"schema_version":1}
+    user mel member
+    mel GET /api/storage => 403 this operation requires the admin role
+    # Bad settings are refused and nothing is saved; the secret is never quoted.
+    PUT /api/storage => 400 JSON body required
+    PUT /api/storage { => 400 JSON body required
+    PUT /api/storage [1] => 400 JSON object required
+    PUT /api/storage {"endpoint":"$s3","bucket":"$bucket","access_key":"$ak","secret_key":"$sk","region":5} => 400 region must be a string
+    PUT /api/storage {"endpoint":"$s3","bucket":"","access_key":"$ak","secret_key":"$sk"} => 400 endpoint, bucket, access_key and secret_key are required
+    PUT /api/storage {"endpoint":"ftp://127.0.0.1/","bucket":"$bucket","access_key":"$ak","secret_key":"$sk"} => 400 endpoint must start with https:// (or http:// for a local test server)
+    PUT /api/storage {"endpoint":"$s3","bucket":"$bucket","access_key":"$ak","secret_key":"wrong"} => 400 ^access denied - check the access key and secret ( ; !has:wrong ; has:SignatureDoesNotMatch
+    PUT /api/storage {"endpoint":"$s3","bucket":"$bucket","access_key":"NOBODY","secret_key":"$sk"} => 400 ^access denied - check the access key and secret (
+    PUT /api/storage {"endpoint":"$s3","bucket":"no-such-bucket","access_key":"$ak","secret_key":"$sk"} => 400 ^bucket not found - check the bucket name and endpoint (
+    PUT /api/storage {"endpoint":"$closed","bucket":"$bucket","access_key":"$ak","secret_key":"$sk"} => 400 ^could not reach the bucket - check the endpoint: curl:\s
+    PUT /api/storage {100000*[} => 400 JSON body required
+    PUT /api/storage $deep => 400 JSON body required
+    file rill.json absent
+    # A probe of the given or the saved settings.
+    POST /api/storage/test => 400 rill storage not configured (missing data-dir rill.json)
+    POST /api/storage/test $deep => 400 rill storage not configured (missing data-dir rill.json)
+    POST /api/storage/test {"endpoint":"$s3","bucket":"$bucket","access_key":"$ak","secret_key":"$sk"} => 200 {"bucket":"quill-test","ok":true,"schema_version":1}
+    POST /api/storage/test {"endpoint":"$s3","bucket":"$bucket","access_key":"$ak","secret_key":7} => 400 secret_key must be a string
+    write rill.json {"schema_version": 1, "endpoint": "http://x"}
+    POST /api/storage/test {} => 400 rill.json missing endpoint/bucket/access_key/secret_key
+    # Saved without a region: "auto".
+    PUT /api/storage {"endpoint":"$s3","bucket":"$bucket","access_key":"$ak","secret_key":"$sk"} => 200 .access_key_hint="...RVER" ; .region="auto" ; .secret_key! ; $hint=.access_key_hint
+    GET /api/storage => 200 .access_key_hint="...RVER" ; .region="auto" ; .secret_key!
+    file rill.json .secret_key="$sk" ; .#=6
+    POST /api/storage/test => 200
+    POST /api/storage/test {} => 200
+  )");
+  EXPECT_EQ(fs::status(settingsFile()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  walk(R"(
+    DELETE /api/storage => 200 {"configured":false,"schema_version":1}
+    file rill.json absent
+    DELETE /api/storage => 200
+  )");
+  EXPECT_EQ(rill::accessKeyHint("abcd"), "");
+  EXPECT_EQ(rill::accessKeyHint("abcde"), "...bcde");
 }
 
 TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
@@ -177,11 +118,14 @@ TEST_F(StorageApiTest, SyncDescriptorLinksEveryChunkOfARillChannel) {
   writeChannel("barge-one");
   EXPECT_TRUE(isError(sync("barge-one"), 404, "no such Rill channel"));
 
-  ASSERT_TRUE(isOk(createChannel("api-sync", "rill")));
+  walk("POST /api/channels/api-sync?engine=rill => 200");
   EXPECT_TRUE(isError(sync("api-sync"), 503,
                       "rill: rill storage not configured (missing data-dir rill.json)"));
-  ASSERT_TRUE(isOk(put(text(credentials()))));
-  ASSERT_TRUE(isOk(createChannel("api-empty", "rill")));
+  vars_["s3"] = S3Peers::shared().endpoint();
+  walk(R"(PUT /api/storage {"endpoint":"$s3","bucket":"quill-test","access_key":")" +
+       std::string(rill::test::kPeerAccessKey) + R"(","secret_key":")" + rill::test::kPeerSecretKey +
+       "\"} => 200");
+  walk("POST /api/channels/api-empty?engine=rill => 200");
   const auto empty = sync("api-empty");
   EXPECT_EQ(empty.status, 503u);
   EXPECT_EQ(bodyOf(empty)["error"].asString().rfind(
@@ -227,11 +171,11 @@ TEST_F(StorageApiTest, SyncReadsNoMoreOfAManifestThanItsBound) {
   ASSERT_TRUE(store::writeJsonFile(rill::rillJsonPath(data().root()),
                                    rill::rillJsonDocument(bucket.settings())));
   const std::string bound = std::to_string(ctx().syncManifestBytes.total());
-  ASSERT_TRUE(isOk(createChannel("endless", "rill")));
+  walk("POST /api/channels/endless?engine=rill => 200");
   bucket.plantEndless("channels/endless/manifest.json");
   EXPECT_TRUE(isError(sync("endless"), 503, "rill: curl: answer larger than " + bound + " bytes"));
   // Told too large: refused without a download.
-  ASSERT_TRUE(isOk(createChannel("huge", "rill")));
+  walk("POST /api/channels/huge?engine=rill => 200");
   bucket.plantSparse("channels/huge/manifest.json", ctx().syncManifestBytes.total() + 1);
   EXPECT_TRUE(isError(sync("huge"), 503, "rill: manifest larger than " + bound + " bytes"));
 }

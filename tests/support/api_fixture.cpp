@@ -181,7 +181,7 @@ std::string ApiTest::seedUser(const std::string& name, const std::string& role,
   user.channels = std::move(channels);
   user.service = service;
   EXPECT_TRUE(store::createUser(data(), user).has_value()) << name;
-  return mintFor(name, name + "-token");
+  return vars_[name] = mintFor(name, name + "-token");
 }
 
 std::string ApiTest::mintFor(const std::string& user, const std::string& tokenName) {
@@ -191,8 +191,8 @@ std::string ApiTest::mintFor(const std::string& user, const std::string& tokenNa
 }
 
 const std::string& ApiTest::admin() {
-  if (adminToken_.empty()) adminToken_ = seedUser("admin", "admin");
-  return adminToken_;
+  if (!vars_.contains("admin")) seedUser("admin", "admin");
+  return vars_["admin"];
 }
 
 void ApiTest::seedGroup(const std::string& name, const std::vector<std::string>& channels) {
@@ -208,7 +208,7 @@ void ApiTest::writeChannel(const std::string& name, const std::string& build, bo
   doc["build"] = build;
   doc["created_at"] = "2026-01-01T00:00:00Z";
   if (isPublic) doc["public"] = true;
-  writeDoc(channelPath(name), doc);
+  writeDoc(store::DataDir::recordPath(data().channels(), name), doc);
 }
 
 void ApiTest::setMember(const fs::path& record, const char* member, const Json::Value& value) {
@@ -240,17 +240,6 @@ void ApiTest::makeBuild(const std::string& id,
   for (auto& [path, content] : files) ASSERT_TRUE(isOk(upload(id, path, content)));
   ASSERT_TRUE(isOk(finalize(id)));
 }
-http::Response ApiTest::createChannel(const std::string& name, const std::string& engine) {
-  Req req("POST", "/api/channels/" + name);
-  if (!engine.empty()) req.q("engine", engine);
-  return asAdmin(req);
-}
-http::Response ApiTest::promote(const std::string& channel, const std::string& build) {
-  return asAdmin(Req("POST", "/api/channels/" + channel + "/promote").q("build", build));
-}
-http::Response ApiTest::setPublic(const std::string& channel, const std::string& value) {
-  return asAdmin(Req("POST", "/api/channels/" + channel + "/public").q("value", value));
-}
 
 fs::path ApiTest::userPath(const std::string& name) const {
   return store::DataDir::recordPath(data().users(), name);
@@ -260,9 +249,6 @@ fs::path ApiTest::tokenPath(const std::string& name) const {
 }
 fs::path ApiTest::groupPath(const std::string& name) const {
   return store::DataDir::recordPath(data().groups(), name);
-}
-fs::path ApiTest::channelPath(const std::string& name) const {
-  return store::DataDir::recordPath(data().channels(), name);
 }
 fs::path ApiTest::invitePath(const std::string& code) const {
   return store::invitePath(data(), code);

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -94,20 +95,16 @@ class ApiTest : public TempDirTest {
   // POST /api/invites/redeem from a fresh peer; `machine` is left off when null.
   http::Response redeem(const std::string& code, const char* machine = nullptr);
 
-  // The build and channel routes as the admin.
+  // The build routes as the admin.
   http::Response upload(const std::string& id, const std::string& path, std::string bytes);
   http::Response finalize(const std::string& id);
   // A finalized build holding `files` (path, content).
   void makeBuild(const std::string& id,
                  std::vector<std::pair<std::string, std::string>> files = {{"app.bin", "bytes"}});
-  http::Response createChannel(const std::string& name, const std::string& engine = "");
-  http::Response promote(const std::string& channel, const std::string& build);
-  http::Response setPublic(const std::string& channel, const std::string& value);
 
   fs::path userPath(const std::string& name) const;
   fs::path tokenPath(const std::string& name) const;
   fs::path groupPath(const std::string& name) const;
-  fs::path channelPath(const std::string& name) const;
   fs::path invitePath(const std::string& code) const;
   fs::path buildDir(const std::string& id) const { return data().builds() / id; }
 
@@ -119,10 +116,38 @@ class ApiTest : public TempDirTest {
   // privileges do not allow the mark; the test should then skip.
   [[nodiscard]] bool blockWrites(const fs::path& record);
 
+  // Walks a table of steps in order, one per line; `#` starts a comment. `$name` is a variable
+  // (a seeded user's token, or a capture) and `{N*text}` is text repeated N times; then, word by
+  // word, `\s \t \n \r \xHH \\` are escapes (so `\s` is a space inside a word).
+  //   [N*] [caller] [@peer] [header:value] METHOD /path?name=value&flag [body] => STATUS [checks]
+  // caller: a user name (its token), `-` for none, else the bearer text itself (default: admin).
+  // Each request comes from a fresh peer unless @peer is given; N* repeats a request, callers
+  // `a,b` run it once each. STATUS `pass` means the gate let the caller through. Checks
+  // (separated by " ; "):
+  //   text (status >= 400, first)  the exact error document {"error": text}; ^text: its start
+  //   {...} / [...]  the exact body        keys=a,b  the top-level members in this order
+  //   (a path part `#` is an array's size, `key:value` the element whose member key is value)
+  //   .a.b=JSON  a member's value          .a.b!  absent       .a.b~REGEX  a string member
+  //   =@path  the body equals that stored document      $name=.a.b  captures a member's text
+  //   has:text / !has:text  the body contains (not)     hdr:Name=value / hdr:Name~REGEX
+  //   bytes=text  the bytes of a file answer
+  // Other steps (paths are under the data directory):
+  //   user NAME ROLE [ch1,ch2] [service]  group NAME [ch1,ch2]  channel NAME [build|-] [public]
+  //   build ID [path=content ...]    set PATH .member=JSON    write PATH text
+  //   file PATH absent | exists | checks (as above, on the stored document) | is=text
+  //   files DIR N        mark PATH (remember its bytes)       unchanged PATH
+  void walk(std::string_view table);
+
+  std::map<std::string, std::string> vars_;
+
  private:
+  void step(const std::string& line);
+  http::Response request(const std::string& head);
+  void check(const http::Response& res, const Json::Value& doc, const std::string& checks,
+             unsigned status, bool answer);
+  std::map<std::string, std::string> marks_;
   std::unique_ptr<Context> ctx_;
   std::unique_ptr<http::Router> router_;
-  std::string adminToken_;
   int peers_ = 0;
   std::vector<fs::path> immutable_;  // cleared again on teardown, so the directory can be removed
 };
