@@ -1,11 +1,13 @@
-// The backup and restore commands in-process against the S3 test peer: exact output on the right
-// stream, refusals in their order before anything changes, and a restore that gives back the tree.
+// The backup and restore commands in-process, from their command lines, against the S3 test peer:
+// exact output on the right stream, refusals in their order before anything changes, and a
+// restore that gives back the tree.
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <algorithm>
 #include <regex>
 
+#include "app/command_line.h"
 #include "app/commands.h"
 #include "backup/backup_config.h"
 #include "backup/backup_run.h"
@@ -21,44 +23,11 @@ namespace {
 
 using rill::test::treeContent;
 using rill::test::writeFile;
+using Words = std::vector<std::string>;
 
 struct Outcome {
   int code = -1;
-  std::string out;
-  std::string err;
-};
-
-class BackupCommandsTest : public quill::test::TempDirTest {
- protected:
-  void SetUp() override {
-    auto& peers = rill::test::S3Peers::shared();
-    if (!peers.skipReason().empty()) GTEST_SKIP() << peers.skipReason();
-    ASSERT_EQ(peers.failure(), "");
-    writeFile(data() / "users/alice.json", R"({"name":"alice"})");
-    writeFile(data() / "builds/b1/app.bin", rill::test::randomBytes(200000, 1));
-  }
-
-  fs::path data() const { return dir() / "data"; }
-  fs::path key() const { return dir() / "backup.key"; }
-
-  Outcome run(std::vector<std::string> words, const std::function<void(CommandArguments&)>& tweak = {},
-              const fs::path& dataDir = {}) {
-    ServerSettings settings;
-    settings.dataDir = dataDir.empty() ? data() : dataDir;
-    CommandArguments s;
-    s.words = std::move(words);
-    if (tweak) tweak(s);
-    Context ctx(settings);
-    std::ostringstream out, err;
-    const int code = runCommand(ctx, s, out, err);
-    return {code, out.str(), err.str()};
-  }
-  static std::function<void(CommandArguments&)> peerOptions(const std::string& keyPath = "") {
-    return [keyPath](CommandArguments& s) {
-      const auto s3 = rill::test::S3Peers::shared().settings();
-      s.backup = {s3, keyPath, "", -1};
-    };
-  }
+  std::string out, err;
 };
 
 ::testing::AssertionResult failsWith(const Outcome& r, const std::string& err) {
@@ -67,10 +36,39 @@ class BackupCommandsTest : public quill::test::TempDirTest {
          << "code " << r.code << ", out '" << r.out << "', err '" << r.err << "'";
 }
 
+class BackupCommandsTest : public quill::test::TempDirTest {
+ protected:
+  void SetUp() override {
+    QUILL_REQUIRE_S3_PEERS();
+    writeFile(data() / "users/alice.json", R"({"name":"alice"})");
+    writeFile(data() / "builds/b1/app.bin", rill::test::randomBytes(200000, 1));
+  }
+  fs::path data() const { return dir() / "data"; }
+  fs::path key() const { return dir() / "backup.key"; }
+
+  // Runs the command line `words`, with --data-dir `data()` unless it names one.
+  Outcome run(Words words) {
+    if (std::find(words.begin(), words.end(), "--data-dir") == words.end()) {
+      words.insert(words.end(), {"--data-dir", data().string()});
+    }
+    CommandLine line;
+    if (parseCommandLine(words, line) != ParseOutcome::Proceed) return {};
+    Context ctx(line.server);
+    std::ostringstream out, err;
+    const int code = runCommand(ctx, line.command, out, err);
+    return {code, out.str(), err.str()};
+  }
+  static Words peer(Words words) {
+    const auto s3 = rill::test::S3Peers::shared().settings();
+    words.insert(words.end(), {"--endpoint", s3.endpoint, "--bucket", s3.bucket, "--access-key",
+                               s3.accessKey, "--secret-key", s3.secretKey});
+    return words;
+  }
+};
+
 TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
-  EXPECT_TRUE(failsWith(run({"backup", "init"}, [](CommandArguments& s) { s.backup.bucket.endpoint = "x"; }),
-                        text::kInitNeeds));
-  const auto first = run({"backup", "init"}, peerOptions());
+  EXPECT_TRUE(failsWith(run({"backup", "init", "--endpoint", "x"}), text::kInitNeeds));
+  const auto first = run(peer({"backup", "init"}));
   ASSERT_EQ(first.code, 0) << first.err;
   const fs::path keyPath = dir() / "quillmoord-backup.key";
   const std::string keyText = rill::test::readFile(keyPath);
@@ -93,55 +91,47 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
   EXPECT_EQ(config.value().keyFile, keyPath.string());
   EXPECT_EQ(config.value().s3.region, "auto");
   EXPECT_EQ(config.value().s3.prefix, "");
-
-  EXPECT_TRUE(failsWith(run({"backup", "init"}, peerOptions()),
+  EXPECT_TRUE(failsWith(run(peer({"backup", "init"})),
                         "key file " + keyPath.string() +
                             " already exists - refusing to overwrite (a replaced key makes every "
                             "existing snapshot unreadable)"));
   EXPECT_EQ(rill::test::readFile(keyPath), keyText);
 
   // No answer at all: refused, and the new key file stays for the operator to remove.
-  const auto unreachable = run({"backup", "init"}, [this](CommandArguments& s) {
-    peerOptions(key().string())(s);
-    s.backup.bucket.endpoint = "http://127.0.0.1:1";
-  });
+  const auto unreachable = run({"backup", "init", "--endpoint", "http://127.0.0.1:1", "--bucket",
+                                "b", "--access-key", "a", "--secret-key", "s", "--key",
+                                key().string()});
   EXPECT_EQ(unreachable.code, 1);
   EXPECT_EQ(unreachable.err.rfind("cannot reach the backup bucket: curl: ", 0), 0u)
       << unreachable.err;
   EXPECT_TRUE(fs::exists(key()));
 }
 
-TEST_F(BackupCommandsTest, RefusalsComeBeforeAnyLoadOrChange) {
+TEST_F(BackupCommandsTest, RefusalsComeFirstAndScheduleReplacesKeepOnlyWhenGiven) {
   const std::string notConfigured = text::kNotConfigured;
-  EXPECT_TRUE(failsWith(run({"backup"}), "backup failed: " + notConfigured));
-  EXPECT_TRUE(failsWith(run({"backup", "list"}), notConfigured));
-  EXPECT_TRUE(failsWith(run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 1; }), notConfigured));
-  EXPECT_TRUE(
-      failsWith(run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 0; }), text::kPruneNeedsKeep));
-  EXPECT_TRUE(failsWith(run({"backup", "prune"}), text::kPruneNeedsKeep));
-  EXPECT_TRUE(failsWith(run({"backup", "schedule", "03:00"}), notConfigured));
-
+  for (const auto& [words, message] : std::vector<std::pair<Words, std::string>>{
+           {{"backup"}, "backup failed: " + notConfigured},
+           {{"backup", "list"}, notConfigured},
+           {{"backup", "prune", "--keep", "1"}, notConfigured},
+           {{"backup", "prune", "--keep", "0"}, text::kPruneNeedsKeep},
+           {{"backup", "prune"}, text::kPruneNeedsKeep},
+           {{"backup", "schedule", "03:00"}, notConfigured}}) {
+    EXPECT_TRUE(failsWith(run(words), message)) << words.back();
+  }
   test::configurePeerBackups(data(), key());
   EXPECT_TRUE(failsWith(run({"backup", "schedule", "Off"}), text::kBadTime));
   EXPECT_EQ(readSchedule(backupConfigPath(data()))->dailyAt, "");
-}
 
-TEST_F(BackupCommandsTest, ScheduleReplacesKeepOnlyWhenGiven) {
-  test::configurePeerBackups(data(), key());
   const std::string pickedUp = std::string(text::kPickedUp) + "\n";
-  auto set = run({"backup", "schedule", "03:00"}, [](CommandArguments& s) { s.backup.keep = 2; });
-  EXPECT_EQ(set.out, "scheduled backups: daily at 03:00 (server local time), keep 2 snapshot(s)\n" +
-                         pickedUp);
+  EXPECT_EQ(run({"backup", "schedule", "03:00", "--keep", "2"}).out,
+            "scheduled backups: daily at 03:00 (server local time), keep 2 snapshot(s)\n" +
+                pickedUp);
   EXPECT_EQ(run({"backup", "schedule", "off"}).out, "scheduled backups: off\n" + pickedUp);
   EXPECT_EQ(readSchedule(backupConfigPath(data()))->keep, 2);
-  EXPECT_EQ(run({"backup", "schedule", "23:59"}, [](CommandArguments& s) { s.backup.keep = 0; }).out,
+  EXPECT_EQ(run({"backup", "schedule", "23:59", "--keep", "0"}).out,
             "scheduled backups: daily at 23:59 (server local time), keep 0 snapshot(s) (no "
-            "pruning)\n" +
-                pickedUp);
-}
+            "pruning)\n" + pickedUp);
 
-TEST_F(BackupCommandsTest, ABackupWhoseOutcomeCannotBeRecordedSaysSo) {
-  test::configurePeerBackups(data(), key());
   fs::create_directories(backupStatePath(data()));  // a directory where the record belongs
   const auto made = run({"backup"});
   EXPECT_EQ(made.code, 1);
@@ -174,8 +164,7 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
                          "bytes\n  snap-20000101-000001  .*\n  " +
                          latest + "  .*\n3 snapshot\\(s\\) in bucket '" + bucket + "'\n")))
       << listed;
-
-  const auto pruned = run({"backup", "prune"}, [](CommandArguments& s) { s.backup.keep = 1; });
+  const auto pruned = run({"backup", "prune", "--keep", "1"});
   EXPECT_TRUE(std::regex_match(pruned.out,
                                std::regex("  removed snap-20000101-000000\n  removed "
                                           "snap-20000101-000001\nkept 1 snapshot\\(s\\); removed "
@@ -183,58 +172,37 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
       << pruned.out << pruned.err;
 
   // Restore: every refusal in its order, then the tree as it was.
-  const fs::path target = dir() / "restored";
-  const auto s3 = rill::test::S3Peers::shared().settings();
-  const std::string configFile = backupConfigPath(data()).string();
-  const auto restore = [&](const std::string& name, std::function<void(BackupArguments&)> tweak,
-                           const fs::path& into) {
-    return run(
-        {"restore", name},
-        [&](CommandArguments& s) {
-          s.backup.key = key().string();
-          s.backup.from = configFile;
-          tweak(s.backup);
-        },
-        into);
-  };
+  const std::string target = (dir() / "restored").string(), keyArg = key().string();
+  const std::string from = backupConfigPath(data()).string();
   writeFile(dir() / "incomplete.json", R"({"endpoint":"http://x"})");
-  const std::vector<std::tuple<std::string, std::function<void(BackupArguments&)>, std::string>>
-      refusals = {
-          {"snap-1", [](BackupArguments&) {}, text::kRestoreNeedsName},
-          {latest, [](BackupArguments& o) { o.key.clear(); }, text::kRestoreNeedsKey},
-          {latest, [&](BackupArguments& o) { o.from = (dir() / "none.json").string(); },
-           "cannot read " + (dir() / "none.json").string()},
-          {latest, [&](BackupArguments& o) { o.from = (dir() / "incomplete.json").string(); },
-           text::kMissingS3},
-          {latest, [](BackupArguments& o) { o.from.clear(); }, text::kRestoreNeedsStore},
-          {latest, [](BackupArguments&) {},
-           "restore target " + data().string() +
-               " is not empty - refusing to overwrite a data dir"},
-          {latest, [](BackupArguments& o) { o.key = "00"; }, std::string(rill::kBadKeyMessage)},
-      };
-  for (const auto& [name, tweak, message] : refusals) {
-    EXPECT_TRUE(failsWith(
-        restore(name, tweak, message.starts_with("restore target") ? data() : target), message))
-        << message;
+  const std::string none = (dir() / "none.json").string();
+  for (const auto& [words, message] : std::vector<std::pair<Words, std::string>>{
+           {{"snap-1", "--key", keyArg, "--from", from}, text::kRestoreNeedsName},
+           {{latest, "--from", from}, text::kRestoreNeedsKey},
+           {{latest, "--key", keyArg, "--from", none}, "cannot read " + none},
+           {{latest, "--key", keyArg, "--from", (dir() / "incomplete.json").string()},
+            text::kMissingS3},
+           {{latest, "--key", keyArg}, text::kRestoreNeedsStore},
+           {{latest, "--key", keyArg, "--from", from, "--data-dir", data().string()},
+            "restore target " + data().string() +
+                " is not empty - refusing to overwrite a data dir"},
+           {{latest, "--key", "00", "--from", from}, std::string(rill::kBadKeyMessage)}}) {
+    Words command{"restore"};
+    command.insert(command.end(), words.begin(), words.end());
+    if (words.back() != data().string()) command.insert(command.end(), {"--data-dir", target});
+    EXPECT_TRUE(failsWith(run(command), message)) << message;
   }
   EXPECT_FALSE(fs::exists(target));
 
-  const auto restored = restore(
-      latest,
-      [&](BackupArguments& o) {
-        o.from.clear();
-        o = {s3, key().string(), "", -1};
-        o.bucket.prefix = prefix;
-      },
-      target);
+  const auto restored = run(peer({"restore", latest, "--data-dir", target, "--key", keyArg,
+                                  "--prefix", prefix}));
   ASSERT_EQ(restored.code, 0) << restored.err;
-  EXPECT_EQ(restored.out,
-            "restored " + latest + " -> " + target.string() + ": 3 file(s), " +
-                made.out.substr(made.out.find("new (") + 5,
-                                made.out.find(" bytes") - made.out.find("new (") - 5) +
-                " bytes (verified)\n" + text::kCheckKeyFile + "\n");
+  const std::size_t bytesAt = made.out.find("new (") + 5;
+  EXPECT_EQ(restored.out, "restored " + latest + " -> " + target + ": 3 file(s), " +
+                              made.out.substr(bytesAt, made.out.find(" bytes") - bytesAt) +
+                              " bytes (verified)\n" + text::kCheckKeyFile + "\n");
   EXPECT_TRUE(treeContent(target) == before) << "the restored tree differs";
-  EXPECT_TRUE(fs::is_directory(target / "invites"));
+  EXPECT_TRUE(fs::is_directory(fs::path(target) / "invites"));
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 // The command line of the real binary: version, route table, usage errors, dispatch.
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <fstream>
-#include <sstream>
 
 #include "e2e/e2e_support.h"
-#include "support/process.h"
 
 namespace quill::test {
 namespace {
@@ -32,47 +29,34 @@ const std::string kUsage =
     "(--from <backup.json> | --endpoint ... --bucket ... --access-key ... --secret-key ... "
     "[--prefix backups/])\n";
 
-TEST(Cli, VersionActsWhenMet) {
-  for (auto args : std::vector<std::vector<std::string>>{
-           {"--version"}, {"version"}, {"--version", "extra", "words"}, {"--port", "1", "version"},
-           {"--version", "--bogus"}}) {
-    auto r = runProcess(kBinary, args);
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_EQ(r.out, "0.7.10+g1b83633\n");
-    EXPECT_EQ(r.err, "");
-  }
-}
-
-TEST(Cli, DumpRoutesPrintsTheTableInOrder) {
+TEST(Cli, VersionUsageAndDispatch) {
   std::ifstream in(QUILL_SOURCE_DIR "/tests/e2e/routes.txt");
-  std::stringstream expected;
-  expected << in.rdbuf();
-  auto r = runProcess(kBinary, {"--dump-routes"});
-  EXPECT_EQ(r.exitCode, 0);
-  EXPECT_EQ(r.out, expected.str());
-  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 65);
-}
-
-TEST(Cli, BadArgumentsPrintTheUsageExactly) {
-  for (auto args : std::vector<std::vector<std::string>>{
-           {"--bogus", "--version"}, {"--port"}, {""}, {"-h"}, {"--port", "abc"},
-           {"--port", "99999"}, {"--days", "x"}, {"--hours", "1h"}, {"--keep", "many"},
-           {"user", "create", "alice", "--role"}}) {
-    auto r = runProcess(kBinary, args);
-    EXPECT_EQ(r.exitCode, 1) << args.front();
-    EXPECT_EQ(r.err, kUsage) << args.front();
-    EXPECT_EQ(r.out, "");
-  }
-}
-
-TEST(Cli, WordsMustFormAKnownCommand) {
-  for (auto args : std::vector<std::vector<std::string>>{
-           {"user", "create"}, {"user"}, {"token", "list", "extra"}, {"frobnicate"},
-           {"backup", "schedule"}, {"restore"}}) {
-    auto r = runProcess(kBinary, args);
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "unknown command\n");
-    EXPECT_EQ(r.out, "");
+  const std::string routes{std::istreambuf_iterator<char>(in), {}};
+  EXPECT_EQ(std::count(routes.begin(), routes.end(), '\n'), 65);
+  using Args = std::vector<std::string>;
+  const struct {
+    std::vector<Args> args;
+    int code;
+    std::string out, err;
+  } cases[] = {
+      {{{"--version"}, {"version"}, {"--version", "extra", "words"}, {"--port", "1", "version"},
+        {"--version", "--bogus"}},
+       0, "0.7.10+g1b83633\n", ""},
+      {{{"--dump-routes"}}, 0, routes, ""},
+      {{{"--bogus", "--version"}, {"--port"}, {""}, {"-h"}, {"--port", "abc"}, {"--port", "99999"},
+        {"--days", "x"}, {"--hours", "1h"}, {"--keep", "many"}, {"user", "create", "a", "--role"}},
+       1, "", kUsage},
+      {{{"user", "create"}, {"user"}, {"token", "list", "extra"}, {"frobnicate"},
+        {"backup", "schedule"}, {"restore"}},
+       1, "", "unknown command\n"},
+  };
+  for (const auto& c : cases) {
+    for (const Args& args : c.args) {
+      const auto r = runProcess(kBinary, args);
+      EXPECT_EQ(r.exitCode, c.code) << args.front();
+      EXPECT_EQ(r.out, c.out) << args.front();
+      EXPECT_EQ(r.err, c.err) << args.front();
+    }
   }
 }
 

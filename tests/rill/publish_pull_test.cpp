@@ -1,5 +1,5 @@
 // Publishing and pulling through providers held in memory, with faults injected where a store or
-// a network would fail.
+// a network would fail; and through the real S3 peer and the presigned links of a sync descriptor.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,10 @@
 #include "rill/memory_provider.h"
 #include "rill/publish.h"
 #include "rill/pull.h"
+#include "rill/s3_provider.h"
+#include "rill/sync_descriptor.h"
 #include "rill_trees.h"
+#include "s3_peers.h"
 #include "store_view.h"
 #include "support/temp_dir_test_base.h"
 
@@ -51,20 +54,21 @@ class PublishPullTest : public quill::test::TempDirTest {
     return publishDirectory(*store_, source(), o);
   }
 
-  Result<PullReport> pull(const std::string& channel = "nightly", const std::string& key = "") {
+  Result<PullReport> pull(const std::string& channel = "nightly", const std::string& key = "",
+                          const fs::path& into = {}) {
     StorePullSource src(*store_, channel);
     PullOptions o;
     o.channel = channel;
     o.verifyKey = key;
     o.networkThreads = 3;
-    return pullChannel(src, target(), o);
+    return pullChannel(src, into.empty() ? target() : into, o);
   }
 
   MemoryProvider* memory_ = nullptr;
   std::unique_ptr<FaultInjectingProvider> store_;
 };
 
-TEST_F(PublishPullTest, PullRebuildsThePublishedTreeAndRepublishReusesEveryChunk) {
+TEST_F(PublishPullTest, EachBuildCostsOnlyItsNewChunksAndABrokenPullResumes) {
   auto first = publish(options());
   ASSERT_TRUE(first) << first.error();
   const Manifest& m = first.value().manifest;
@@ -72,7 +76,6 @@ TEST_F(PublishPullTest, PullRebuildsThePublishedTreeAndRepublishReusesEveryChunk
   EXPECT_EQ(first.value().uploaded, m.tree.stats.unique_chunks);
   // The duplicate text file costs nothing; the noise is stored raw, the text compressed.
   EXPECT_LT(first.value().storedBytes, m.tree.stats.unique_bytes);
-
   auto pulled = pull();
   ASSERT_TRUE(pulled) << pulled.error();
   EXPECT_EQ(treeContent(target()), treeContent(source()));
@@ -86,17 +89,12 @@ TEST_F(PublishPullTest, PullRebuildsThePublishedTreeAndRepublishReusesEveryChunk
   ASSERT_TRUE(again) << again.error();
   EXPECT_EQ(again.value().uploaded, 0u);
   EXPECT_EQ(memory_->size(), objects);
-
-  // Pulling the same build again touches no file.
-  auto same = pull();
+  auto same = pull();  // the same build again touches no file
   ASSERT_TRUE(same) << same.error();
   EXPECT_EQ(same.value().unchangedFiles, 4u);
   EXPECT_EQ(same.value().totals.chunksTotal, 0u);
-}
 
-TEST_F(PublishPullTest, NextBuildDownloadsOnlyTheChangedChunks) {
-  ASSERT_TRUE(publish(options()));
-  ASSERT_TRUE(pull());
+  // The next build: only the changed chunks travel.
   std::string app = test::readFile(source() / "bin/app.so");
   app[150 * 1024] ^= 0x55;
   writeFile(source() / "bin/app.so", app);
@@ -104,30 +102,23 @@ TEST_F(PublishPullTest, NextBuildDownloadsOnlyTheChangedChunks) {
   auto next = publish(options("nightly", true));
   ASSERT_TRUE(next) << next.error();
   EXPECT_LE(next.value().uploaded, 3u);
-
   auto update = pull();
   ASSERT_TRUE(update) << update.error();
   EXPECT_EQ(treeContent(target()), treeContent(source()));
   EXPECT_EQ(update.value().totals.downloaded, next.value().uploaded);
   EXPECT_GT(update.value().totals.reused, 10u);
-}
 
-TEST_F(PublishPullTest, InterruptedPullCompletesOnTheNextRunReusingWhatArrived) {
-  const std::uint64_t total = publish(options()).value().manifest.tree.stats.unique_chunks;
+  // Broken off elsewhere, a pull completes on the next run, reusing what arrived.
+  const fs::path other = dir() / "other";
   store_->failNth(FaultInjectingProvider::Operation::kGet, 30);
-  auto broken = pull();
-  ASSERT_FALSE(broken);
-  EXPECT_NE(broken.error().find("injected failure: get chunks/"), std::string::npos)
-      << broken.error();
-  EXPECT_NE(treeContent(target()), treeContent(source()));
-
-  auto resumed = pull();
+  const std::string broken = pull("nightly", "", other).error();
+  EXPECT_NE(broken.find("injected failure: get chunks/"), std::string::npos) << broken;
+  EXPECT_NE(treeContent(other), treeContent(source()));
+  auto resumed = pull("nightly", "", other);
   ASSERT_TRUE(resumed) << resumed.error();
-  EXPECT_EQ(treeContent(target()), treeContent(source()));
-  EXPECT_LT(resumed.value().totals.downloaded, total);
-  for (const auto& [path, content] : treeContent(target())) {
-    EXPECT_FALSE(path.ends_with(".part")) << path;
-  }
+  EXPECT_EQ(treeContent(other), treeContent(source()));
+  EXPECT_LT(resumed.value().totals.downloaded, next.value().manifest.tree.stats.unique_chunks);
+  for (const auto& [path, content] : treeContent(other)) EXPECT_FALSE(path.ends_with(".part"));
 }
 
 TEST_F(PublishPullTest, PullFollowsShapeChangesAndNeverWritesThroughLinks) {
@@ -332,6 +323,81 @@ TEST_F(PublishPullTest, DeletedChannelLeavesOnlyItsOwnChunksToTheSweep) {
   EXPECT_EQ(swept.value().removed, beta.value().uploaded);
   EXPECT_EQ(swept.value().kept, nightly.value().manifest.tree.stats.unique_chunks);
   ASSERT_TRUE(pull("nightly"));
+}
+
+namespace fs = std::filesystem;
+using test::S3Peers;
+
+class RillPeerTest : public quill::test::TempDirTest {
+ protected:
+  void SetUp() override { QUILL_REQUIRE_S3_PEERS(); }
+
+  static PublishOptions options(const std::string& channel, const std::string& key = "") {
+    PublishOptions o;
+    o.channel = channel;
+    o.build = "b7";
+    o.created = "2026-02-03T04:05:06Z";
+    o.force = true;
+    o.signingKey = key;
+    o.chunker = test::kSmallChunks;
+    return o;
+  }
+
+  // The presigned links a server would hand out for `channel`.
+  static PresignedLinks links(const std::string& channel, std::int64_t ttl = 300) {
+    S3Provider bucket(S3Peers::shared().settings());
+    std::string text;
+    EXPECT_TRUE(bucket.get(manifestKey(channel), text));
+    std::string descriptor;
+    EXPECT_TRUE(writeSyncDescriptor(bucket.client(), channel, parseManifest(text).value(), ttl,
+                                    [&](std::string_view piece) {
+                                      descriptor += piece;
+                                      return true;
+                                    }));
+    auto parsed = parseSyncDescriptor(descriptor);
+    EXPECT_TRUE(parsed) << parsed.error();
+    return parsed.value();
+  }
+};
+
+TEST_F(RillPeerTest, ASignedBuildTravelsThroughPresignedLinksThatRefuseWhatTheyDoNotCover) {
+  const fs::path source = dir() / "source";
+  test::writeBuild(source);
+  const SigningKeyPair keys = generateSigningKeyPair();
+  S3Provider bucket(S3Peers::shared().settings());
+  auto published = publishDirectory(bucket, source, options("peer-road", keys.secretKeyHex));
+  ASSERT_TRUE(published) << published.error();
+  PresignedPullSource viaLinks(links("peer-road"));
+  PullOptions pull;
+  pull.channel = "peer-road";
+  pull.verifyKey = keys.publicKeyHex;
+  auto pulled = pullChannel(viaLinks, dir() / "client", pull);
+  ASSERT_TRUE(pulled) << pulled.error();
+  EXPECT_EQ(test::treeContent(dir() / "client"), test::treeContent(source));
+  // Each distinct chunk is downloaded once; the copy of a file is copied locally.
+  EXPECT_EQ(pulled.value().totals.downloaded, published.value().uploaded);
+  StorePullSource direct(bucket, "peer-road");
+  ASSERT_TRUE(pullChannel(direct, dir() / "direct", pull));
+  EXPECT_EQ(test::treeContent(dir() / "direct"), test::treeContent(source));
+
+  // An unsigned channel: its signature link answers 404.
+  ASSERT_TRUE(publishDirectory(bucket, source, options("peer-links")));
+  pull.channel = "peer-links";
+  PresignedPullSource unsignedLinks(links("peer-links"));
+  EXPECT_EQ(pullChannel(unsignedLinks, dir() / "b", pull).error(),
+            "channel 'peer-links' has no signature but verification is required");
+  pull.verifyKey.clear();
+  PresignedLinks partial = links("peer-links");
+  const std::string id = partial.chunks.begin()->first;
+  partial.chunks.erase(id);
+  PresignedPullSource missing(partial);
+  EXPECT_EQ(pullChannel(missing, dir() / "a", pull).error(), "no presigned URL for chunk " + id);
+  PresignedLinks forged = links("peer-links");
+  forged.manifestUrl += "x";  // the signature no longer matches
+  forged.chunks[id] += "x";
+  PresignedPullSource refused(forged);
+  EXPECT_EQ(refused.manifest().error(), "manifest URL -> HTTP 403");
+  EXPECT_EQ(refused.chunk({id, 1}).error(), "chunk URL -> HTTP 403");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,27 +10,9 @@
 #include <cstdlib>
 #include <sstream>
 
-extern char** environ;
+#include "support/process.h"
 
 namespace quill::test {
-
-namespace {
-
-std::string readLine(int fd, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::string line;
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd p{fd, POLLIN, 0};
-    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return line;
-    char c;
-    if (::read(fd, &c, 1) != 1 || c == '\n') return line;
-    line.push_back(c);
-  }
-}
-
-}  // namespace
 
 std::filesystem::path programOnPath(const std::string& name) {
   const char* path = std::getenv("PATH");
@@ -46,19 +27,12 @@ std::filesystem::path programOnPath(const std::string& name) {
 NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args,
                    const std::vector<std::string>& nodeFlags) {
   const auto node = programOnPath("node");
+  int in[2], out[2];
   if (node.empty()) {
     failure_ = "node is not installed (scripts/install-deps.sh)";
     return;
   }
-  int in[2];
-  int out[2];
-  if (::pipe2(in, O_CLOEXEC) != 0) {
-    failure_ = "pipe failed";
-    return;
-  }
-  if (::pipe2(out, O_CLOEXEC) != 0) {
-    ::close(in[0]);
-    ::close(in[1]);
+  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
     failure_ = "pipe failed";
     return;
   }
@@ -66,33 +40,33 @@ NodePeer::NodePeer(const std::filesystem::path& script, const std::vector<std::s
   words.insert(words.end(), nodeFlags.begin(), nodeFlags.end());
   words.push_back(script.string());
   words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
+  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  pid_ = spawnProgram(words, in[0], out[1], devNull);
+  ::close(devNull);
   ::close(in[0]);
   ::close(out[1]);
   stdin_ = in[1];
-  if (rc != 0) {
-    pid_ = -1;
-    ::close(out[0]);
-    failure_ = "cannot start node";
-    return;
+  // The "ready <port>" line, read byte by byte within 90 seconds (node starts slowly when busy).
+  std::string line;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+  for (char c = 0; pid_ > 0 && c != '\n';) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd p{out[0], POLLIN, 0};
+    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0 ||
+        ::read(out[0], &c, 1) != 1) {
+      break;
+    }
+    if (c != '\n') line.push_back(c);
   }
-  const std::string line = readLine(out[0], std::chrono::seconds(90));
   ::close(out[0]);
   std::istringstream parts(line);
   std::string ready;
   int port = 0;
   parts >> ready >> port;
   if (ready != "ready" || port <= 0 || port > 65535) {
-    failure_ = script.filename().string() + " did not start: " + line;
+    failure_ = pid_ > 0 ? script.filename().string() + " did not start: " + line
+                        : "cannot start node";
     return;
   }
   port_ = static_cast<std::uint16_t>(port);

@@ -28,30 +28,39 @@ std::filesystem::path scratchFile(const char* tag) {
          ("quill-proc-" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + tag);
 }
 
-pid_t spawn(const std::string& program, const std::vector<std::string>& args,
-            const std::filesystem::path& out, const std::filesystem::path& err) {
-  std::vector<std::string> all{program};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : all) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
+// Runs `program` with standard output and error into the given files.
+pid_t spawnInto(const std::string& program, std::vector<std::string> args,
+                const std::filesystem::path& out, const std::filesystem::path& err) {
+  args.insert(args.begin(), program);
+  const int outFd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int errFd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const pid_t pid = spawnProgram(std::move(args), -1, outFd, errFd);
+  ::close(outFd);
+  ::close(errFd);
   return pid;
 }
 
 }  // namespace
 
+pid_t spawnProgram(std::vector<std::string> words, int in, int out, int err) {
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (const auto& [from, to] : {std::pair{in, 0}, {out, 1}, {err, 2}}) {
+    if (from >= 0) posix_spawn_file_actions_adddup2(&actions, from, to);
+  }
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args) {
   ProcessResult result;
-  auto out = scratchFile(".out");
-  auto err = scratchFile(".err");
-  pid_t pid = spawn(program, args, out, err);
+  const auto out = scratchFile(".out"), err = scratchFile(".err");
+  const pid_t pid = spawnInto(program, args, out, err);
   int status = 0;
   if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
     result.exitCode = WEXITSTATUS(status);
@@ -66,7 +75,7 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
 ServerProcess::ServerProcess(const std::string& program, std::vector<std::string> args)
     : port_(freePort()), outFile_(scratchFile(".server")) {
   args.insert(args.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port_)});
-  pid_ = spawn(program, args, outFile_, outFile_.string() + ".err");
+  pid_ = spawnInto(program, args, outFile_, outFile_.string() + ".err");
 }
 
 ServerProcess::~ServerProcess() {
@@ -80,11 +89,11 @@ ServerProcess::~ServerProcess() {
 }
 
 bool ServerProcess::waitUntilListening(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pid_ <= 0 || ::waitpid(pid_, nullptr, WNOHANG) == pid_) return false;
+  for (auto deadline = std::chrono::steady_clock::now() + timeout;
+       std::chrono::steady_clock::now() < deadline;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    if (!running()) return false;
     if (RawConnection(port_).connected()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
 }

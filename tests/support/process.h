@@ -20,6 +20,10 @@ struct ProcessResult {
 // Runs `program` with `args` to completion, capturing both output streams.
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args);
 
+// Starts `words` (the program first) with the given descriptors as its standard input, output and
+// error (-1: inherited); -1 when it could not be started.
+pid_t spawnProgram(std::vector<std::string> words, int in, int out, int err);
+
 // A server process on 127.0.0.1 with a free port; killed and reaped on destruction.
 class ServerProcess {
  public:
