@@ -15,10 +15,10 @@
 #include <cstdio>
 #include <unordered_set>
 
-#include "rill/chunk_reader.h"
-#include "rill/memory_provider.h"
-#include "rill/publish.h"
-#include "rill/tree_scan.h"
+#include "rill/chunks/chunk_reader.h"
+#include "rill/providers/memory_provider.h"
+#include "rill/ops/publish.h"
+#include "rill/chunks/tree_scan.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "rill/chunker.h"
-#include "rill/file_chunker.h"
+#include "rill/chunks/chunker.h"
+#include "rill/chunks/file_chunker.h"
 
 namespace {
 

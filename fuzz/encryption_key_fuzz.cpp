@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/hex.h"
-#include "rill/encryption_key.h"
+#include "rill/providers/encryption_key.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quill::rill;

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "rill/manifest.h"
+#include "rill/chunks/manifest.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quill::rill;

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "rill/manifest.h"
+#include "rill/chunks/manifest.h"
 #include "store/names.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "rill/s3_error.h"
+#include "rill/transport/s3_error.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view body(reinterpret_cast<const char*>(data), size);

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "rill/s3_listing.h"
+#include "rill/transport/s3_listing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view xml(reinterpret_cast<const char*>(data), size);

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "base/json_reader.h"
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "base/process_init.h"
-#include "rill/encrypted_provider.h"
-#include "rill/memory_provider.h"
+#include "rill/providers/encrypted_provider.h"
+#include "rill/providers/memory_provider.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
+scripts/check-layers.sh  # includes run one way between the floors
 sanitize=${QUILL_SANITIZE:-ON}
 dir=build-test
 [ "$sanitize" = ON ] || dir=build-test-plain

@@ -9,7 +9,7 @@
 #include "app/commands.h"
 #include "app/routes.h"
 #include "app/serve.h"
-#include "app/version.h"
+#include "base/version.h"
 #include "base/process_init.h"
 #include "handler/context.h"
 #include "store/data_dir.h"

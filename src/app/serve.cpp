@@ -15,7 +15,7 @@
 #include "app/gate.h"
 #include "app/routes.h"
 #include "app/scheduler.h"
-#include "app/version.h"
+#include "base/version.h"
 #include "backup/background_run.h"
 #include "backup/schedule_check.h"
 #include "builds/build_store.h"

@@ -3,7 +3,7 @@
 #include <json/value.h>
 
 #include "app/resources.h"
-#include "app/version.h"
+#include "base/version.h"
 #include "http/json.h"
 
 namespace quill {

@@ -12,8 +12,8 @@
 #include "backup/snapshots.h"
 #include "handler/common.h"
 #include "http/json.h"
-#include "rill/bucket_probe.h"
-#include "rill/s3_settings.h"
+#include "rill/providers/bucket_probe.h"
+#include "rill/transport/s3_settings.h"
 #include "store/documents.h"
 
 namespace quill::backup {

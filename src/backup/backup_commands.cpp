@@ -8,8 +8,8 @@
 #include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
 #include "base/process_init.h"
-#include "rill/progress_line.h"
-#include "rill/s3_client.h"
+#include "rill/ops/progress_line.h"
+#include "rill/transport/s3_client.h"
 #include "store/documents.h"
 
 namespace quill::backup {

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "handler/context.h"
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 namespace quill::backup {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "base/result.h"
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 namespace quill::backup {
 

@@ -11,7 +11,7 @@
 #include "backup/snapshot_check.h"
 #include "backup/snapshots.h"
 #include "base/result.h"
-#include "rill/storage_provider.h"
+#include "rill/providers/storage_provider.h"
 
 namespace quill::backup {
 

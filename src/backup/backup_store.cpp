@@ -12,10 +12,10 @@
 
 #include "backup/backup_texts.h"
 #include "backup/snapshots.h"
-#include "rill/encrypted_provider.h"
-#include "rill/encryption_key.h"
-#include "rill/prefixed_provider.h"
-#include "rill/s3_provider.h"
+#include "rill/providers/encrypted_provider.h"
+#include "rill/providers/encryption_key.h"
+#include "rill/providers/prefixed_provider.h"
+#include "rill/providers/s3_provider.h"
 
 namespace quill::backup {
 

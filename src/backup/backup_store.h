@@ -4,8 +4,8 @@
 #include <string>
 
 #include "base/result.h"
-#include "rill/s3_settings.h"
-#include "rill/storage_provider.h"
+#include "rill/transport/s3_settings.h"
+#include "rill/providers/storage_provider.h"
 
 namespace quill::backup {
 

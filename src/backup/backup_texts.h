@@ -1,7 +1,7 @@
 #pragma once
 // Every fixed text of the backup subsystem, in one place so that code and tests cannot drift.
 
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 namespace quill::backup::text {
 

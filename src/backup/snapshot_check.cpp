@@ -6,9 +6,9 @@
 #include <unordered_set>
 
 #include "backup/snapshots.h"
-#include "rill/chunk_codec.h"
-#include "rill/pull_source.h"
-#include "rill/task_pool.h"
+#include "rill/chunks/chunk_codec.h"
+#include "rill/ops/pull_source.h"
+#include "rill/ops/task_pool.h"
 
 namespace quill::backup {
 

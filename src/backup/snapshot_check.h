@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "rill/result.h"
-#include "rill/storage_provider.h"
+#include "rill/providers/storage_provider.h"
 
 namespace quill::backup {
 

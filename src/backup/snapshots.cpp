@@ -4,10 +4,10 @@
 #include <ctime>
 
 #include "backup/backup_texts.h"
-#include "rill/channel_store.h"
-#include "rill/manifest.h"
-#include "rill/pull_source.h"
-#include "rill/sealed_object.h"
+#include "rill/ops/channel_store.h"
+#include "rill/chunks/manifest.h"
+#include "rill/ops/pull_source.h"
+#include "rill/providers/sealed_object.h"
 #include "store/data_dir.h"
 #include "store/utc_time.h"
 

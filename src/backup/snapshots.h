@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "base/result.h"
-#include "rill/publish.h"
-#include "rill/pull.h"
-#include "rill/storage_provider.h"
+#include "rill/ops/publish.h"
+#include "rill/ops/pull.h"
+#include "rill/providers/storage_provider.h"
 
 namespace quill::backup {
 

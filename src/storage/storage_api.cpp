@@ -1,8 +1,8 @@
 #include "storage/storage_api.h"
 
 #include "base/json_reader.h"
-#include "rill/bucket_probe.h"
-#include "rill/s3_settings.h"
+#include "rill/providers/bucket_probe.h"
+#include "rill/transport/s3_settings.h"
 #include "store/documents.h"
 
 namespace quill::storage {

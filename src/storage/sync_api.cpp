@@ -4,10 +4,10 @@
 
 #include <cstdlib>
 
-#include "rill/manifest.h"
-#include "rill/s3_provider.h"
-#include "rill/s3_settings.h"
-#include "rill/sync_descriptor.h"
+#include "rill/chunks/manifest.h"
+#include "rill/providers/s3_provider.h"
+#include "rill/transport/s3_settings.h"
+#include "rill/ops/sync_descriptor.h"
 #include "store/documents.h"
 #include "store/scratch_file.h"
 

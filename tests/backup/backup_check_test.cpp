@@ -12,7 +12,7 @@
 #include "backup/backup_texts.h"
 #include "handler/context.h"
 #include "peer_backups.h"
-#include "rill/encryption_key.h"
+#include "rill/providers/encryption_key.h"
 #include "rill/rill_trees.h"
 #include "support/temp_dir_test_base.h"
 

@@ -6,7 +6,7 @@
 
 #include "e2e/e2e_support.h"
 #include "rill/rill_trees.h"
-#include "rill/s3_client.h"
+#include "rill/transport/s3_client.h"
 #include "rill/s3_peers.h"
 
 namespace quill::test {

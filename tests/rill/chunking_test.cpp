@@ -6,11 +6,11 @@
 #include <random>
 #include <vector>
 
-#include "rill/chunk_id.h"
-#include "rill/chunker.h"
-#include "rill/file_chunker.h"
-#include "rill/gear.h"
-#include "rill/tree_scan.h"
+#include "rill/chunks/chunk_id.h"
+#include "rill/chunks/chunker.h"
+#include "rill/chunks/file_chunker.h"
+#include "rill/chunks/gear.h"
+#include "rill/chunks/tree_scan.h"
 #include "rill_trees.h"
 #include "support/temp_dir_test_base.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "rill/s3_client.h"
+#include "rill/transport/s3_client.h"
 #include "support/node_peer.h"
 #include "support/temp_dir.h"
 

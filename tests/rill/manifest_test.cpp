@@ -6,11 +6,11 @@
 #include <json/writer.h>
 #include <zstd.h>
 
-#include "rill/chunk_codec.h"
-#include "rill/chunk_id.h"
-#include "rill/manifest.h"
-#include "rill/manifest_signature.h"
-#include "rill/sync_descriptor.h"
+#include "rill/chunks/chunk_codec.h"
+#include "rill/chunks/chunk_id.h"
+#include "rill/chunks/manifest.h"
+#include "rill/chunks/manifest_signature.h"
+#include "rill/ops/sync_descriptor.h"
 #include "rill_trees.h"
 
 namespace quill::rill {

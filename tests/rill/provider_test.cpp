@@ -9,14 +9,14 @@
 #include <sodium.h>
 #include <thread>
 
-#include "rill/chunk_id.h"
-#include "rill/encrypted_provider.h"
-#include "rill/encryption_key.h"
-#include "rill/fault_injecting_provider.h"
-#include "rill/memory_provider.h"
-#include "rill/prefixed_provider.h"
+#include "rill/chunks/chunk_id.h"
+#include "rill/providers/encrypted_provider.h"
+#include "rill/providers/encryption_key.h"
+#include "rill/providers/fault_injecting_provider.h"
+#include "rill/providers/memory_provider.h"
+#include "rill/providers/prefixed_provider.h"
 #include "base/process_init.h"
-#include "rill/s3_provider.h"
+#include "rill/providers/s3_provider.h"
 #include "s3_peers.h"
 #include "support/temp_dir_test_base.h"
 

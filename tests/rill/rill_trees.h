@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
-#include "rill/chunker.h"
-#include "rill/pull.h"
+#include "rill/chunks/chunker.h"
+#include "rill/ops/pull.h"
 
 namespace quill::rill::test {
 

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include "rill/bucket_probe.h"
-#include "rill/s3_error.h"
-#include "rill/s3_provider.h"
+#include "rill/providers/bucket_probe.h"
+#include "rill/transport/s3_error.h"
+#include "rill/providers/s3_provider.h"
 #include "s3_peers.h"
 
 namespace quill::rill {

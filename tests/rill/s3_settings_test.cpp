@@ -1,7 +1,7 @@
 // The one reading of bucket settings: request bodies are checked member by member, stored documents
 // read leniently and are complete or refused, and every form gives an empty region as "auto".
 
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 #include <gtest/gtest.h>
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "rill/storage_provider.h"
+#include "rill/providers/storage_provider.h"
 
 namespace quill::rill::test {
 

@@ -6,13 +6,13 @@
 #include <regex>
 
 #include "base/http_client.h"
-#include "rill/bucket_probe.h"
+#include "rill/providers/bucket_probe.h"
 #include "rill/hostile_bucket.h"
-#include "rill/publish.h"
+#include "rill/ops/publish.h"
 #include "rill/rill_trees.h"
 #include "rill/s3_peers.h"
-#include "rill/s3_provider.h"
-#include "rill/s3_settings.h"
+#include "rill/providers/s3_provider.h"
+#include "rill/transport/s3_settings.h"
 #include "store/documents.h"
 #include "support/api_fixture.h"
 #include "support/http_client.h"

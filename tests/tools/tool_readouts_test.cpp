@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "rill/human_size.h"
-#include "rill/progress_line.h"
+#include "rill/ops/human_size.h"
+#include "rill/ops/progress_line.h"
 #include "tool_options.h"
 
 namespace quill::rilltool {

@@ -10,15 +10,15 @@
 
 #include "base/http_client.h"
 #include "base/json_reader.h"
-#include "app/version.h"
-#include "rill/human_size.h"
-#include "rill/manifest_signature.h"
-#include "rill/prefixed_provider.h"
-#include "rill/progress_line.h"
-#include "rill/publish.h"
-#include "rill/pull.h"
-#include "rill/s3_provider.h"
-#include "rill/sync_descriptor.h"
+#include "base/version.h"
+#include "rill/ops/human_size.h"
+#include "rill/chunks/manifest_signature.h"
+#include "rill/providers/prefixed_provider.h"
+#include "rill/ops/progress_line.h"
+#include "rill/ops/publish.h"
+#include "rill/ops/pull.h"
+#include "rill/providers/s3_provider.h"
+#include "rill/ops/sync_descriptor.h"
 
 namespace quill::rilltool {
 

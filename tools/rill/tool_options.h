@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/result.h"
-#include "rill/s3_settings.h"
+#include "rill/transport/s3_settings.h"
 
 namespace quill::rilltool {
 

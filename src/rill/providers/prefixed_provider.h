@@ -1,0 +1,27 @@
+#pragma once
+// Puts every key of a wrapped provider under a fixed prefix, so several stores can share a bucket.
+
+#include "rill/providers/storage_provider.h"
+
+namespace quill::rill {
+
+// put/get/exists/remove use prefix + key. `list` lists prefix + the given prefix and strips the
+// prefix from the keys it returns. Chunk keys are the default ones, relative to the prefix.
+class PrefixedProvider final : public StorageProvider {
+ public:
+  PrefixedProvider(std::string prefix, StorageProviderPtr inner);
+
+  bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
+  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
+           std::uint64_t maxBytes = kAnySize) override;
+  std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
+  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
+                                               std::string* error = nullptr) override;
+  bool remove(const std::string& key, std::string* error = nullptr) override;
+
+ private:
+  std::string prefix_;
+  StorageProviderPtr inner_;
+};
+
+}  // namespace quill::rill
