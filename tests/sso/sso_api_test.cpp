@@ -26,17 +26,17 @@ class SsoApi : public ApiTest {
   void SetUp() override {
     ApiTest::SetUp();
     ctx().sso = std::make_shared<sso::SsoState>([this] { return now_; });
-    serveDiscovery(idp_.origin());
+    serveDiscovery();
     idp_.serve("/jwks", http::toCompactJson(keySet({&key_})));
   }
 
-  void serveDiscovery(const std::string& issuer) {
-    Json::Value doc(Json::objectValue);
-    doc["issuer"] = issuer;
-    doc["authorization_endpoint"] = idp_.origin() + "/auth";
-    doc["token_endpoint"] = idp_.origin() + "/token";
-    doc["jwks_uri"] = idp_.origin() + "/jwks";
-    idp_.serve(kDiscoveryPath, http::toCompactJson(doc));
+  // The provider's discovery document; the token endpoint may be moved elsewhere.
+  void serveDiscovery(std::string tokenEndpoint = "") {
+    const std::string& o = idp_.origin();
+    if (tokenEndpoint.empty()) tokenEndpoint = o + "/token";
+    idp_.serve(kDiscoveryPath, R"({"issuer":")" + o + R"(","authorization_endpoint":")" + o +
+                                   R"(/auth","token_endpoint":")" + tokenEndpoint +
+                                   R"(","jwks_uri":")" + o + R"(/jwks"})");
   }
 
   void configure(sso::Mapping mapping = {}) {
@@ -64,13 +64,11 @@ class SsoApi : public ApiTest {
     return started;
   }
   Json::Value claims(const Started& started) {
-    Json::Value c(Json::objectValue);
+    Json::Value c =
+        parseJson(R"({"aud":"quill","sub":"sub-ann","preferred_username":"Ann.Lee@example.com"})");
     c["iss"] = idp_.origin();
-    c["aud"] = "quill";
     c["exp"] = Json::Int64(std::time(nullptr) + 300);
     c["nonce"] = started.nonce;
-    c["sub"] = "sub-ann";
-    c["preferred_username"] = "Ann.Lee@example.com";
     return c;
   }
   void serveToken(const std::string& idToken) {
@@ -373,15 +371,11 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
 
   // A token endpoint nobody answers at.
   started = start();
-  Json::Value discovery =
-      parseJson(R"({"authorization_endpoint":"a","jwks_uri":")" + idp_.origin() +
-                R"(/jwks","token_endpoint":"http://127.0.0.1:1/t"})");
-  discovery["issuer"] = idp_.origin();
-  idp_.serve(kDiscoveryPath, http::toCompactJson(discovery));
+  serveDiscovery("http://127.0.0.1:1/t");
   now_ += sso::ProviderCache::kLifetime;
   EXPECT_TRUE(isPage(callback(started.state), 502, "Sign-in failed",
                      "identity provider: token endpoint unreachable"));
-  serveDiscovery(idp_.origin());
+  serveDiscovery();
 
   // The provider goes away once the cached documents are old.
   started = start();
@@ -397,7 +391,7 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
   EXPECT_TRUE(isPage(send(Req("GET", "/api/sso/start").q("port", "5555")), 502,
                      "Identity provider unreachable", "discovery document: HTTP 500"));
 
-  serveDiscovery(idp_.origin());
+  serveDiscovery();
   started = start();
   store::removeFile(sso::ssoConfigPath(data()));
   EXPECT_TRUE(isPage(callback(started.state), 404, "Sign-in unavailable",
