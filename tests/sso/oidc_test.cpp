@@ -86,23 +86,17 @@ TEST(SsoKeySet, KeepsRsaSigningKeysOnlyInOrder) {
   const JwtSigner& a = JwtSigner::shared("a");
   const JwtSigner& b = JwtSigner::shared("");
   Json::Value set = test::keySet({&a, &b});
-  Json::Value encryption = a.publicJwk();
+  Json::Value encryption = a.publicJwk(), noUse = a.publicJwk();
   encryption["use"] = "enc";
-  Json::Value ec(Json::objectValue);
-  ec["kty"] = "EC";
-  ec["kid"] = "ec";
-  Json::Value noUse = a.publicJwk();
   noUse.removeMember("use");
   noUse["kid"] = "c";
-  set["keys"].append(encryption);
-  set["keys"].append(ec);
-  set["keys"].append(noUse);
+  for (const Json::Value& key : {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse})
+    set["keys"].append(key);
   auto keys = parseKeySet(200, http::toCompactJson(set));
   ASSERT_TRUE(keys) << keys.error();
-  ASSERT_EQ(keys.value().size(), 3u);
-  EXPECT_EQ(keys.value()[0].kid, "a");
-  EXPECT_EQ(keys.value()[1].kid, "");
-  EXPECT_EQ(keys.value()[2].kid, "c");
+  std::vector<std::string> kids;
+  for (const Jwk& key : keys.value()) kids.push_back(key.kid);
+  EXPECT_EQ(kids, (std::vector<std::string>{"a", "", "c"}));
 
   EXPECT_EQ(parseKeySet(0, "").error(), "could not fetch the provider's keys");
   EXPECT_EQ(parseKeySet(500, "{}").error(), "could not fetch the provider's keys");
