@@ -86,23 +86,17 @@ TEST(SsoKeySet, KeepsRsaSigningKeysOnlyInOrder) {
   const JwtSigner& a = JwtSigner::shared("a");
   const JwtSigner& b = JwtSigner::shared("");
   Json::Value set = test::keySet({&a, &b});
-  Json::Value encryption = a.publicJwk();
+  Json::Value encryption = a.publicJwk(), noUse = a.publicJwk();
   encryption["use"] = "enc";
-  Json::Value ec(Json::objectValue);
-  ec["kty"] = "EC";
-  ec["kid"] = "ec";
-  Json::Value noUse = a.publicJwk();
   noUse.removeMember("use");
   noUse["kid"] = "c";
-  set["keys"].append(encryption);
-  set["keys"].append(ec);
-  set["keys"].append(noUse);
+  for (const Json::Value& key : {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse})
+    set["keys"].append(key);
   auto keys = parseKeySet(200, http::toCompactJson(set));
   ASSERT_TRUE(keys) << keys.error();
-  ASSERT_EQ(keys.value().size(), 3u);
-  EXPECT_EQ(keys.value()[0].kid, "a");
-  EXPECT_EQ(keys.value()[1].kid, "");
-  EXPECT_EQ(keys.value()[2].kid, "c");
+  std::vector<std::string> kids;
+  for (const Jwk& key : keys.value()) kids.push_back(key.kid);
+  EXPECT_EQ(kids, (std::vector<std::string>{"a", "", "c"}));
 
   EXPECT_EQ(parseKeySet(0, "").error(), "could not fetch the provider's keys");
   EXPECT_EQ(parseKeySet(500, "{}").error(), "could not fetch the provider's keys");
@@ -256,24 +250,23 @@ TEST(SsoClaims, CheckedInOrderWithoutSkew) {
   listed["aud"] = test::strings({"other", "quill"});
   EXPECT_EQ(checkClaims(listed, expected), std::nullopt);
 
-  auto with = [&](const char* member, Json::Value value) {
-    Json::Value p = good;
-    if (value.isNull()) {
-      p.removeMember(member);
-    } else {
-      p[member] = value;
-    }
-    return checkClaims(p, expected).value_or("passed");
+  // One member changed (null: removed) and the answer.
+  const std::tuple<const char*, Json::Value, const char*> rows[] = {
+      {"iss", "https://id/", "token issuer mismatch"},
+      {"aud", "Quill", "token audience mismatch"},
+      {"aud", test::strings({"other"}), "token audience mismatch"},
+      {"exp", Json::Int64(now - 1), "token expired"},
+      {"exp", Json::Value(), "token expired"},
+      {"exp", "1900000000", "token expired"},
+      {"exp", 1e300, "passed"},
+      {"exp", -1e300, "token expired"},
+      {"nonce", "n2", "token nonce mismatch"},
   };
-  EXPECT_EQ(with("iss", "https://id/"), "token issuer mismatch");
-  EXPECT_EQ(with("aud", "Quill"), "token audience mismatch");
-  EXPECT_EQ(with("aud", test::strings({"other"})), "token audience mismatch");
-  EXPECT_EQ(with("exp", Json::Int64(now - 1)), "token expired");
-  EXPECT_EQ(with("exp", Json::Value()), "token expired");
-  EXPECT_EQ(with("exp", "1900000000"), "token expired");
-  EXPECT_EQ(with("exp", 1e300), "passed");
-  EXPECT_EQ(with("exp", -1e300), "token expired");
-  EXPECT_EQ(with("nonce", "n2"), "token nonce mismatch");
+  for (const auto& [member, value, error] : rows) {
+    Json::Value p = good;
+    value.isNull() ? (void)p.removeMember(member) : (void)(p[member] = value);
+    EXPECT_EQ(checkClaims(p, expected).value_or("passed"), error) << member << " " << value;
+  }
   // Order: a token wrong in everything reports the issuer first.
   Json::Value bad(Json::objectValue);
   EXPECT_EQ(checkClaims(bad, expected), "token issuer mismatch");

@@ -1,4 +1,3 @@
-#include "base/json_reader.h"
 #include "store/documents.h"
 
 #include <gtest/gtest.h>
@@ -6,33 +5,25 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/temp_dir_test_base.h"
+#include "base/json_reader.h"
+#include "support/api_fixture.h"
 
 namespace quill::store {
 namespace {
+
+using test::filesIn;
+using test::readBytes;
 
 class DocumentsTest : public test::TempDirTest {
  protected:
   static void writeRaw(const fs::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
   }
-
-  static std::string readRaw(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  }
-
-  static std::size_t filesIn(const fs::path& path) {
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(path), fs::directory_iterator()));
-  }
-
   static Json::Value record(const std::string& name) {
     Json::Value value(Json::objectValue);
     value["name"] = name;
@@ -53,12 +44,9 @@ TEST_F(DocumentsTest, WriteCreatesParentsReplacesWholeDocumentsAndSortsTheirMemb
   EXPECT_EQ(filesIn(dir() / "users"), 1u);
 
   // Members in ascending byte order of their keys, and a final newline.
-  Json::Value value(Json::objectValue);
-  value["zeta"] = 1;
-  value["alpha"] = 2;
-  value["Mid"] = 3;
-  ASSERT_TRUE(writeJsonFile(dir() / "order.json", value));
-  const std::string text = readRaw(dir() / "order.json");
+  ASSERT_TRUE(writeJsonFile(dir() / "order.json",
+                            *base::parseJsonObject(R"({"zeta":1,"alpha":2,"Mid":3})")));
+  const std::string text = readBytes(dir() / "order.json");
   EXPECT_LT(text.find("\"Mid\""), text.find("\"alpha\""));
   EXPECT_LT(text.find("\"alpha\""), text.find("\"zeta\""));
   EXPECT_EQ(text.back(), '\n');
@@ -69,7 +57,7 @@ TEST_F(DocumentsTest, WriteCreatesParentsReplacesWholeDocumentsAndSortsTheirMemb
   const bool written = writeFileAtomic("bare.json", "{}").ok();
   fs::current_path(before);
   EXPECT_TRUE(written);
-  EXPECT_EQ(readRaw(dir() / "bare.json"), "{}");
+  EXPECT_EQ(readBytes(dir() / "bare.json"), "{}");
 }
 
 TEST_F(DocumentsTest, AFailedWriteRemovesItsTemporaryAndLeavesOthersAlone) {
@@ -82,7 +70,7 @@ TEST_F(DocumentsTest, AFailedWriteRemovesItsTemporaryAndLeavesOthersAlone) {
   for (const auto& entry : fs::directory_iterator(dir())) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"state.json", "state.json.tmp", "taken.json"}));
-  EXPECT_EQ(readRaw(dir() / "state.json.tmp"), "theirs");
+  EXPECT_EQ(readBytes(dir() / "state.json.tmp"), "theirs");
 }
 
 TEST_F(DocumentsTest, ConcurrentWritersOfOneDocumentNeverShowATornOrMissingFile) {
@@ -136,12 +124,12 @@ TEST_F(DocumentsTest, NestingTooDeepToParseIsNotAnObject) {
 }
 
 TEST_F(DocumentsTest, MissingOrMalformedFilesReadAsAbsentAndLeaveTheValueAlone) {
-  writeRaw(dir() / "broken.json", "{\"name\": ");
-  writeRaw(dir() / "trailing.json", "{} {}");
-  writeRaw(dir() / "empty.json", "");
   fs::create_directory(dir() / "dir.json");
-
   Json::Value value = record("keep");
+  for (const auto& [name, bytes] :
+       {std::pair{"broken.json", "{\"name\": "}, {"trailing.json", "{} {}"}, {"empty.json", ""}}) {
+    writeRaw(dir() / name, bytes);
+  }
   for (const char* name :
        {"missing.json", "broken.json", "trailing.json", "empty.json", "dir.json"}) {
     EXPECT_FALSE(readJsonFile(dir() / name, value)) << name;
@@ -152,10 +140,12 @@ TEST_F(DocumentsTest, MissingOrMalformedFilesReadAsAbsentAndLeaveTheValueAlone) 
 TEST_F(DocumentsTest, ListingSkipsLeftoversOtherExtensionsDirectoriesAndBrokenFiles) {
   ASSERT_TRUE(writeJsonFile(dir() / "alice.json", record("alice")));
   ASSERT_TRUE(writeJsonFile(dir() / "bob.json", record("bob")));
-  writeRaw(dir() / "x.json.tmp", "{\"name\": \"x\"}");
-  writeRaw(dir() / "notes.txt", "{}");
-  writeRaw(dir() / "upper.JSON", "{}");
-  writeRaw(dir() / "broken.json", "{");
+  for (const auto& [name, bytes] : {std::pair{"x.json.tmp", "{\"name\": \"x\"}"},
+                                    {"notes.txt", "{}"},
+                                    {"upper.JSON", "{}"},
+                                    {"broken.json", "{"}}) {
+    writeRaw(dir() / name, bytes);
+  }
   ASSERT_TRUE(writeJsonFile(dir() / "sub.json" / "nested.json", record("nested")));
 
   std::map<std::string, Json::Value> listed;

@@ -3,10 +3,10 @@
 
 #include <cctype>
 #include <ctime>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "base/json_reader.h"
 #include "store/data_dir.h"
@@ -16,7 +16,7 @@
 #include "store/tokens.h"
 #include "store/users.h"
 #include "store/utc_time.h"
-#include "support/temp_dir_test_base.h"
+#include "support/api_fixture.h"
 
 namespace quill::store {
 namespace {
@@ -39,37 +39,30 @@ class IdentityTest : public test::TempDirTest {
     return record.value_or(Json::Value());
   }
 
-  // A token file written by hand, as an older server or another tool would leave it.
-  void writeToken(const std::string& name, const Json::Value& record) {
-    ASSERT_TRUE(writeJsonFile(DataDir::recordPath(data.tokens(), name), record));
-  }
-
-  Json::Value tokenRecord(const std::string& name, const std::string& text,
-                          const std::string& owner) {
+  // A token file written by hand, as an older server or another tool would leave it; `edit`
+  // changes the record before it is written.
+  void writeToken(const std::string& name, const std::string& text, const std::string& owner,
+                  const std::function<void(Json::Value&)>& edit = {}) {
     Json::Value record(Json::objectValue);
     record["schema_version"] = 1;
     record["name"] = name;
     if (!owner.empty()) record["user"] = owner;
     record["token_hash"] = hashToken(text);
     record["created_at"] = "2026-01-01T00:00:00Z";
-    return record;
+    if (edit) edit(record);
+    ASSERT_TRUE(writeJsonFile(tokenPath(name), record));
   }
 
   // An SSO token of "sam" last validated at `validatedAt` (raw text).
   void ssoToken(const std::string& name, const std::string& text, const std::string& validatedAt) {
-    Json::Value record = tokenRecord(name, text, "sam");
-    record["sso"] = true;
-    record["sso_validated_at"] = validatedAt;
-    writeToken(name, record);
+    writeToken(name, text, "sam", [&](Json::Value& r) {
+      r["sso"] = true;
+      r["sso_validated_at"] = validatedAt;
+    });
   }
 
   fs::path tokenPath(const std::string& name) const {
     return DataDir::recordPath(data.tokens(), name);
-  }
-
-  static std::string readRaw(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   }
 
   // Resolves with and without the index; both must agree.
@@ -98,7 +91,7 @@ TEST_F(IdentityTest, AMintedTokenIsShownOnceAndStoredOnlyAsItsHash) {
     ASSERT_EQ(text.size(), kTokenLength);
     for (char c : text) ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << text;
     EXPECT_TRUE(seen.insert(text).second);
-    EXPECT_EQ(readRaw(tokenPath(name)).find(text), std::string::npos);
+    EXPECT_EQ(test::readBytes(tokenPath(name)).find(text), std::string::npos);
     auto record = findToken(data, name);
     ASSERT_TRUE(record);
     EXPECT_EQ(
@@ -115,22 +108,18 @@ TEST_F(IdentityTest, UnknownMalformedAndOrphanTokensResolveToNothing) {
   user("alice", "member");
   const std::string text = mintToken(data, "good", "alice");
   ASSERT_TRUE(writeFileAtomic(tokenPath("broken"), "{\"token_hash\": "));
-  Json::Value noHash = tokenRecord("nohash", "y", "alice");
-  noHash.removeMember("token_hash");
-  writeToken("nohash", noHash);
-  Json::Value numericHash = tokenRecord("numeric", "z", "alice");
-  numericHash["token_hash"] = 12;
-  writeToken("numeric", numericHash);
-  Json::Value upper = tokenRecord("upper", "w", "alice");
-  std::string hash = hashToken("w");
-  for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  upper["token_hash"] = hash;
-  writeToken("upper", upper);
+  writeToken("nohash", "y", "alice", [](Json::Value& r) { r.removeMember("token_hash"); });
+  writeToken("numeric", "z", "alice", [](Json::Value& r) { r["token_hash"] = 12; });
+  writeToken("upper", "w", "alice", [](Json::Value& r) {
+    std::string hash = r["token_hash"].asString();
+    for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    r["token_hash"] = hash;
+  });
   // Files that are not objects are skipped.
   ASSERT_TRUE(writeFileAtomic(tokenPath("array"), "[\"" + hashToken("x") + "\"]"));
   // Owners that do not exist, or cannot.
-  writeToken("orphan", tokenRecord("orphan", "secret", "ghost"));
-  writeToken("badname", tokenRecord("badname", "secret2", "../users/x"));
+  writeToken("orphan", "secret", "ghost");
+  writeToken("badname", "secret2", "../users/x");
 
   for (const char* bad : {"", "x", "y", "z", "w", "good", "secret", "secret2"}) {
     EXPECT_FALSE(resolve(bad)) << bad;
@@ -140,7 +129,7 @@ TEST_F(IdentityTest, UnknownMalformedAndOrphanTokensResolveToNothing) {
 }
 
 TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
-  writeToken("nadia", tokenRecord("nadia", "legacy-1", ""));
+  writeToken("nadia", "legacy-1", "");
   auto resolved = resolveToken(data, "legacy-1", &index);
   ASSERT_TRUE(resolved);
   EXPECT_EQ((*resolved)["name"], "nadia");
@@ -152,16 +141,14 @@ TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
 
   // An existing user of that name is left as it is, and an empty `user` counts as absent.
   user("omar", "member");
-  Json::Value empty = tokenRecord("omar", "legacy-2", "");
-  empty["user"] = "";
-  writeToken("omar", empty);
+  writeToken("omar", "legacy-2", "", [](Json::Value& r) { r["user"] = ""; });
   ASSERT_TRUE(resolve("legacy-2"));
   EXPECT_EQ((*findUser(data, "omar"))["role"], "member");
   EXPECT_EQ((*findToken(data, "omar"))["user"], "omar");
 
   // A name no user may have resolves to nothing and is not upgraded.
-  writeToken("con", tokenRecord("con", "legacy-con", ""));
-  writeToken("dots", tokenRecord("..", "legacy-dots", ""));
+  writeToken("con", "legacy-con", "");
+  writeToken("dots", "legacy-dots", "", [](Json::Value& r) { r["name"] = ".."; });
   EXPECT_FALSE(resolve("legacy-con"));
   EXPECT_FALSE(resolve("legacy-dots"));
   EXPECT_FALSE(findToken(data, "con")->isMember("user"));
@@ -170,11 +157,11 @@ TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
 TEST_F(IdentityTest, DisablingAUserSuspendsItsTokensWithoutTouchingThem) {
   Json::Value alice = user("alice", "admin");
   const std::string first = mintToken(data, "a1", "alice");
-  const std::string before = readRaw(tokenPath("a1"));
+  const std::string before = test::readBytes(tokenPath("a1"));
   alice["disabled"] = true;
   ASSERT_TRUE(saveUser(data, alice));
   EXPECT_FALSE(resolve(first));
-  EXPECT_EQ(readRaw(tokenPath("a1")), before);
+  EXPECT_EQ(test::readBytes(tokenPath("a1")), before);
   // Only a boolean true disables.
   alice["disabled"] = "true";
   ASSERT_TRUE(saveUser(data, alice));
@@ -195,14 +182,9 @@ TEST_F(IdentityTest, SsoTokenIsGoodForOneDayAfterItsLastSignOn) {
   EXPECT_TRUE(checked);
 
   // Expired tokens are removed; a time that cannot be read is refused but the token kept.
-  struct Row {
-    std::string name;
-    std::string validatedAt;
-    bool accepted;
-    bool kept;
-  };
   const std::time_t now = std::time(nullptr);
-  const std::vector<Row> rows = {
+  const std::tuple<std::string, std::string, bool, bool> rows[] = {
+      // name, time, accepted, kept
       {"stale", formatUtc(now - 86401), false, false},
       {"future", formatUtc(now + 7 * 86400), true, true},
       {"words", "yesterday", false, true},
@@ -211,33 +193,30 @@ TEST_F(IdentityTest, SsoTokenIsGoodForOneDayAfterItsLastSignOn) {
       // Six numbers are read, but no calendar time has this month.
       {"odd", "2026--2147483648-01T00:00:00", false, false},
   };
-  for (const Row& row : rows) {
-    ssoToken(row.name, "sso-" + row.name, row.validatedAt);
-    EXPECT_EQ(resolveToken(data, "sso-" + row.name, &index).has_value(), row.accepted) << row.name;
-    EXPECT_EQ(std::filesystem::exists(tokenPath(row.name)), row.kept) << row.name;
+  for (const auto& [name, validatedAt, accepted, kept] : rows) {
+    ssoToken(name, "sso-" + name, validatedAt);
+    EXPECT_EQ(resolveToken(data, "sso-" + name, &index).has_value(), accepted) << name;
+    EXPECT_EQ(fs::exists(tokenPath(name)), kept) << name;
   }
-  Json::Value missing = tokenRecord("missing", "sso-missing", "sam");
-  missing["sso"] = true;
-  writeToken("missing", missing);
+  writeToken("missing", "sso-missing", "sam", [](Json::Value& r) { r["sso"] = true; });
   EXPECT_FALSE(resolve("sso-missing"));
-  EXPECT_TRUE(std::filesystem::exists(tokenPath("missing")));
+  EXPECT_TRUE(fs::exists(tokenPath("missing")));
 
   // A token not marked sso never expires, whatever its time stamp says.
-  Json::Value plain = tokenRecord("plain", "not-sso", "sam");
-  plain["sso_validated_at"] = "2000-01-01T00:00:00Z";
-  writeToken("plain", plain);
+  writeToken("plain", "not-sso", "sam",
+             [](Json::Value& r) { r["sso_validated_at"] = "2000-01-01T00:00:00Z"; });
   EXPECT_TRUE(resolve("not-sso"));
 }
 
 TEST_F(IdentityTest, CreateUserNeverReplacesARecord) {
   Json::Value listed = user("lister", "member", {"beta"});
   EXPECT_EQ(listed["channels"].size(), 1u);  // a list given to any role is kept
-  const std::string before = readRaw(DataDir::recordPath(data.users(), "lister"));
+  const std::string before = test::readBytes(DataDir::recordPath(data.users(), "lister"));
   NewUser again;
   again.name = "lister";
   again.role = "admin";
   EXPECT_FALSE(createUser(data, again));
-  EXPECT_EQ(readRaw(DataDir::recordPath(data.users(), "lister")), before);
+  EXPECT_EQ(test::readBytes(DataDir::recordPath(data.users(), "lister")), before);
 }
 
 TEST_F(IdentityTest, CountAdminsCountsExactRoleIncludingDisabled) {

@@ -1,7 +1,6 @@
 #include "store/token_index.h"
 
 #include <gtest/gtest.h>
-#include <json/writer.h>
 
 #include <atomic>
 #include <chrono>
@@ -49,13 +48,9 @@ class TokenIndexTest : public test::TempDirTest {
 
   // A token file written the way another program might: plainly, in place, not via a rename.
   void writeInPlace(const std::string& name, const std::string& text, const std::string& user) {
-    Json::Value record(Json::objectValue);
-    record["schema_version"] = 1;
-    record["name"] = name;
-    record["user"] = user;
-    record["token_hash"] = hashToken(text);
-    record["created_at"] = "2026-01-01T00:00:00Z";
-    std::ofstream(tokenPath(name), std::ios::binary | std::ios::trunc) << toStyledJson(record);
+    std::ofstream(tokenPath(name), std::ios::binary | std::ios::trunc)
+        << R"({"schema_version":1,"name":")" << name << R"(","user":")" << user
+        << R"(","token_hash":")" << hashToken(text) << R"(","created_at":"2026-01-01T00:00:00Z"})";
   }
 
   // Makes the token directory look untouched for an hour, the usual state of a running server,
