@@ -26,6 +26,7 @@
 #include "sso/id_token.h"
 #include "sso/oidc_client.h"
 #include "sso/provisioning.h"
+#include "store/accounts.h"
 
 namespace {
 
@@ -167,7 +168,7 @@ void check(const std::string& text, const std::vector<Jwk>& keys) {
     if ((*token->header)["alg"] != "RS256") std::abort();
     // What a sign-in reads of the payload next, whatever its members hold.
     (void)quill::sso::checkClaims(result.value(), {"https://id", "quill", "n", 1'800'000'000});
-    if (!quill::sso::isRole(quill::sso::mappedRole(kMapping, result.value()))) std::abort();
+    if (!quill::store::isRole(quill::sso::mappedRole(kMapping, result.value()))) std::abort();
     return;
   }
   // Refused although well formed and genuinely signed: only the payload may be at fault.

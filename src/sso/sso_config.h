@@ -42,9 +42,6 @@ std::filesystem::path ssoConfigPath(const store::DataDir& data);
 // Drops trailing spaces, "/", CR and LF, then leading spaces.
 std::string normalizeText(std::string_view text);
 
-// Whether `role` is exactly "admin", "publisher" or "member".
-bool isRole(std::string_view role);
-
 // A provider body checked in order: JSON object, normalised issuer (https://, or http:// for
 // localhost and 127.0.0.1), then (unless `issuerOnly`) client id and secret. The mapping of the
 // result is the default; callers carry the stored one over.

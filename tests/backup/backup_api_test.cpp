@@ -10,12 +10,15 @@
 #include <thread>
 
 #include "backup/backup_config.h"
+#include "backup/backup_store.h"
 #include "backup/backup_texts.h"
 #include "backup/schedule_check.h"
+#include "backup/snapshots.h"
 #include "peer_backups.h"
 #include "rill/s3_peers.h"
 #include "store/documents.h"
 #include "support/api_fixture.h"
+#include "support/temp_dir.h"
 
 namespace quill::backup {
 namespace {
@@ -109,6 +112,26 @@ TEST_F(BackupApiTest, InitSeparateAnswersTheKeyOnceAndNeverReplacesIt) {
   EXPECT_TRUE(fs::exists(keyFile()));
   EXPECT_TRUE(isError(init(peerBody("separate")), 409, text::kKeyExists));
   EXPECT_EQ(quill::test::readBytes(keyFile()), answer["key"].asString() + "\n");
+}
+
+// A separate bucket holding another server's snapshot is refused before a key or a
+// configuration is written.
+TEST_F(BackupApiTest, InitRefusesABucketHoldingSnapshotsOfAnotherKey) {
+  rill::S3Settings own = rill::test::S3Peers::shared().settings();
+  own.bucket = "quill-foreign-api";
+  rill::S3Client(own).put("", "");  // creates the bucket (an existing one answers 409)
+  quill::test::TempDir other;
+  ASSERT_TRUE(writeKeyFile(other.path() / "other.key", generateBackupKey()));
+  auto store = openBackupStore(own, (other.path() / "other.key").string());
+  ASSERT_TRUE(store) << store.error();
+  ASSERT_TRUE(publishSnapshot(*store.value(), data().root(), "snap-20250101-000000"));
+  const std::string body = std::regex_replace(
+      peerBody("separate"), std::regex(R"("bucket":"[^"]*")"), R"("bucket":"quill-foreign-api")");
+  EXPECT_TRUE(isError(init(body), 409,
+                      "bucket 'quill-foreign-api' already holds 1" +
+                          std::string(text::kForeignSnapshots)));
+  EXPECT_FALSE(fs::exists(keyFile()));
+  EXPECT_FALSE(fs::exists(configFile()));
 }
 
 TEST_F(BackupApiTest, InitSharedUsesTheBuildStorageBucketUnderBackups) {

@@ -1,16 +1,20 @@
 // The backup and restore commands in-process, from their command lines, against the S3 test peer:
 // exact output on the right stream, refusals in their order before anything changes, and a
-// restore that gives back the tree.
+// restore that gives back the tree; `backup check` and `prune --dry-run`, and the refusals that
+// keep a bucket holding what this key cannot read from harm.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <regex>
+#include <tuple>
 
 #include "app/command_line.h"
 #include "app/commands.h"
 #include "backup/backup_config.h"
 #include "backup/backup_run.h"
+#include "backup/backup_store.h"
 #include "backup/backup_texts.h"
 #include "handler/context.h"
 #include "peer_backups.h"
@@ -203,6 +207,163 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
                               " bytes (verified)\n" + text::kCheckKeyFile + "\n");
   EXPECT_TRUE(treeContent(target) == before) << "the restored tree differs";
   EXPECT_TRUE(fs::is_directory(fs::path(target) / "invites"));
+}
+
+constexpr const char* kFirst = "snap-20260101-000001";
+constexpr const char* kSecond = "snap-20260101-000002";
+constexpr const char* kForeign = "snap-20250101-000000";
+
+// Two one-chunk files under a prefix of their own, checked and pruned from the command line.
+class BackupCheckTest : public BackupCommandsTest {
+ protected:
+  void SetUp() override {
+    BackupCommandsTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    fs::remove_all(data());
+    writeFile(data() / "a.bin", rill::test::randomBytes(100000, 1));
+    writeFile(data() / "b.bin", rill::test::randomBytes(100000, 2));
+    prefix_ = test::configurePeerBackups(data(), key());
+  }
+  rill::S3Settings underPrefix() const {
+    rill::S3Settings s3 = rill::test::S3Peers::shared().settings();
+    s3.prefix = prefix_;
+    return s3;
+  }
+  rill::S3Client bucket() const { return rill::S3Client(rill::test::S3Peers::shared().settings()); }
+  void snapshot(const std::string& name) {
+    auto made = runBackup(data(), name);
+    ASSERT_TRUE(made) << made.error();
+  }
+  // The bucket key of the chunk holding `file` (a one-chunk file), and its id.
+  std::pair<std::string, std::string> chunkOf(const std::string& name, const std::string& file) {
+    auto store = openBackupStore(underPrefix(), key().string());
+    const auto manifest = readSnapshotManifest(*store.value(), name);
+    for (const auto& f : manifest.value().tree.files) {
+      if (f.path == file) return {prefix_ + store.value()->chunkKey(f.chunks[0].h), f.chunks[0].h};
+    }
+    ADD_FAILURE() << file;
+    return {};
+  }
+  // Every object key under the prefix, with its size: what "nothing deleted" compares.
+  std::vector<std::pair<std::string, std::int64_t>> objects() {
+    std::vector<std::pair<std::string, std::int64_t>> keys;
+    const auto listed = bucket().list(prefix_);
+    for (const auto& e : listed.value()) keys.emplace_back(e.key, e.size);
+    std::sort(keys.begin(), keys.end());
+    return keys;
+  }
+  // A snapshot of `tree` sealed with a fresh key in `where`, as another server would leave it.
+  static void sealForeign(const rill::S3Settings& where, const fs::path& keyFile,
+                          const fs::path& tree) {
+    ASSERT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
+    auto store = openBackupStore(where, keyFile.string());
+    ASSERT_TRUE(store) << store.error();
+    ASSERT_TRUE(publishSnapshot(*store.value(), tree, kForeign));
+  }
+
+  std::string prefix_;
+};
+
+TEST_F(BackupCheckTest, CatchesADeletedAndACorruptedChunk) {
+  snapshot(kFirst);
+  const auto clean = run({"backup", "check"});
+  EXPECT_EQ(clean.code, 0) << clean.err;
+  EXPECT_EQ(clean.out, "1 snapshot(s), 3 chunk(s) checked: no problems found\n");
+
+  const auto [deletedKey, deletedId] = chunkOf(kFirst, "a.bin");
+  const auto [corruptKey, corruptId] = chunkOf(kFirst, "b.bin");
+  ASSERT_TRUE(bucket().remove(deletedKey).isSuccess());
+  std::string sealed = bucket().get(corruptKey).body;
+  sealed[sealed.size() / 2] ^= 0x01;
+  ASSERT_TRUE(bucket().put(corruptKey, sealed).isSuccess());
+
+  const std::string missing = "  chunk " + deletedId + " is missing (" + kFirst + ")\n";
+  const std::string corrupt = "  chunk " + corruptId + ": " + corruptKey.substr(prefix_.size()) +
+                              ": decryption failed (wrong key, or the object is corrupt) (" +
+                              kFirst + ")\n";
+  const std::string checked = "1 snapshot(s), 3 chunk(s) checked";
+  for (const auto& [words, out, err] : std::vector<std::tuple<Words, std::string, std::string>>{
+           {{"backup", "check"}, missing, checked + ": 1 problem(s) found\n"},
+           {{"backup", "check", "--read-data"},
+            corruptId < deletedId ? corrupt + missing : missing + corrupt,
+            checked + " (data read and verified): 2 problem(s) found\n"}}) {
+    const auto r = run(words);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, out);
+    EXPECT_EQ(r.err, err);
+  }
+}
+
+TEST_F(BackupCheckTest, DryRunDeletesNothingAndAnUnreadableSnapshotStopsPrune) {
+  snapshot(kFirst);
+  writeFile(data() / "a.bin", rill::test::randomBytes(100000, 3));
+  snapshot(kSecond);
+  const auto before = objects();
+
+  const auto dry = run({"backup", "prune", "--keep", "1", "--dry-run"});
+  EXPECT_EQ(dry.code, 0) << dry.err;
+  EXPECT_TRUE(dry.out.starts_with("  would remove " + std::string(kFirst) +
+                                  "\ndry run, nothing deleted: would keep 1 snapshot(s); remove "
+                                  "1; sweep 1 chunk(s) ("))
+      << dry.out;
+  EXPECT_EQ(objects(), before);
+
+  writeFile(dir() / "other/x.txt", "another server");
+  sealForeign(underPrefix(), dir() / "other.key", dir() / "other");
+  const auto withForeign = objects();
+  for (const bool dryRun : {true, false}) {
+    Words prune{"backup", "prune", "--keep", "1"};
+    if (dryRun) prune.push_back("--dry-run");
+    const auto refused = run(prune);
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_TRUE(refused.err.starts_with(text::kPruneUnreadable)) << refused.err;
+    EXPECT_NE(refused.err.find(kForeign), std::string::npos) << refused.err;
+    EXPECT_EQ(objects(), withForeign);
+  }
+  const auto checked = run({"backup", "check"});
+  EXPECT_EQ(checked.code, 1);
+  EXPECT_TRUE(checked.out.starts_with("  " + std::string(kForeign) + ": ")) << checked.out;
+}
+
+TEST_F(BackupCheckTest, InitRefusesABucketHoldingSnapshotsOfAnotherKey) {
+  // A bucket of its own, so that the refusal cannot meet the other tests' set-ups.
+  rill::S3Settings own = rill::test::S3Peers::shared().settings();
+  own.bucket = "quill-foreign";
+  ASSERT_TRUE(rill::S3Client(own).put("", "").isSuccess());
+  sealForeign(own, dir() / "first.key", data());
+
+  const fs::path fresh = dir() / "fresh", keyPath = dir() / "new.key";
+  EXPECT_TRUE(failsWith(run({"backup", "init", "--endpoint", own.endpoint, "--bucket", own.bucket,
+                             "--access-key", own.accessKey, "--secret-key", own.secretKey,
+                             "--key", keyPath.string(), "--data-dir", fresh.string()}),
+                        "bucket 'quill-foreign' already holds 1" +
+                            std::string(text::kForeignSnapshots)));
+  EXPECT_FALSE(fs::exists(keyPath)) << "a key nothing was sealed with is not left behind";
+  EXPECT_FALSE(fs::exists(backupConfigPath(fresh)));
+  EXPECT_EQ(foreignSnapshots(own, (dir() / "first.key").string()), "");
+}
+
+TEST_F(BackupCheckTest, KeyAndSnapshotMessagesSayWhatIsWrong) {
+  const auto s3 = rill::test::S3Peers::shared().settings();
+  const std::string absent = (dir() / "absent.key").string();
+  const std::string locked = (dir() / "locked.key").string();
+  writeFile(locked, std::string(64, 'a'));
+  fs::permissions(locked, fs::perms::none);
+  for (const auto& [argument, message] : std::vector<std::pair<std::string, std::string>>{
+           {absent, "key file " + absent + " is missing"},
+           {std::string(63, 'a'), std::string(rill::kBadKeyMessage)},
+           {" " + std::string(64, 'a'), std::string(rill::kBadKeyMessage)},
+           {locked, ::geteuid() == 0 ? "" : "cannot read key file " + locked +
+                                                ": Permission denied"}}) {
+    auto store = openBackupStore(s3, argument);
+    if (message.empty()) continue;  // root reads every file
+    ASSERT_FALSE(store) << argument;
+    EXPECT_EQ(store.error(), message);
+  }
+  EXPECT_TRUE(failsWith(run(peer({"restore", kFirst, "--prefix", prefix_, "--key", key().string(),
+                                  "--data-dir", (dir() / "restored").string()})),
+                        "restore failed: no snapshot " + std::string(kFirst) + " in the bucket"));
 }
 
 }  // namespace

@@ -85,6 +85,15 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
                                      std::uint8_t key = 7) {
     return restoreSnapshot(*sealed(key), name, target);
   }
+  // The tree snapshot `name` restores to, without the state record it carries.
+  Tree restoredTree(const std::string& name) {
+    auto restored = restore(name, dir() / "restored");
+    EXPECT_TRUE(restored) << restored.error();
+    if (!restored) return {};
+    Tree tree = treeContent(dir() / "restored");
+    tree.erase("backup-state.json");
+    return tree;
+  }
   Tree sourceWithoutState() {
     Tree tree = treeContent(data());
     tree.erase("backup-state.json");
@@ -244,10 +253,7 @@ TEST_F(SnapshotEngineTest, ASnapshotTakesTheBuildVolumesAndLeavesWorkInProgressO
   const auto chunks = memory_.list("chunks/");
   for (const rill::ObjectEntry& chunk : *chunks) sealedBytes += chunk.size;
   EXPECT_EQ(report.value().stats.storedBytes, sealedBytes);
-  ASSERT_TRUE(restore(kA, dir() / "restored"));
-  Tree restored = treeContent(dir() / "restored");
-  restored.erase("backup-state.json");
-  EXPECT_EQ(restored, expected);
+  EXPECT_EQ(restoredTree(kA), expected);
 }
 
 TEST_F(SnapshotEngineTest, AFileThatChangesOrVanishesDuringTheRunIsTakenAsItWasOrLeftOut) {
@@ -261,10 +267,7 @@ TEST_F(SnapshotEngineTest, AFileThatChangesOrVanishesDuringTheRunIsTakenAsItWasO
   EXPECT_EQ(state()["ok"], true);
   Tree expected = sourceWithoutState();
   expected.erase("access-requests/big.json");
-  ASSERT_TRUE(restore(kA, dir() / "restored"));
-  Tree restored = treeContent(dir() / "restored");
-  restored.erase("backup-state.json");
-  EXPECT_EQ(restored, expected);
+  EXPECT_EQ(restoredTree(kA), expected);
 }
 
 TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
@@ -339,11 +342,7 @@ TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
   prune.join();
   ASSERT_TRUE(pruned) << pruned.error();
   EXPECT_EQ(pruned.value().removed, 2u);
-  auto restored = restore(kC, dir() / "restored");
-  ASSERT_TRUE(restored) << restored.error();
-  Tree tree = treeContent(dir() / "restored");
-  tree.erase("backup-state.json");
-  EXPECT_EQ(tree, expected_);
+  EXPECT_EQ(restoredTree(kC), expected_);
 }
 
 TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
@@ -359,14 +358,8 @@ TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
   }
 }
 
-}  // namespace
-}  // namespace quill::backup
-
 // backup.json is read once per run: the schedule it held when the run began is the one applied,
 // whatever a concurrent `backup schedule` writes meanwhile.
-namespace quill::backup {
-namespace {
-
 TEST_F(SnapshotEngineTest, ARunPrunesToTheScheduleItLoaded) {
   ASSERT_TRUE(run(kA));
   const fs::path configFile = backupConfigPath(data());

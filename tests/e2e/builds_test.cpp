@@ -6,7 +6,6 @@
 
 #include <cctype>
 #include <filesystem>
-#include <functional>
 #include <thread>
 
 #include "e2e/e2e_support.h"
@@ -30,12 +29,6 @@ std::string percentEncode(const std::string& text) {
     }
   }
   return out;
-}
-
-// Waits (bounded, 20 s) until `condition` holds.
-bool eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 400 && !condition(); ++i) std::this_thread::sleep_for(50ms);
-  return condition();
 }
 
 // The regular files below `root`, relative; `withBytes`: only those holding bytes.

@@ -8,6 +8,7 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/api_fixture.h"  // parseJson
@@ -62,6 +63,15 @@ struct Served {
   Client client;
   bool up = false;
 };
+
+// Waits (bounded, 20 s) until `condition` holds.
+template <typename Condition>
+bool eventually(Condition condition) {
+  for (int i = 0; i < 400 && !condition(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return condition();
+}
 
 // The answer to a PUT head announcing `length` body bytes, of which none is sent.
 inline std::string answerToHead(std::uint16_t port, const std::string& target,

@@ -48,10 +48,10 @@ TEST(RestoreDrill, ARestoredServerAcceptsTheOldTokensAndServesTheSameBuilds) {
   ASSERT_EQ(started.status, 202) << started.body;
   const std::string snapshot = parseJson(started.body)["snapshot"].asString();
   Json::Value last;
-  for (int i = 0; i < 200 && last["snapshot"].asString() != snapshot; ++i) {
-    std::this_thread::sleep_for(100ms);
+  eventually([&] {
     last = parseJson(old.admin("GET", "/api/backups").body)["last"];
-  }
+    return last["snapshot"].asString() == snapshot;
+  });
   ASSERT_EQ(last["ok"], true) << last["error"].asString();
   old.server.reset();
 
@@ -139,9 +139,7 @@ TEST(RestoreDrill, ABusyServerWithABuildOnAnotherVolumeIsBackedUpWhole) {
     }
   });
   const fs::path staging = data / "builds" / "~incoming";
-  for (int i = 0; i < 200 && (!fs::exists(staging) || fs::is_empty(staging)); ++i) {
-    std::this_thread::sleep_for(50ms);
-  }
+  eventually([&] { return fs::exists(staging) && !fs::is_empty(staging); });
   const auto made = runProcess(kBinary, {"backup", "--data-dir", data.string()});
   done = true;
   streaming.join();

@@ -15,21 +15,33 @@ constexpr auto kRedrawPeriod = std::chrono::milliseconds(200);
 }  // namespace
 
 std::string progressText(const ProgressCounts& counts, double elapsed) {
-  std::string text = "  " + humanBytes(counts.bytes);
+  // Built by appending: GCC 12 at -O3 misjudges "literal" + std::string temporaries.
+  std::string text = "  ";
+  text += humanBytes(counts.bytes);
   const bool knowsTotal = counts.bytesTotal > 0;
   if (knowsTotal) {
     const double fraction = std::min(
         1.0, static_cast<double>(counts.bytes) / static_cast<double>(counts.bytesTotal));
-    text += " of " + humanBytes(counts.bytesTotal) + " (" +
-            std::to_string(static_cast<int>(100.0 * fraction)) + "%)";
+    text += " of ";
+    text += humanBytes(counts.bytesTotal);
+    text += " (";
+    text += std::to_string(static_cast<int>(100.0 * fraction));
+    text += "%)";
   }
-  text += ", " + std::to_string(counts.chunks);
-  if (counts.chunksTotal > 0) text += "/" + std::to_string(counts.chunksTotal);
-  text += " chunk(s), " + humanRate(counts.bytes, elapsed);
+  text += ", ";
+  text += std::to_string(counts.chunks);
+  if (counts.chunksTotal > 0) {
+    text += "/";
+    text += std::to_string(counts.chunksTotal);
+  }
+  text += " chunk(s), ";
+  text += humanRate(counts.bytes, elapsed);
   if (knowsTotal && counts.bytes > 0 && elapsed > 0) {
     const double remaining =
         static_cast<double>(counts.bytesTotal - std::min(counts.bytes, counts.bytesTotal));
-    text += ", " + humanDuration(remaining * elapsed / static_cast<double>(counts.bytes)) + " left";
+    text += ", ";
+    text += humanDuration(remaining * elapsed / static_cast<double>(counts.bytes));
+    text += " left";
   }
   return text;
 }
