@@ -69,7 +69,10 @@ class AdminCommands : public test::TempDirTest {
     Words args;
     std::istringstream in(line);
     for (std::string word; in >> word;) {
-      for (std::size_t at; (at = word.find("\\s")) != std::string::npos;) word.replace(at, 2, " ");
+      for (std::size_t at; (at = word.find("\\s")) != std::string::npos;) {
+        word[at] = ' ';
+        word.erase(at + 1, 1);
+      }
       args.push_back(word == "''" ? "" : word);
     }
     CommandLine parsed;

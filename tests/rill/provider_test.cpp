@@ -9,15 +9,16 @@
 #include <sodium.h>
 #include <thread>
 
+#include "base/process_init.h"
 #include "rill/chunks/chunk_id.h"
 #include "rill/providers/encrypted_provider.h"
 #include "rill/providers/encryption_key.h"
 #include "rill/providers/fault_injecting_provider.h"
 #include "rill/providers/memory_provider.h"
 #include "rill/providers/prefixed_provider.h"
-#include "base/process_init.h"
 #include "rill/providers/s3_provider.h"
 #include "s3_peers.h"
+#include "support/numbered.h"
 #include "support/temp_dir_test_base.h"
 
 namespace quill::rill {
@@ -159,7 +160,7 @@ TEST_P(ProviderConformance, UsableFromSeveralThreadsAtOnce) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kEach; ++i) {
-        const std::string name = key("t" + std::to_string(t) + "/" + std::to_string(i));
+        const std::string name = key(quill::test::numbered("t", t) + "/" + std::to_string(i));
         std::string read;
         if (!provider_->put(name, name) || !provider_->get(name, read) || read != name) ++failures;
       }

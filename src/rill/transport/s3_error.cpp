@@ -11,8 +11,10 @@ constexpr std::size_t kMaxCode = 64;
 
 // The text between the first <tag> and the </tag> after it; empty when either is missing.
 std::string_view element(std::string_view xml, std::string_view tag) {
-  const std::string open = "<" + std::string(tag) + ">";
-  const std::string close = "</" + std::string(tag) + ">";
+  std::string open = "<";  // appended: GCC 12 at -O3 misjudges "literal" + std::string
+  open.append(tag).append(">");
+  std::string close = "</";
+  close.append(tag).append(">");
   const std::size_t start = xml.find(open);
   if (start == std::string_view::npos) return {};
   const std::size_t from = start + open.size();
