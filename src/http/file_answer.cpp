@@ -105,13 +105,13 @@ std::optional<std::time_t> parseHttpDate(std::string_view text) {
 
 std::optional<ByteRange> requestedRange(std::string_view header, std::uint64_t size) {
   if (!header.starts_with("bytes=")) return std::nullopt;
-  const std::string_view spec = trimmed(header.substr(6));
-  const auto dash = spec.find('-');
-  if (spec.find(',') != std::string_view::npos || dash == std::string_view::npos) {
+  const std::string_view range = trimmed(header.substr(6));
+  const auto dash = range.find('-');
+  if (range.find(',') != std::string_view::npos || dash == std::string_view::npos) {
     return std::nullopt;
   }
-  const std::string_view from = trimmed(spec.substr(0, dash));
-  const std::string_view to = trimmed(spec.substr(dash + 1));
+  const std::string_view from = trimmed(range.substr(0, dash));
+  const std::string_view to = trimmed(range.substr(dash + 1));
   const ByteRange none{1, 0};
   if (from.empty()) {  // the last n bytes
     auto suffix = decimal(to);
