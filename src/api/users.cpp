@@ -95,28 +95,30 @@ Response listUsers(const Request&, Context& ctx) {
 }
 
 Response createUser(const Request& req, Context& ctx) {
-  const std::string& name = req.segment();
-  if (auto refusal = handler::refuseInvalidName(name, text::kInvalidUser)) return *refusal;
-  std::string role(req.param("role").value_or(""));
-  if (role.empty()) role = "member";
-  if (!store::isRole(role)) return http::errorResponse(400, text::kBadRole);
-
-  store::NewUser user;
-  user.name = name;
-  user.role = role;
-  std::string_view channels = req.param("channels").value_or("");
-  if (!channels.empty()) {
-    if (role != "publisher") return http::errorResponse(400, text::kChannelsNeedPublisher);
-    auto list = handler::checkedChannelList(ctx, channels);
-    if (auto* refusal = std::get_if<Response>(&list)) return std::move(*refusal);
-    user.channels = std::get<std::vector<std::string>>(std::move(list));
-  }
-  if (store::userExists(ctx.data, name)) return http::errorResponse(409, text::kUserExists);
+  std::string_view role = req.param("role").value_or("");
   std::string_view service = req.param("service").value_or("");
-  user.service = service == "1" || service == "true";
-  if (user.service && role != "publisher") {
-    return http::errorResponse(400, text::kServiceIsPublisher);
+  const store::UserRequest request{req.segment(), std::string(role.empty() ? "member" : role),
+                                   req.param("channels").value_or(""),
+                                   service == "1" || service == "true"};
+  auto checked = store::checkNewUser(ctx.data, request, store::ListSplit::kTrailingCommaEnds);
+  if (auto* refusal = std::get_if<store::UserRefusal>(&checked)) {
+    using Kind = store::UserRefusal::Kind;
+    switch (refusal->kind) {
+      case Kind::kInvalidName:
+        return http::errorResponse(400, text::kInvalidUser);
+      case Kind::kBadRole:
+        return http::errorResponse(400, text::kBadRole);
+      case Kind::kChannelsNeedPublisher:
+        return http::errorResponse(400, text::kChannelsNeedPublisher);
+      case Kind::kChannelList:
+        return handler::channelListRefusal(refusal->list);
+      case Kind::kExists:
+        return http::errorResponse(409, text::kUserExists);
+      case Kind::kServiceNotPublisher:
+        return http::errorResponse(400, text::kServiceIsPublisher);
+    }
   }
+  store::NewUser user = std::get<store::NewUser>(std::move(checked));
   user.displayName = store::profileText(req.param("display_name").value_or(""));
   user.email = store::profileText(req.param("email").value_or(""));
   // Should the record have appeared since the check above, the answer is JSON null.

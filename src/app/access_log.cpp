@@ -96,7 +96,7 @@ AccessLog::~AccessLog() {
   if (fd_ > STDOUT_FILENO) ::close(fd_);
 }
 
-bool AccessLog::open(const std::string& path, std::string& error) {
+base::Result<bool> AccessLog::open(const std::string& path) {
   std::lock_guard lock(mutex_);
   path_ = path;
   if (path == "-") {
@@ -105,8 +105,7 @@ bool AccessLog::open(const std::string& path, std::string& error) {
   }
   const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
-    error = "cannot open access log " + path + ": " + std::strerror(errno);
-    return false;
+    return base::Failure::fromErrno("cannot open access log " + path + ": " + std::strerror(errno));
   }
   fd_ = fd;
   return true;

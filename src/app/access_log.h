@@ -19,6 +19,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/result.h"
+
 namespace quill {
 
 struct AccessEntry {
@@ -48,8 +50,8 @@ class AccessLog {
   AccessLog& operator=(const AccessLog&) = delete;
 
   // Opens `path` for appending (created owner-only if missing), or standard output for "-".
-  // On failure returns false and sets `error` to "cannot open access log <path>: <reason>".
-  bool open(const std::string& path, std::string& error);
+  // Fails with "cannot open access log <path>: <reason>".
+  base::Result<bool> open(const std::string& path);
   // Opens the same path again (after a log rotation moved the file away); standard output stays.
   // A failure is reported on standard error and the old file kept.
   void reopen();

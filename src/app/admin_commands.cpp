@@ -30,22 +30,6 @@ std::string joined(const std::vector<std::string>& items) {
   return text;
 }
 
-// --channels for `user create`: split at every comma, so a trailing one leaves an empty piece,
-// which the name rule refuses.
-std::optional<std::string> channelListProblem(const Context& ctx, const std::string& value,
-                                              std::vector<std::string>& channels) {
-  auto checked = store::checkChannelList(ctx.data, value, store::ListSplit::kEveryComma);
-  if (auto* list = std::get_if<std::vector<std::string>>(&checked)) {
-    channels = std::move(*list);
-    return std::nullopt;
-  }
-  const auto& problem = std::get<store::ChannelListProblem>(checked);
-  if (problem.kind == store::ChannelListProblem::Kind::kInvalidName) {
-    return "invalid channel name in --channels";
-  }
-  return "channel '" + problem.piece + "' is not declared on this server";
-}
-
 // Deletes the pending invites of `user`. Records that cannot be read are left alone, and so is an
 // invites folder that cannot be listed (storing the new invite then fails and says so).
 void replaceInvitesOf(const Context& ctx, const std::string& user) {
@@ -62,28 +46,33 @@ void replaceInvitesOf(const Context& ctx, const std::string& user) {
 int userCreateCommand(Context& ctx, const CommandArguments& args, std::ostream& out,
                       std::ostream& err) {
   const std::string& name = argument(args);
-  if (!store::isValidName(name)) return fail(err, "invalid user name");
-  std::string role = args.role;
-  if (!store::isRole(role)) {
-    return fail(err, "--role must be admin, member or publisher");
+  // --channels splits at every comma: a trailing one leaves an empty piece, which the name rule
+  // refuses.
+  const store::UserRequest request{name, args.role, args.channels, args.service, true};
+  auto checked = store::checkNewUser(ctx.data, request, store::ListSplit::kEveryComma);
+  if (auto* refusal = std::get_if<store::UserRefusal>(&checked)) {
+    using Kind = store::UserRefusal::Kind;
+    switch (refusal->kind) {
+      case Kind::kInvalidName:
+        return fail(err, "invalid user name");
+      case Kind::kBadRole:
+        return fail(err, "--role must be admin, member or publisher");
+      case Kind::kChannelsNeedPublisher:
+        return fail(err, "--channels only applies to --role publisher");
+      case Kind::kChannelList:
+        if (refusal->list.kind == store::ChannelListProblem::Kind::kInvalidName) {
+          return fail(err, "invalid channel name in --channels");
+        }
+        return fail(err, "channel '" + refusal->list.piece + "' is not declared on this server");
+      case Kind::kExists:
+        return fail(err, "user '" + name + "' already exists");
+      case Kind::kServiceNotPublisher:
+        return fail(err, "--service accounts always have role publisher");
+    }
   }
-  std::vector<std::string> channels;
-  if (!args.channels.empty()) {
-    if (role != "publisher") return fail(err, "--channels only applies to --role publisher");
-    if (auto problem = channelListProblem(ctx, args.channels, channels)) return fail(err, *problem);
-  }
-  if (store::findUser(ctx.data, name)) return fail(err, "user '" + name + "' already exists");
-  if (args.service) {
-    if (role == "member") role = "publisher";
-    if (role != "publisher") return fail(err, "--service accounts always have role publisher");
-  }
-
-  store::NewUser user;
-  user.name = name;
-  user.role = role;
-  user.channels = channels;
-  user.service = args.service;
+  const store::NewUser& user = std::get<store::NewUser>(checked);
   store::createUser(ctx.data, user);
+  const std::string& role = user.role;
 
   const std::string access = "  quillmoord token create <token-name> --user " + name + "\n";
   if (args.service) {

@@ -131,11 +131,12 @@ int runServer(Context& ctx) {
   const auto startedAt = std::filesystem::file_time_type::clock::now();
   raiseOpenFileLimit();
 
-  std::string error;
   AccessLog log;
-  if (!ctx.settings.accessLog.empty() && !log.open(ctx.settings.accessLog, error)) {
-    std::fprintf(stderr, "%s\n", error.c_str());
-    return 1;
+  if (!ctx.settings.accessLog.empty()) {
+    if (auto opened = log.open(ctx.settings.accessLog); !opened) {
+      std::fprintf(stderr, "%s\n", opened.error().c_str());
+      return 1;
+    }
   }
   const sigset_t signals = handledSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -154,8 +155,8 @@ int runServer(Context& ctx) {
   std::fputs(startupBanner(ctx, anyToken).c_str(), stdout);
   std::fflush(stdout);
 
-  if (!server.listen(error)) {
-    std::fprintf(stderr, "%s\n", error.c_str());
+  if (auto listening = server.listen(); !listening) {
+    std::fprintf(stderr, "%s\n", listening.error().c_str());
     return 1;
   }
   Scheduler scheduler;

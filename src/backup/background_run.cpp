@@ -26,8 +26,8 @@ RunDone printRunOutcome(std::string what) {
   };
 }
 
-void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
-                        RunDone done, RunHooks hooks) {
+void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, BackupConfig config,
+                        std::string name, RunDone done, RunHooks hooks) {
   if (!hooks.onWait) {
     hooks.onWait = [dir = dataDir.string()] {
       std::fprintf(stderr, "waiting for the backup or prune already running on %s\n", dir.c_str());
@@ -35,10 +35,11 @@ void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, s
   }
   std::lock_guard lock(runtime.threadMutex);
   if (runtime.thread.joinable()) runtime.thread.join();
-  runtime.thread = std::thread([&runtime, dataDir = std::move(dataDir), name = std::move(name),
-                                done = std::move(done), hooks = std::move(hooks)] {
+  runtime.thread = std::thread([&runtime, dataDir = std::move(dataDir), config = std::move(config),
+                                name = std::move(name), done = std::move(done),
+                                hooks = std::move(hooks)] {
     {
-      auto outcome = runBackup(dataDir, name, hooks);
+      auto outcome = runBackup(dataDir, config, name, hooks);
       if (done) done(outcome);
     }
     runtime.running.store(false);

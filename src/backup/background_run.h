@@ -20,11 +20,11 @@ using RunDone = std::function<void(const base::Result<RunReport>&)>;
 // " (not recorded: cannot write <path>)" after it.
 RunDone printRunOutcome(std::string what);
 
-// Runs runBackup(dataDir, name, hooks) on a new thread that `runtime` owns, hands its outcome to
-// `done`, and clears the running flag as the thread's last act. The caller must have claimed the
-// flag; the thread of the previous run (already past its last act) is joined first.
-void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, std::string name,
-                        RunDone done, RunHooks hooks = {});
+// Runs runBackup(dataDir, config, name, hooks) on a new thread that `runtime` owns, hands its
+// outcome to `done`, and clears the running flag as the thread's last act. The caller must have
+// claimed the flag; the thread of the previous run (already past its last act) is joined first.
+void startBackgroundRun(BackupRuntime& runtime, std::filesystem::path dataDir, BackupConfig config,
+                        std::string name, RunDone done, RunHooks hooks = {});
 
 // Waits for the run in progress, if any, to end (at shutdown). Calls `onWait` first when one is
 // running. The data directory's lock is released when it returns.

@@ -117,7 +117,8 @@ Response startBackup(const Request&, Context& ctx) {
   if (!config) return http::errorResponse(503, config.error());
   if (!claimRunningFlag(ctx.backups)) return http::errorResponse(409, text::kAlreadyRunning);
   const std::string name = snapshotNameAt(std::chrono::system_clock::now());
-  startBackgroundRun(ctx.backups, ctx.data.root(), name, printRunOutcome("backup"));
+  startBackgroundRun(ctx.backups, ctx.data.root(), std::move(config).value(), name,
+                     printRunOutcome("backup"));
   Json::Value answer(Json::objectValue);
   answer["schema_version"] = 1;
   answer["snapshot"] = name;

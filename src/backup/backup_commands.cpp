@@ -184,20 +184,21 @@ int backupCheckCommand(Context& ctx, const BackupArguments& args, std::ostream& 
 int backupScheduleCommand(Context& ctx, const std::string& time, const BackupArguments& args,
                           std::ostream& out, std::ostream& err) {
   const fs::path configFile = backupConfigPath(ctx.data.root());
-  auto schedule = readSchedule(configFile);
-  if (!schedule || !loadBackupConfig(configFile)) return fail(err, text::kNotConfigured);
+  auto config = loadBackupConfig(configFile);
+  if (!config) return fail(err, text::kNotConfigured);
+  Schedule& schedule = config.value().schedule;
   const std::string dailyAt = time == "off" ? "" : time;
   if (time != "off" && (time.empty() || !isValidDailyAt(time))) return fail(err, text::kBadTime);
   if (args.keep < -1) return fail(err, "--" + std::string(text::kNegativeKeep));
-  schedule->dailyAt = dailyAt;
-  if (args.keep >= 0) schedule->keep = args.keep;
-  if (!writeSchedule(configFile, *schedule))
+  schedule.dailyAt = dailyAt;
+  if (args.keep >= 0) schedule.keep = args.keep;
+  if (!writeSchedule(configFile, schedule))
     return fail(err, "cannot write " + configFile.string());
   if (dailyAt.empty()) {
     out << text::kScheduleOff << "\n";
   } else {
     out << "scheduled backups: daily at " << dailyAt << " (server local time), keep "
-        << schedule->keep << " snapshot(s)" << (schedule->keep < 1 ? " (no pruning)" : "") << "\n";
+        << schedule.keep << " snapshot(s)" << (schedule.keep < 1 ? " (no pruning)" : "") << "\n";
   }
   out << text::kPickedUp << "\n";
   return kOk;

@@ -14,12 +14,16 @@ struct OpenedBackup {
   rill::StorageProviderPtr store;
 };
 
+base::Result<OpenedBackup> openBackup(BackupConfig config, const StoreOpener& openStore) {
+  auto store = openStoreFor(config, openStore);
+  if (!store) return store.failure();
+  return OpenedBackup{std::move(config), std::move(store).value()};
+}
+
 base::Result<OpenedBackup> openBackup(const fs::path& dataDir, const StoreOpener& openStore) {
   auto config = loadBackupConfig(backupConfigPath(dataDir));
-  if (!config) return base::Failure{config.error()};
-  auto store = openStoreFor(config.value(), openStore);
-  if (!store) return base::Failure{store.error()};
-  return OpenedBackup{std::move(config).value(), std::move(store).value()};
+  if (!config) return config.failure();
+  return openBackup(std::move(config).value(), openStore);
 }
 
 }  // namespace
@@ -32,8 +36,15 @@ base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
 
 base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
                                   const RunHooks& hooks) {
-  auto opened = openBackup(dataDir, hooks.openStore);
-  if (!opened) return base::Failure{opened.error()};
+  auto config = loadBackupConfig(backupConfigPath(dataDir));
+  if (!config) return config.failure();
+  return runBackup(dataDir, config.value(), name, hooks);
+}
+
+base::Result<RunReport> runBackup(const fs::path& dataDir, const BackupConfig& config,
+                                  const std::string& name, const RunHooks& hooks) {
+  auto opened = openBackup(config, hooks.openStore);
+  if (!opened) return opened.failure();
 
   auto lock = DirectoryLock::acquire(dataDir, hooks.onWait);
   const std::string snapshot =

@@ -48,6 +48,9 @@ base::Result<rill::StorageProviderPtr> openStoreFor(const BackupConfig& config,
 // " (not recorded: cannot write <path>)" and a report's `unrecorded` says so.
 base::Result<RunReport> runBackup(const fs::path& dataDir, const std::string& name,
                                   const RunHooks& hooks = {});
+// The same with backup.json already loaded, by a caller that had to read it first.
+base::Result<RunReport> runBackup(const fs::path& dataDir, const BackupConfig& config,
+                                  const std::string& name, const RunHooks& hooks = {});
 
 // Prunes the store of `dataDir`'s backup.json to `keep` snapshots, holding the directory's lock.
 // Fails with the loader's or key text, or pruneSnapshots' messages. With `dryRun` nothing is

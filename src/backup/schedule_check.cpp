@@ -27,13 +27,22 @@ bool isScheduleDue(const std::string& dailyAt, const LocalMinute& now,
 }
 
 void checkSchedule(Context& ctx, std::time_t now) {
-  const auto schedule = readSchedule(backupConfigPath(ctx.data.root()));
+  const fs::path configFile = backupConfigPath(ctx.data.root());
+  const auto schedule = readSchedule(configFile);
   if (!schedule || schedule->dailyAt.empty()) return;
   const LocalMinute minute = localMinuteOf(now);
   if (!isScheduleDue(schedule->dailyAt, minute, ctx.backups.lastScheduledDate)) return;
   if (!claimRunningFlag(ctx.backups)) return;
   ctx.backups.lastScheduledDate = minute.date;
-  startBackgroundRun(ctx.backups, ctx.data.root(), "", printRunOutcome("scheduled backup"));
+  // Due: the run gets the whole configuration, read now, and reports a broken one like any failure.
+  const RunDone done = printRunOutcome("scheduled backup");
+  auto config = loadBackupConfig(configFile);
+  if (!config) {
+    done(config.failure());
+    ctx.backups.running.store(false);
+    return;
+  }
+  startBackgroundRun(ctx.backups, ctx.data.root(), std::move(config).value(), "", done);
 }
 
 }  // namespace quill::backup

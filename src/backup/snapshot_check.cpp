@@ -84,11 +84,10 @@ rill::Result<CheckReport> checkSnapshots(
   }
   report.chunks = chunks.size();
 
-  std::string error;
-  const auto stored = store.list("chunks/", &error);
-  if (!stored) return rill::Failure{"list: " + error};
+  const auto stored = store.list("chunks/");
+  if (!stored) return stored.failure().prefixed("list: ");
   std::unordered_set<std::string> present;
-  for (const rill::ObjectEntry& entry : *stored) present.insert(entry.key);
+  for (const rill::ObjectEntry& entry : stored.value()) present.insert(entry.key);
 
   CheckProgress done;
   std::vector<const NamedChunk*> toRead;

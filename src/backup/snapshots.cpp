@@ -70,11 +70,10 @@ base::Result<RunStats> publishSnapshot(
 }
 
 base::Result<std::vector<std::string>> listSnapshots(rill::StorageProvider& store) {
-  std::string error;
-  const auto entries = store.list(std::string(kChannelsPrefix), &error);
-  if (!entries) return base::Failure{error};
+  const auto entries = store.list(std::string(kChannelsPrefix));
+  if (!entries) return entries.failure();
   std::vector<std::string> names;
-  for (const rill::ObjectEntry& entry : *entries) {
+  for (const rill::ObjectEntry& entry : entries.value()) {
     const std::string& key = entry.key;
     if (key.size() < kChannelsPrefix.size() + kManifestSuffix.size() + 1 ||
         !key.starts_with(kChannelsPrefix) || !key.ends_with(kManifestSuffix)) {
@@ -148,10 +147,9 @@ base::Result<std::vector<std::string>> unreadableSnapshots(rill::StorageProvider
 base::Result<RestoreStats> restoreSnapshot(
     rill::StorageProvider& store, const std::string& name, const fs::path& target,
     const std::function<void(const rill::PullProgress&)>& progress) {
-  std::string error;
-  const auto manifest = store.exists(rill::manifestKey(name), &error);
-  if (!manifest) return base::Failure{error};
-  if (!manifest->present) return base::Failure{"no snapshot " + name + " in the bucket"};
+  const auto manifest = store.exists(rill::manifestKey(name));
+  if (!manifest) return manifest.failure();
+  if (!manifest.value().present) return base::Failure{"no snapshot " + name + " in the bucket"};
   rill::StorePullSource source(store, name);
   rill::PullOptions options;
   options.channel = name;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace quill::base {
@@ -21,6 +22,13 @@ struct Failure {
   // A remote service's refusal: `why` and the HTTP status it answered with.
   static Failure fromStatus(std::string why, long status) {
     return Failure(std::move(why), 0, status);
+  }
+
+  // The same cause, with `context` written before the reason.
+  Failure prefixed(std::string_view context) const {
+    std::string text(context);
+    text += reason;
+    return Failure(std::move(text), sysErrno, httpStatus);
   }
 
   std::string reason;   // one line, the text shown to people

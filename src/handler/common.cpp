@@ -27,7 +27,10 @@ std::vector<std::string> splitList(std::string_view value) {
 OrError<std::vector<std::string>> checkedChannelList(const Context& ctx, std::string_view value) {
   auto checked = store::checkChannelList(ctx.data, value, store::ListSplit::kTrailingCommaEnds);
   if (auto* channels = std::get_if<std::vector<std::string>>(&checked)) return std::move(*channels);
-  const auto& problem = std::get<store::ChannelListProblem>(checked);
+  return channelListRefusal(std::get<store::ChannelListProblem>(checked));
+}
+
+Response channelListRefusal(const store::ChannelListProblem& problem) {
   if (problem.kind == store::ChannelListProblem::Kind::kInvalidName) {
     return http::errorResponse(400, "invalid channel name in ?channels=");
   }

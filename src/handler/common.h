@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "handler/context.h"
+#include "store/accounts.h"
 #include "http/json.h"
 #include "http/request.h"
 #include "http/response.h"
@@ -36,6 +37,8 @@ bool channelExists(const Context& ctx, const std::string& name);
 // name (400 "invalid channel name in ?channels=") naming an existing channel
 // (404 "channel '<piece>' does not exist").
 OrError<std::vector<std::string>> checkedChannelList(const Context& ctx, std::string_view value);
+// The answer checkedChannelList gives for `problem`.
+Response channelListRefusal(const store::ChannelListProblem& problem);
 
 // The pieces of a comma-separated list; a trailing comma ends the list ("a," is {"a"}).
 std::vector<std::string> splitList(std::string_view value);

@@ -57,7 +57,7 @@ Server::~Server() {
   core_->joinPools();
 }
 
-bool Server::listen(std::string& error) {
+base::Result<bool> Server::listen() {
   // A client that closes mid-answer must cost its connection, never the process: sendfile(2)
   // raises SIGPIPE on a closed socket (socket writes use MSG_NOSIGNAL).
   std::signal(SIGPIPE, SIG_IGN);
@@ -66,10 +66,7 @@ bool Server::listen(std::string& error) {
                                                      !core_->options.limitLoopback);
   boost::system::error_code ec;
   auto address = asio::ip::make_address(core_->options.address, ec);
-  if (ec) {
-    error = "invalid bind address '" + core_->options.address + "'";
-    return false;
-  }
+  if (ec) return base::Failure("invalid bind address '" + core_->options.address + "'");
   tcp::endpoint endpoint(address, core_->options.port);
   auto& acceptor = core_->acceptor;
   acceptor.open(endpoint.protocol(), ec);
@@ -77,9 +74,9 @@ bool Server::listen(std::string& error) {
   if (!ec) acceptor.bind(endpoint, ec);
   if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
   if (ec) {
-    error = "cannot listen on " + core_->options.address + ":" +
-            std::to_string(core_->options.port) + ": " + ec.message();
-    return false;
+    return base::Failure("cannot listen on " + core_->options.address + ":" +
+                         std::to_string(core_->options.port) + ": " + ec.message(),
+                         ec.value());
   }
   acceptLoop(*core_);
   return true;

@@ -34,6 +34,7 @@
 #include <memory>
 #include <string>
 
+#include "base/result.h"
 #include "http/router.h"
 
 namespace quill::http {
@@ -83,8 +84,8 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Opens the listener. On failure returns false and sets `error` to a one-line reason.
-  bool listen(std::string& error);
+  // Opens the listener; fails with a one-line reason.
+  base::Result<bool> listen();
   // The bound port (useful after listening on port 0).
   std::uint16_t port() const;
   // Serves until stop() or the end of a drain; returns after every I/O thread has finished.

@@ -70,10 +70,9 @@ Response describe(Context& ctx, rill::S3Provider& bucket, const std::string& cha
   }
   if (size > bound) return unavailable(manifestTooLarge(bound));
   const auto lease = ctx.syncManifestBytes.take(size);
-  std::string body;
-  std::string error;
-  if (!bucket.get(key, body, &error, size)) return unavailable(error);
-  auto manifest = rill::parseManifest(body);
+  auto body = bucket.get(key, size);
+  if (!body) return unavailable(body.error());
+  auto manifest = rill::parseManifest(body.value());
   body = std::string();
   if (!manifest) return unavailable(manifest.error());
 

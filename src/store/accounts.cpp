@@ -65,4 +65,29 @@ bool tokenNameTaken(const DataDir& data, const std::string& name) {
   return recordExists(data.tokens(), name);
 }
 
+std::variant<NewUser, UserRefusal> checkNewUser(const DataDir& data, const UserRequest& request,
+                                                ListSplit split) {
+  using Kind = UserRefusal::Kind;
+  NewUser user;
+  user.name = request.name;
+  user.role = request.role;
+  user.service = request.service;
+  if (!isValidName(user.name)) return UserRefusal{Kind::kInvalidName};
+  if (!isRole(user.role)) return UserRefusal{Kind::kBadRole};
+  if (!request.channels.empty()) {
+    if (user.role != "publisher") return UserRefusal{Kind::kChannelsNeedPublisher};
+    auto checked = checkChannelList(data, request.channels, split);
+    if (auto* problem = std::get_if<ChannelListProblem>(&checked)) {
+      return UserRefusal{Kind::kChannelList, *problem};
+    }
+    user.channels = std::get<std::vector<std::string>>(std::move(checked));
+  }
+  if (userExists(data, user.name)) return UserRefusal{Kind::kExists};
+  if (user.service && user.role == "member" && request.serviceMakesPublisher) {
+    user.role = "publisher";
+  }
+  if (user.service && user.role != "publisher") return UserRefusal{Kind::kServiceNotPublisher};
+  return user;
+}
+
 }  // namespace quill::store

@@ -1,7 +1,7 @@
 #pragma once
 // The rules about accounts that the API, the offline commands and sign-in share: the roles,
-// the promote allow-list check, and whether a user or token name is taken. Each caller words its
-// own refusals; the rules themselves live only here.
+// the promote allow-list check, whether a user or token name is taken, and what makes a new user
+// acceptable. Each caller words its own refusals; the rules themselves live only here.
 
 #include <string>
 #include <string_view>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "store/data_dir.h"
+#include "store/users.h"
 
 namespace quill::store {
 
@@ -38,5 +39,35 @@ std::variant<std::vector<std::string>, ChannelListProblem> checkChannelList(cons
 bool channelDeclared(const DataDir& data, const std::string& name);
 bool userExists(const DataDir& data, const std::string& name);
 bool tokenNameTaken(const DataDir& data, const std::string& name);
+
+// A user asked for by an administrator (the API or the command line).
+struct UserRequest {
+  std::string name;
+  std::string role;
+  std::string_view channels;  // the promote allow-list, as given; "" for none
+  bool service = false;
+  // A member asked for as a service account becomes a publisher (the command line's reading);
+  // otherwise it is refused.
+  bool serviceMakesPublisher = false;
+};
+
+// Why a requested user was refused; `list` tells which piece of the allow-list, for kChannelList.
+struct UserRefusal {
+  enum class Kind {
+    kInvalidName,
+    kBadRole,
+    kChannelsNeedPublisher,
+    kChannelList,
+    kExists,
+    kServiceNotPublisher
+  } kind;
+  ChannelListProblem list{};
+};
+
+// The record to create for `request`, or why not. The checks run in the order of the kinds: the
+// name rule, the role, an allow-list (for publishers only; then checkChannelList with `split`),
+// the name taken by any users/ file, and a service account's role.
+std::variant<NewUser, UserRefusal> checkNewUser(const DataDir& data, const UserRequest& request,
+                                                ListSplit split);
 
 }  // namespace quill::store

@@ -11,24 +11,23 @@ constexpr std::string_view kManifestSuffix = "/manifest.json";
 }  // namespace
 
 Result<bool> deleteChannelBuild(StorageProvider& store, const std::string& channel) {
-  std::string error;
   for (const std::string& key : {manifestKey(channel), signatureKey(channel)}) {
-    if (!store.remove(key, &error)) return Failure{"DELETE failed: " + error};
+    const auto removed = store.remove(key);
+    if (!removed) return removed.failure().prefixed("DELETE failed: ");
   }
   return true;
 }
 
 Result<std::vector<Manifest>> readChannelManifests(StorageProvider& store) {
-  std::string error;
-  const auto entries = store.list("channels/", &error);
-  if (!entries) return Failure{"LIST failed: " + error};
+  const auto entries = store.list("channels/");
+  if (!entries) return entries.failure().prefixed("LIST failed: ");
   std::vector<Manifest> manifests;
-  for (const ObjectEntry& entry : *entries) {
+  for (const ObjectEntry& entry : entries.value()) {
     const std::string& key = entry.key;
     if (key.size() <= kManifestSuffix.size() || !key.ends_with(kManifestSuffix)) continue;
-    std::string body;
-    if (!store.get(key, body, &error)) return Failure{"GET failed: " + error};
-    auto manifest = parseManifest(body);
+    const auto body = store.get(key);
+    if (!body) return body.failure().prefixed("GET failed: ");
+    auto manifest = parseManifest(body.value());
     if (!manifest) return Failure{key + ": " + manifest.error()};
     manifests.push_back(std::move(manifest).value());
   }
@@ -43,16 +42,18 @@ Result<SweepReport> sweepChunks(StorageProvider& store, const std::vector<Manife
       for (const ChunkRef& chunk : file.chunks) wanted.insert(store.chunkKey(chunk.h));
     }
   }
-  std::string error;
-  const auto entries = store.list("chunks/", &error);
-  if (!entries) return Failure{"LIST failed: " + error};
+  const auto entries = store.list("chunks/");
+  if (!entries) return entries.failure().prefixed("LIST failed: ");
   SweepReport report;
-  for (const ObjectEntry& entry : *entries) {
+  for (const ObjectEntry& entry : entries.value()) {
     if (wanted.contains(entry.key)) {
       ++report.kept;
       continue;
     }
-    if (!dryRun && !store.remove(entry.key, &error)) return Failure{"DELETE failed: " + error};
+    if (!dryRun) {
+      const auto removed = store.remove(entry.key);
+      if (!removed) return removed.failure().prefixed("DELETE failed: ");
+    }
     ++report.removed;
     if (entry.size > 0) report.removedBytes += static_cast<std::uint64_t>(entry.size);
   }

@@ -56,10 +56,9 @@ class ChunkUploads {
               const std::string& id) {
     if (failed_) return;
     const std::string key = store_.chunkKey(id);
-    std::string error;
-    const auto info = inListing(key) ? ObjectInfo{true, -1} : store_.exists(key, &error);
-    if (!info) return fail("HEAD failed: " + error);
-    if (info->present) return done(length, std::nullopt);
+    const Result<ObjectInfo> info = inListing(key) ? ObjectInfo{true, -1} : store_.exists(key);
+    if (!info) return fail("HEAD failed: " + info.error());
+    if (info.value().present) return done(length, std::nullopt);
     transfers_.acquire();
     auto stored = transfer(file, offset, length, id, key);
     transfers_.release();
@@ -128,8 +127,8 @@ class ChunkUploads {
     slots_.release();
     if (!bytes && options_.scan.tolerant) return std::optional<std::uint64_t>();
     if (!bytes) return Failure{bytes.error()};
-    std::string error;
-    if (!store_.put(key, object, &error)) return Failure{"PUT failed: " + error};
+    const auto put = store_.put(key, object);
+    if (!put) return put.failure().prefixed("PUT failed: ");
     return std::optional<std::uint64_t>(object.size());
   }
 
@@ -178,7 +177,7 @@ void listChunks(StorageProvider& store, ChunkUploads& uploads) {
   const auto entries = store.list("chunks/");
   if (!entries) return;
   std::unordered_set<std::string> keys;
-  for (const ObjectEntry& entry : *entries) keys.insert(entry.key);
+  for (const ObjectEntry& entry : entries.value()) keys.insert(entry.key);
   uploads.listed(std::move(keys));
 }
 
@@ -189,21 +188,17 @@ Result<bool> checkStillOurs(StorageProvider& store, const std::string& channel,
                             const std::string& manifest, const std::string& signature) {
   const Failure raced{"another publish replaced channel '" + channel +
                       "' meanwhile - publish again"};
-  std::string stored;
-  std::string error;
   const std::uint64_t bound = std::max<std::uint64_t>(manifest.size(), kMaxManifestBytes);
-  if (!store.get(manifestKey(channel), stored, &error, bound)) {
-    return Failure{"GET failed: " + error};
-  }
-  if (stored != manifest) return raced;
-  const auto info = store.exists(signatureKey(channel), &error);
-  if (!info) return Failure{"HEAD failed: " + error};
-  if (info->present == signature.empty()) return raced;
+  const auto storedManifest = store.get(manifestKey(channel), bound);
+  if (!storedManifest) return storedManifest.failure().prefixed("GET failed: ");
+  if (storedManifest.value() != manifest) return raced;
+  const auto info = store.exists(signatureKey(channel));
+  if (!info) return info.failure().prefixed("HEAD failed: ");
+  if (info.value().present == signature.empty()) return raced;
   if (signature.empty()) return true;
-  if (!store.get(signatureKey(channel), stored, &error, kMaxSignatureBytes)) {
-    return Failure{"GET failed: " + error};
-  }
-  if (stored != signature) return raced;
+  const auto storedSignature = store.get(signatureKey(channel), kMaxSignatureBytes);
+  if (!storedSignature) return storedSignature.failure().prefixed("GET failed: ");
+  if (storedSignature.value() != signature) return raced;
   return true;
 }
 
@@ -215,10 +210,9 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
     auto key = publicKeyOf(options.signingKey);
     if (!key) return Failure{key.error()};
   }
-  std::string error;
-  const auto existing = store.exists(manifestKey(options.channel), &error);
-  if (!existing) return Failure{"cannot reach store: " + error};
-  if (existing->present && !options.force) {
+  const auto existing = store.exists(manifestKey(options.channel));
+  if (!existing) return existing.failure().prefixed("cannot reach store: ");
+  if (existing.value().present && !options.force) {
     return Failure{"channel '" + options.channel +
                    "' already published (use --force to overwrite)"};
   }
@@ -264,16 +258,17 @@ Result<PublishReport> publishDirectory(StorageProvider& store, const fs::path& d
     if (!signed_) return Failure{signed_.error()};
     signature = std::move(signed_).value();
   }
-  if (!store.put(manifestKey(options.channel), text, &error))
-    return Failure{"PUT failed: " + error};
-  if (!signature.empty() && !store.put(signatureKey(options.channel), signature, &error)) {
-    return Failure{"PUT failed: " + error};
+  const auto manifestPut = store.put(manifestKey(options.channel), text);
+  if (!manifestPut) return manifestPut.failure().prefixed("PUT failed: ");
+  if (!signature.empty()) {
+    const auto signaturePut = store.put(signatureKey(options.channel), signature);
+    if (!signaturePut) return signaturePut.failure().prefixed("PUT failed: ");
   }
   // A signature left from an earlier signed publish would no longer match: take it away, so a
   // verifying reader is told the build is unsigned rather than tampered with.
-  if (signature.empty() && existing->present &&
-      !store.remove(signatureKey(options.channel), &error)) {
-    return Failure{"DELETE failed: " + error};
+  if (signature.empty() && existing.value().present) {
+    const auto removed = store.remove(signatureKey(options.channel));
+    if (!removed) return removed.failure().prefixed("DELETE failed: ");
   }
   auto settledInStore = checkStillOurs(store, options.channel, text, signature);
   if (!settledInStore) return Failure{settledInStore.error()};

@@ -24,29 +24,20 @@ StorePullSource::StorePullSource(StorageProvider& store, std::string channel)
     : store_(store), channel_(std::move(channel)) {}
 
 Result<std::string> StorePullSource::manifest() {
-  std::string body;
-  std::string error;
-  if (!store_.get(manifestKey(channel_), body, &error, kMaxManifestBytes)) return Failure{error};
-  return body;
+  return store_.get(manifestKey(channel_), kMaxManifestBytes);
 }
 
 Result<std::optional<std::string>> StorePullSource::signature() {
-  std::string error;
-  const auto info = store_.exists(signatureKey(channel_), &error);
-  if (!info) return Failure{error};
-  if (!info->present) return std::optional<std::string>();
-  std::string body;
-  if (!store_.get(signatureKey(channel_), body, &error, kMaxSignatureBytes))
-    return Failure{error};
-  return std::optional<std::string>(std::move(body));
+  const auto info = store_.exists(signatureKey(channel_));
+  if (!info) return info.failure();
+  if (!info.value().present) return std::optional<std::string>();
+  auto body = store_.get(signatureKey(channel_), kMaxSignatureBytes);
+  if (!body) return body.failure();
+  return std::optional<std::string>(std::move(body).value());
 }
 
 Result<std::string> StorePullSource::chunk(const ChunkRef& ref) {
-  std::string body;
-  std::string error;
-  if (!store_.get(store_.chunkKey(ref.h), body, &error, maxChunkObjectSize(ref.n)))
-    return Failure{error};
-  return body;
+  return store_.get(store_.chunkKey(ref.h), maxChunkObjectSize(ref.n));
 }
 
 PresignedPullSource::PresignedPullSource(PresignedLinks links) : links_(std::move(links)) {}

@@ -20,8 +20,8 @@ std::string classifyProbeFailure(std::string_view e) {
 Result<bool> probeBucket(const S3Settings& settings) {
   if (!hasHttpEndpoint(settings)) return Failure{kEndpointScheme};
   S3Provider bucket(settings);
-  std::string error;
-  if (!bucket.list(kProbePrefix, &error)) return Failure{classifyProbeFailure(error)};
+  const auto listed = bucket.list(kProbePrefix);
+  if (!listed) return Failure{classifyProbeFailure(listed.error())};
   return true;
 }
 

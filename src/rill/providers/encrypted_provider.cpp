@@ -17,39 +17,29 @@ EncryptedProvider::EncryptedProvider(const EncryptionKey& key, StorageProviderPt
 
 EncryptedProvider::~EncryptedProvider() { sodium_memzero(key_.data(), key_.size()); }
 
-bool EncryptedProvider::put(const std::string& key, std::string_view body, std::string* error) {
-  return inner_->put(key, sealObject(body, key_), error);
+Result<bool> EncryptedProvider::put(const std::string& key, std::string_view body) {
+  return inner_->put(key, sealObject(body, key_));
 }
 
-bool EncryptedProvider::get(const std::string& key, std::string& body, std::string* error,
-                                std::uint64_t maxBytes) {
-  std::string sealed;
+Result<std::string> EncryptedProvider::get(const std::string& key, std::uint64_t maxBytes) {
   const std::uint64_t sealedMax =
       maxBytes > kAnySize - kSealedOverhead ? kAnySize : maxBytes + kSealedOverhead;
-  if (!inner_->get(key, sealed, error, sealedMax)) return false;
-  OpenedObject opened = openObject(sealed, key_);
-  if (!opened.ok) {
-    return fail(error,
-                opened.error == OpenError::kNotSealed
-                    ? key + ": not an encrypted object (wrong store, or written without a key)"
-                    : key + ": decryption failed (wrong key, or the object is corrupt)");
-  }
-  body = std::move(opened.plain);
-  return true;
+  const auto sealed = inner_->get(key, sealedMax);
+  if (!sealed) return sealed.failure();
+  OpenedObject opened = openObject(sealed.value(), key_);
+  if (opened.ok) return std::move(opened.plain);
+  return Failure(opened.error == OpenError::kNotSealed
+                     ? key + ": not an encrypted object (wrong store, or written without a key)"
+                     : key + ": decryption failed (wrong key, or the object is corrupt)");
 }
 
-std::optional<ObjectInfo> EncryptedProvider::exists(const std::string& key, std::string* error) {
-  return inner_->exists(key, error);
+Result<ObjectInfo> EncryptedProvider::exists(const std::string& key) { return inner_->exists(key); }
+
+Result<std::vector<ObjectEntry>> EncryptedProvider::list(const std::string& prefix) {
+  return inner_->list(prefix);
 }
 
-std::optional<std::vector<ObjectEntry>> EncryptedProvider::list(const std::string& prefix,
-                                                                std::string* error) {
-  return inner_->list(prefix, error);
-}
-
-bool EncryptedProvider::remove(const std::string& key, std::string* error) {
-  return inner_->remove(key, error);
-}
+Result<bool> EncryptedProvider::remove(const std::string& key) { return inner_->remove(key); }
 
 std::string EncryptedProvider::chunkKey(const std::string& chunkId) const {
   std::uint8_t digest[32];

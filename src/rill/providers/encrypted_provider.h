@@ -20,13 +20,11 @@ class EncryptedProvider final : public StorageProvider {
   EncryptedProvider(const EncryptedProvider&) = delete;
   EncryptedProvider& operator=(const EncryptedProvider&) = delete;
 
-  bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
-           std::uint64_t maxBytes = kAnySize) override;
-  std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
-  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
-                                               std::string* error = nullptr) override;
-  bool remove(const std::string& key, std::string* error = nullptr) override;
+  Result<bool> put(const std::string& key, std::string_view body) override;
+  Result<std::string> get(const std::string& key, std::uint64_t maxBytes = kAnySize) override;
+  Result<ObjectInfo> exists(const std::string& key) override;
+  Result<std::vector<ObjectEntry>> list(const std::string& prefix) override;
+  Result<bool> remove(const std::string& key) override;
   std::string chunkKey(const std::string& chunkId) const override;
 
  private:

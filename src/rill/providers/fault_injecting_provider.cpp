@@ -42,48 +42,49 @@ void FaultInjectingProvider::dropListEntriesContaining(std::string text) {
   dropText_ = std::move(text);
 }
 
-bool FaultInjectingProvider::injected(Operation operation, const std::string& key,
-                                      std::string* error) {
+std::optional<Failure> FaultInjectingProvider::injected(Operation operation,
+                                                        const std::string& key) {
   std::lock_guard lock(mutex_);
   int& countdown = countdown_[static_cast<std::size_t>(operation)];
-  if (countdown == 0 || --countdown > 0) return false;
-  fail(error, std::string("injected failure: ") + operationName(operation) + " " + key);
-  return true;
+  if (countdown == 0 || --countdown > 0) return std::nullopt;
+  return Failure(std::string("injected failure: ") + operationName(operation) + " " + key);
 }
 
-bool FaultInjectingProvider::put(const std::string& key, std::string_view body,
-                                 std::string* error) {
-  return !injected(Operation::kPut, key, error) && inner_->put(key, body, error);
+Result<bool> FaultInjectingProvider::put(const std::string& key, std::string_view body) {
+  if (auto failure = injected(Operation::kPut, key)) return *failure;
+  return inner_->put(key, body);
 }
 
-bool FaultInjectingProvider::get(const std::string& key, std::string& body, std::string* error,
-                                     std::uint64_t maxBytes) {
-  if (injected(Operation::kGet, key, error) || !inner_->get(key, body, error, maxBytes)) return false;
+Result<std::string> FaultInjectingProvider::get(const std::string& key, std::uint64_t maxBytes) {
+  if (auto failure = injected(Operation::kGet, key)) return *failure;
+  auto body = inner_->get(key, maxBytes);
   std::lock_guard lock(mutex_);
-  if (corruptGets_ && !body.empty()) body.back() = static_cast<char>(body.back() ^ 0x01);
-  return true;
+  if (body && corruptGets_ && !body.value().empty()) {
+    char& last = body.value().back();
+    last = static_cast<char>(last ^ 0x01);
+  }
+  return body;
 }
 
-std::optional<ObjectInfo> FaultInjectingProvider::exists(const std::string& key,
-                                                         std::string* error) {
-  if (injected(Operation::kExists, key, error)) return std::nullopt;
-  return inner_->exists(key, error);
+Result<ObjectInfo> FaultInjectingProvider::exists(const std::string& key) {
+  if (auto failure = injected(Operation::kExists, key)) return *failure;
+  return inner_->exists(key);
 }
 
-std::optional<std::vector<ObjectEntry>> FaultInjectingProvider::list(const std::string& prefix,
-                                                                     std::string* error) {
-  if (injected(Operation::kList, prefix, error)) return std::nullopt;
-  auto entries = inner_->list(prefix, error);
+Result<std::vector<ObjectEntry>> FaultInjectingProvider::list(const std::string& prefix) {
+  if (auto failure = injected(Operation::kList, prefix)) return *failure;
+  auto entries = inner_->list(prefix);
   std::lock_guard lock(mutex_);
   if (!entries || dropText_.empty()) return entries;
-  std::erase_if(*entries, [&](const ObjectEntry& entry) {
+  std::erase_if(entries.value(), [&](const ObjectEntry& entry) {
     return entry.key.find(dropText_) != std::string::npos;
   });
   return entries;
 }
 
-bool FaultInjectingProvider::remove(const std::string& key, std::string* error) {
-  return !injected(Operation::kRemove, key, error) && inner_->remove(key, error);
+Result<bool> FaultInjectingProvider::remove(const std::string& key) {
+  if (auto failure = injected(Operation::kRemove, key)) return *failure;
+  return inner_->remove(key);
 }
 
 std::string FaultInjectingProvider::chunkKey(const std::string& chunkId) const {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <mutex>
+#include <optional>
 
 #include "rill/providers/storage_provider.h"
 
@@ -23,18 +24,16 @@ class FaultInjectingProvider final : public StorageProvider {
   // Listings leave out entries whose key contains `text` (empty: none).
   void dropListEntriesContaining(std::string text);
 
-  bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
-           std::uint64_t maxBytes = kAnySize) override;
-  std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
-  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
-                                               std::string* error = nullptr) override;
-  bool remove(const std::string& key, std::string* error = nullptr) override;
+  Result<bool> put(const std::string& key, std::string_view body) override;
+  Result<std::string> get(const std::string& key, std::uint64_t maxBytes = kAnySize) override;
+  Result<ObjectInfo> exists(const std::string& key) override;
+  Result<std::vector<ObjectEntry>> list(const std::string& prefix) override;
+  Result<bool> remove(const std::string& key) override;
   std::string chunkKey(const std::string& chunkId) const override;
 
  private:
-  // True when this call of `operation` is the one to fail (and writes the reason).
-  bool injected(Operation operation, const std::string& key, std::string* error);
+  // The failure when this call of `operation` is the one to fail.
+  std::optional<Failure> injected(Operation operation, const std::string& key);
 
   StorageProviderPtr inner_;
   std::mutex mutex_;

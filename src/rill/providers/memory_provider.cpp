@@ -4,33 +4,28 @@
 
 namespace quill::rill {
 
-bool MemoryProvider::put(const std::string& key, std::string_view body, std::string*) {
+Result<bool> MemoryProvider::put(const std::string& key, std::string_view body) {
   std::lock_guard lock(mutex_);
   objects_[key] = std::string(body);
   return true;
 }
 
-bool MemoryProvider::get(const std::string& key, std::string& body, std::string* error,
-                             std::uint64_t maxBytes) {
+Result<std::string> MemoryProvider::get(const std::string& key, std::uint64_t maxBytes) {
   std::lock_guard lock(mutex_);
   const auto it = objects_.find(key);
-  if (it == objects_.end()) return fail(error, "GET " + key + " -> not found");
-  if (it->second.size() > maxBytes) {
-    return fail(error, "GET " + key + ": " + base::tooLarge(maxBytes));
-  }
-  body = it->second;
-  return true;
+  if (it == objects_.end()) return Failure::fromStatus("GET " + key + " -> not found", 404);
+  if (it->second.size() > maxBytes) return Failure("GET " + key + ": " + base::tooLarge(maxBytes));
+  return it->second;
 }
 
-std::optional<ObjectInfo> MemoryProvider::exists(const std::string& key, std::string*) {
+Result<ObjectInfo> MemoryProvider::exists(const std::string& key) {
   std::lock_guard lock(mutex_);
   const auto it = objects_.find(key);
   if (it == objects_.end()) return ObjectInfo{};
   return ObjectInfo{true, static_cast<std::int64_t>(it->second.size())};
 }
 
-std::optional<std::vector<ObjectEntry>> MemoryProvider::list(const std::string& prefix,
-                                                             std::string*) {
+Result<std::vector<ObjectEntry>> MemoryProvider::list(const std::string& prefix) {
   std::lock_guard lock(mutex_);
   std::vector<ObjectEntry> entries;
   for (auto it = objects_.lower_bound(prefix);
@@ -40,7 +35,7 @@ std::optional<std::vector<ObjectEntry>> MemoryProvider::list(const std::string& 
   return entries;
 }
 
-bool MemoryProvider::remove(const std::string& key, std::string*) {
+Result<bool> MemoryProvider::remove(const std::string& key) {
   std::lock_guard lock(mutex_);
   objects_.erase(key);
   return true;

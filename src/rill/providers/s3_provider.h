@@ -13,13 +13,11 @@ class S3Provider final : public StorageProvider {
  public:
   explicit S3Provider(S3Settings settings);
 
-  bool put(const std::string& key, std::string_view body, std::string* error = nullptr) override;
-  bool get(const std::string& key, std::string& body, std::string* error = nullptr,
-           std::uint64_t maxBytes = kAnySize) override;
-  std::optional<ObjectInfo> exists(const std::string& key, std::string* error = nullptr) override;
-  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
-                                               std::string* error = nullptr) override;
-  bool remove(const std::string& key, std::string* error = nullptr) override;
+  Result<bool> put(const std::string& key, std::string_view body) override;
+  Result<std::string> get(const std::string& key, std::uint64_t maxBytes = kAnySize) override;
+  Result<ObjectInfo> exists(const std::string& key) override;
+  Result<std::vector<ObjectEntry>> list(const std::string& prefix) override;
+  Result<bool> remove(const std::string& key) override;
 
   const S3Client& client() const { return client_; }
 

@@ -3,17 +3,18 @@
 // to. Implementations stack by composition (an encrypted store over a prefix over a bucket); a
 // decorator owns the provider it wraps.
 //
-// Failures never throw across this interface: an operation reports failure in its result and, when
-// `error` is not null, writes a one-line reason into it. Nothing is retried at this layer.
+// Failures never throw across this interface: an operation answers a Result whose Failure carries
+// the one-line reason and, for a remote store, the status it answered with. Nothing is retried at
+// this layer.
 // Thread safety: every implementation may be called from several threads at once.
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "rill/result.h"
 #include "rill/transport/s3_listing.h"
 
 namespace quill::rill {
@@ -34,26 +35,23 @@ class StorageProvider {
   virtual ~StorageProvider() = default;
 
   // Stores `body` under `key` (UTF-8, forward slashes), replacing any object there.
-  virtual bool put(const std::string& key, std::string_view body, std::string* error = nullptr) = 0;
+  virtual Result<bool> put(const std::string& key, std::string_view body) = 0;
 
-  // Reads the whole object at `key` into `body`. A missing object is a failure, and so is an object
-  // of more than `maxBytes` bytes (as stored), which is never read whole: what a store answers is
-  // bounded by what the caller expects.
-  virtual bool get(const std::string& key, std::string& body, std::string* error = nullptr,
-                   std::uint64_t maxBytes = kAnySize) = 0;
+  // The whole object at `key`. A missing object is a failure, and so is an object of more than
+  // `maxBytes` bytes (as stored), which is never read whole: what a store answers is bounded by
+  // what the caller expects.
+  virtual Result<std::string> get(const std::string& key, std::uint64_t maxBytes = kAnySize) = 0;
 
   // Whether an object is at `key`, and its stored size. A missing object is an answer
-  // (present = false), not a failure; nothing is returned only when the store could not tell.
-  virtual std::optional<ObjectInfo> exists(const std::string& key,
-                                           std::string* error = nullptr) = 0;
+  // (present = false), not a failure; a failure means the store could not tell.
+  virtual Result<ObjectInfo> exists(const std::string& key) = 0;
 
-  // Every object whose key starts with `prefix`, in no particular order. Nothing is returned on
-  // failure (an empty list means there are none).
-  virtual std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
-                                                       std::string* error = nullptr) = 0;
+  // Every object whose key starts with `prefix`, in no particular order (an empty list means
+  // there are none).
+  virtual Result<std::vector<ObjectEntry>> list(const std::string& prefix) = 0;
 
   // Deletes the object at `key`. Deleting a missing object succeeds, as it does in S3.
-  virtual bool remove(const std::string& key, std::string* error = nullptr) = 0;
+  virtual Result<bool> remove(const std::string& key) = 0;
 
   // The key under which the chunk with id `chunkId` (64 lower-case hexadecimal characters) is
   // stored. The default is "chunks/" + first two characters + "/" + id.
