@@ -26,6 +26,8 @@ class SsoApi : public ApiTest {
     vars_["idp"] = idp_.origin();
     serveDiscovery("");
     idp_.serve("/jwks", http::toCompactJson(keySet({&JwtSigner::shared("k1")})));
+    walk(
+        R"(PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200)");
   }
   void serveDiscovery(std::string token) {
     const std::string o = idp_.origin();
@@ -34,11 +36,6 @@ class SsoApi : public ApiTest {
                                R"(/auth","token_endpoint":")" + token + R"(","jwks_uri":")" + o +
                                R"(/jwks"})");
   }
-  void configure() {
-    walk(
-        R"(PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200)");
-  }
-
   // walk(), with steps of a sign-in against the provider (a page is "title|detail", as escaped):
   //   start NAME       from port 5555 on quill.test:8080; $NAME is its state
   //   token NAME KID {claims}   the token endpoint answers with an ID token for NAME's nonce: Ann's
@@ -126,10 +123,6 @@ class SsoApi : public ApiTest {
       return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << res.status << " " << res.body;
   }
-  static bool isOwnerOnly(const fs::path& path) {
-    return (fs::status(path).permissions() & fs::perms::all) ==
-           (fs::perms::owner_read | fs::perms::owner_write);
-  }
 
   std::chrono::steady_clock::time_point now_{};
   StaticProvider idp_;
@@ -139,6 +132,7 @@ class SsoApi : public ApiTest {
 
 TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
   walk(R"(
+    DELETE /api/sso/config => 200
     - GET /api/sso/status => 200 .enabled=false
     GET /api/sso/config => 200 {"configured":false,"schema_version":1}
     GET /api/sso/mapping => 200 {"configured":false,"mapping":{"default_role":"member","groups":{},"groups_claim":"groups","roles":{},"roles_claim":"roles"},"schema_version":1}
@@ -184,9 +178,13 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
     PUT /api/sso/mapping {"groups":{"t":"../x"}} => 404 group '../x' does not exist
     unchanged sso.json
   )");
-  EXPECT_TRUE(isOwnerOnly(sso::ssoConfigPath(data())));  // it holds the secret
-  fs::permissions(sso::ssoConfigPath(data()), fs::perms::group_read | fs::perms::others_read,
-                  fs::perm_options::add);
+  const fs::path config = sso::ssoConfigPath(data());
+  auto isOwnerOnly = [&] {
+    return (fs::status(config).permissions() & fs::perms::all) ==
+           (fs::perms::owner_read | fs::perms::owner_write);
+  };
+  EXPECT_TRUE(isOwnerOnly());  // it holds the secret
+  fs::permissions(config, fs::perms::group_read | fs::perms::others_read, fs::perm_options::add);
   walk(R"(
     PUT /api/sso/mapping {"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}} => 200 .mapping.roles_claim="realm"
     file groups/qa.json .sso_managed=true
@@ -224,7 +222,6 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
 }
 
 TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
-  configure();
   play(R"(
     group qa nightly
     group beta beta-ch
@@ -258,7 +255,6 @@ TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
 }
 
 TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
-  configure();
   play(R"(
     start late
     start inTime
@@ -278,7 +274,6 @@ TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
 }
 
 TEST_F(SsoApi, AFloodOfStartsIsRefusedRatherThanCancelSignInsInProgress) {
-  configure();
   // Full of sign-ins younger than a minute: the oldest may go once it is a minute old.
   play(R"(
     start early
@@ -298,7 +293,6 @@ TEST_F(SsoApi, AFloodOfStartsIsRefusedRatherThanCancelSignInsInProgress) {
 }
 
 TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
-  configure();
   play("start a\nstart b\nstart c");
   EXPECT_TRUE(isPage(
       callback(vars_["a"], "access_denied", "<script>alert('x')</script> & more"), 400,
@@ -343,7 +337,6 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
 }
 
 TEST_F(SsoApi, ARotatedKeyIsFetchedOnceTheRefetchIntervalAllows) {
-  configure();
   play("signin k1 {} => 302");
   const int fetches = idp_.hits("/jwks");
   idp_.serve("/jwks",
