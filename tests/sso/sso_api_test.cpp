@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 #include <sstream>
 
@@ -40,7 +41,8 @@ class SsoApi : public ApiTest {
   //   start NAME       from port 5555 on quill.test:8080; $NAME is its state
   //   token NAME KID {claims}   the token endpoint answers with an ID token for NAME's nonce: Ann's
   //                    claims, these set (null: removed), signed by KID's key (stranger: a key
-  //                    named k1 that the provider does not publish)
+  //                    named k1 that the provider does not publish); $idp and $past (a second
+  //                    ago) are expanded
   //   callback NAME => STATUS [page]   a 302 leaves the handoff code in $NAME_code
   //   signin KID {claims} => STATUS [page]   all three at once, as NAME "code"
   //   wait SECONDS     serve PATH STATUS BODY     discovery [TOKEN-ENDPOINT]
@@ -72,8 +74,11 @@ class SsoApi : public ApiTest {
         c["exp"] = Json::Int64(std::time(nullptr) + 300);
         c["nonce"] = nonces_[name];
         kid = rest.substr(0, rest.find(' '));
-        if (const auto at = rest.find("$idp"); at != std::string::npos)
-          rest.replace(at, 4, idp_.origin());
+        vars_["past"] = std::to_string(std::time(nullptr) - 1);
+        for (const char* var : {"idp", "past"}) {
+          const auto at = rest.find(std::string("$") + var);
+          if (at != std::string::npos) rest.replace(at, std::strlen(var) + 1, vars_[var]);
+        }
         const Json::Value set = parseJson(rest.substr(kid.size() + 1));
         for (const auto& member : set.getMemberNames())
           set[member].isNull() ? (void)c.removeMember(member) : (void)(c[member] = set[member]);
@@ -303,7 +308,7 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
     callback c => 502 Sign-in failed|identity provider: token exchange failed: HTTP 400 invalid_grant: &lt;img src=x&gt;
     signin k1 {"aud":"someone-else"} => 401 Sign-in rejected|token audience mismatch
     signin k1 {"iss":"$idp/"} => 401 Sign-in rejected|token issuer mismatch
-    signin k1 {"exp":1} => 401 Sign-in rejected|token expired
+    signin k1 {"exp":$past} => 401 Sign-in rejected|token expired
     signin k1 {"nonce":"other"} => 401 Sign-in rejected|token nonce mismatch
     signin stranger {} => 401 Sign-in rejected|token signature invalid (kid k1)
     signin k1 {"sub":null} => 403 Sign-in refused|token has no subject
