@@ -4,9 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include "rill/chunks/chunker.h"
@@ -39,12 +39,9 @@ inline void writeFile(const std::filesystem::path& path, const std::string& byte
 
 inline std::string readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Every regular file under `root`: relative path -> content.
 // Every file below `root` and its content, leaving out what a pull keeps for itself.
 inline std::map<std::string, std::string> treeContent(const std::filesystem::path& root) {
   std::map<std::string, std::string> out;
