@@ -1,16 +1,14 @@
-// One behaviour, every provider: the same suite runs against the in-memory store, the decorators,
-// and the real bucket (s3rver on 127.0.0.1); then what only the decorators do, and the encryption
-// key a store is opened with.
+// One behaviour, every provider: the same suite runs against the in-memory store, the decorators
+// and the real bucket (s3rver on 127.0.0.1); then what only the decorators do, and the key that
+// opens an encrypted store.
 
 #include <gtest/gtest.h>
 #include <sodium.h>
 
 #include <atomic>
-#include <fstream>
 #include <regex>
 #include <thread>
 
-#include "base/process_init.h"
 #include "rill/chunks/chunk_id.h"
 #include "rill/providers/encrypted_provider.h"
 #include "rill/providers/encryption_key.h"
@@ -18,10 +16,10 @@
 #include "rill/providers/memory_provider.h"
 #include "rill/providers/prefixed_provider.h"
 #include "rill/providers/s3_provider.h"
+#include "rill_trees.h"
 #include "s3_peers.h"
 #include "store_view.h"
 #include "support/numbered.h"
-#include "support/temp_dir_test_base.h"
 
 namespace quill::rill {
 namespace {
@@ -65,54 +63,51 @@ class ProviderConformance : public ::testing::TestWithParam<ProviderKind> {
  protected:
   void SetUp() override {
     if (GetParam().needsS3) QUILL_REQUIRE_S3_PEERS();
-    provider_ = GetParam().make();
   }
-  // Tests share one bucket: each kind keeps to keys of its own.
+  // Kinds share one bucket: each keeps to keys of its own.
   std::string key(const std::string& name) const { return GetParam().name + "/" + name; }
   Entries sorted(const std::string& prefix) {
     std::string error;
-    auto entries = provider_->list(prefix, &error).value_or(Entries{{"failed: " + error, 0}});
+    auto entries = p->list(prefix, &error).value_or(Entries{{"failed: " + error, 0}});
     std::sort(entries.begin(), entries.end(), [](auto& a, auto& b) { return a.key < b.key; });
     return entries;
   }
-  std::int64_t stored(const std::string& body) const {
-    return std::ssize(body) + GetParam().overhead;
-  }
-  StorageProviderPtr provider_;
+  std::int64_t stored(const std::string& body) { return std::ssize(body) + GetParam().overhead; }
+
+  StorageProviderPtr p = GetParam().make();
 };
 
 TEST_P(ProviderConformance, BehavesAsOneStore) {
-  StorageProvider& p = *provider_;
   std::string binary;
   for (int i = 0; i < 5000; ++i) binary.push_back(static_cast<char>(i * 131 % 256));
   for (const std::string& body : {binary, std::string(), std::string("\0", 1)}) {
-    write(p, key("object"), body);  // each overwriting the last
-    EXPECT_EQ(read(p, key("object")).value(), body);
-    EXPECT_EQ(p.exists(key("object")), (ObjectInfo{true, stored(body)}));
+    write(*p, key("object"), body);  // each overwriting the last
+    EXPECT_EQ(read(*p, key("object")).value(), body);
+    EXPECT_EQ(p->exists(key("object")), (ObjectInfo{true, stored(body)}));
   }
   // Missing objects are absent, not broken.
-  EXPECT_NE(read(p, key("missing")).error(), "");
-  EXPECT_FALSE(p.exists(key("missing")).value().present);
-  EXPECT_TRUE(p.remove(key("missing")));
+  EXPECT_NE(read(*p, key("missing")).error(), "");
+  EXPECT_FALSE(p->exists(key("missing")).value().present);
+  EXPECT_TRUE(p->remove(key("missing")));
   EXPECT_EQ(sorted(key("missing")), Entries{});
   // Five keys: with the peers' page size of two, the S3 listing follows two continuation tokens.
   Entries expected;
   for (const std::string name : {"a", "b/c", "b/d e", "b/\xC3\xA9", "bz"}) {
-    write(p, key("list/" + name), name);
+    write(*p, key("list/" + name), name);
     expected.push_back({key("list/" + name), stored(name)});
   }
-  write(p, key("listX/outside"), "x");
+  write(*p, key("listX/outside"), "x");
   EXPECT_EQ(sorted(key("list/")), expected);
   EXPECT_EQ(sorted(key("list/b/")), Entries(expected.begin() + 1, expected.begin() + 4));
-  EXPECT_TRUE(p.remove(key("list/b/c")));
+  EXPECT_TRUE(p->remove(key("list/b/c")));
   EXPECT_EQ(sorted(key("list/b/")), Entries(expected.begin() + 2, expected.begin() + 4));
   // Chunk keys are "chunks/" + the first two characters of a 64-hex name + "/" + that name.
-  const std::string chunkKey = p.chunkKey(chunkId(key("chunk")));
+  const std::string chunkKey = p->chunkKey(chunkId(key("chunk")));
   EXPECT_TRUE(std::regex_match(chunkKey, std::regex("chunks/([0-9a-f]{2})/\\1[0-9a-f]{62}")));
-  EXPECT_NE(p.chunkKey(chunkId(key("other"))), chunkKey);
-  write(p, chunkKey, "chunk bytes");
-  EXPECT_EQ(read(p, chunkKey).value(), "chunk bytes");
-  EXPECT_TRUE(p.remove(chunkKey));
+  EXPECT_NE(p->chunkKey(chunkId(key("other"))), chunkKey);
+  write(*p, chunkKey, "chunk bytes");
+  EXPECT_EQ(read(*p, chunkKey).value(), "chunk bytes");
+  EXPECT_TRUE(p->remove(chunkKey));
   // Usable from several threads at once.
   std::atomic<int> failures = 0;
   std::vector<std::thread> threads;
@@ -120,9 +115,8 @@ TEST_P(ProviderConformance, BehavesAsOneStore) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 4; ++i) {
         const std::string name = key(quill::test::numbered("threads/", t * 4 + i));
-        write(p, name, name);
-        const auto back = read(p, name);
-        failures += !back || back.value() != name;
+        write(*p, name, name);
+        failures += read(*p, name).value() != name;
       }
     });
   }
@@ -144,7 +138,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& kind) { return kind.param.name; });
 
 TEST(Decorators, SealWithMagicNonceAndSecretBoxHideChunkIdsAndKeepToTheirPrefix) {
-  ASSERT_TRUE(base::initializeLibraries());
   MemoryProvider raw;
   EncryptedProvider store(keyOf(1), std::make_unique<test::StoreView>(raw));
   EncryptedProvider wrongKey(keyOf(2), std::make_unique<test::StoreView>(raw));
@@ -171,7 +164,7 @@ TEST(Decorators, SealWithMagicNonceAndSecretBoxHideChunkIdsAndKeepToTheirPrefix)
     EXPECT_EQ(read(store, "bad").error(), "bad" + error);
   }
   EXPECT_EQ(read(wrongKey, "k").error(), "k" + corrupt);
-  // A chunk key is named by the keyed BLAKE2b-256 of the id text, in hexadecimal.
+  // A chunk is stored under the keyed BLAKE2b-256 of its id text, in hexadecimal.
   const std::string id = chunkId("some chunk");
   unsigned char digest[32];
   char hex[65];
@@ -184,40 +177,41 @@ TEST(Decorators, SealWithMagicNonceAndSecretBoxHideChunkIdsAndKeepToTheirPrefix)
   PrefixedProvider backups("backups/", std::make_unique<test::StoreView>(raw));
   write(backups, "chunks/c", "c");
   write(raw, "elsewhere/chunks/x", "y");
-  EXPECT_TRUE(raw.exists("backups/chunks/c").value().present);
+  EXPECT_EQ(raw.exists("backups/chunks/c"), (ObjectInfo{true, 1}));
   EXPECT_EQ(backups.list("chunks/").value(), (Entries{{"chunks/c", 1}}));
 }
 
-TEST(EncryptionKey, HexWithTrailingLineEndsInEitherCaseAndNothingElse) {
+TEST(EncryptionKey, IsHexWithTrailingLineEndsInEitherCaseFromAFileFirst) {
   const std::string hex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
-  EncryptionKey expected;
-  for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = static_cast<std::uint8_t>(i);
-  std::string upper = hex;
-  for (char& c : upper) c = static_cast<char>(std::toupper(c));
-  for (const std::string& text : {hex, hex + "\n", hex + "\r\n", hex + " \n", upper}) {
-    EXPECT_EQ(decodeEncryptionKey(text).value(), expected) << text;
+  EncryptionKey key;
+  for (std::size_t i = 0; i < key.size(); ++i) key[i] = static_cast<std::uint8_t>(i);
+  for (const std::string& text : {hex, hex + "\n", hex + "\r\n", hex + " \n",
+                                  std::string("000102030405060708090A0B0C0D0E0F"
+                                              "101112131415161718191A1B1C1D1E1F")}) {
+    EXPECT_EQ(decodeEncryptionKey(text).value(), key) << text;
   }
   for (const std::string& text : {hex.substr(1), hex + "0", hex + "00", " " + hex, "\t" + hex,
                                   hex.substr(2) + "zz", hex.substr(0, 62) + "0x", std::string(),
                                   std::string("\n")}) {
     EXPECT_EQ(decodeEncryptionKey(text).error(), kBadKeyMessage);  // never quoting the text
   }
-  // A file first (the first few kilobytes), then the argument itself.
+  // A file first (its first few kilobytes), then the argument itself: so a key that also names a
+  // file is read as a file.
   const quill::test::TempDir dir;
-  auto file = [&](const std::string& name, const std::string& content) {
-    std::ofstream(dir.path() / name, std::ios::binary) << content;
-    return (dir.path() / name).string();
-  };
-  EXPECT_EQ(resolveEncryptionKey(file("key", hex + "\n")).value(), expected);
-  EXPECT_EQ(resolveEncryptionKey(hex).value(), expected);
-  EXPECT_FALSE(resolveEncryptionKey(file("short", hex.substr(1) + "\n")));
-  EXPECT_FALSE(resolveEncryptionKey(file("long", hex + std::string(5000, ' ') + "x")));
-  EXPECT_FALSE(resolveEncryptionKey((dir.path() / "no-such-file").string()));
-  // An argument that is itself a key but also names a file is read as a file.
+  for (const auto& [name, text] : std::map<std::string, std::string>{
+           {"key", hex + "\n"}, {"short", hex.substr(1) + "\n"}, {hex, "ff" + hex.substr(2)},
+           {"long", hex + std::string(5000, ' ') + "x"}}) {
+    test::writeFile(dir.path() / name, text);
+  }
   const auto cwd = std::filesystem::current_path();
   std::filesystem::current_path(dir.path());
-  auto named = resolveEncryptionKey(file(hex, "ff" + hex.substr(2)).substr(dir.path().string().size() + 1));
+  const auto named = resolveEncryptionKey(hex);
   std::filesystem::current_path(cwd);
+  EXPECT_EQ(resolveEncryptionKey((dir.path() / "key").string()).value(), key);
+  for (const char* bad : {"short", "long", "no-such-file"}) {
+    EXPECT_FALSE(resolveEncryptionKey((dir.path() / bad).string())) << bad;
+  }
+  EXPECT_EQ(resolveEncryptionKey(hex).value(), key);
   EXPECT_EQ(named.value()[0], 0xff);
 }
 

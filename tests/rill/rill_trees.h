@@ -1,13 +1,9 @@
 #pragma once
-// Small trees for publish and pull tests: deterministic pseudo-random and text content, and the
-// comparison of two trees.
+// Small trees for publish and pull tests: deterministic noise and text, and a tree's content.
 
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
-#include <string>
 
 #include "rill/chunks/chunker.h"
 #include "rill/ops/pull.h"

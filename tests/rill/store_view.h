@@ -1,13 +1,10 @@
 #pragma once
-// A view of a store the test owns, so that every provider a test builds, and the test itself, see
-// the same objects. `before` hears of each operation (its name and key) before the store does, so
-// a test can act at a chosen moment of a publish: rewrite a file, or publish from elsewhere.
+// A view of a store the test owns, so that every provider a test builds sees the same objects.
+// `before` hears of each operation (its name and key, possibly from several threads at once)
+// before the store does: a test acts at a chosen moment, say rewrites a file or publishes too.
 
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <string_view>
 
 #include "rill/providers/storage_provider.h"
 
@@ -15,7 +12,6 @@ namespace quill::rill::test {
 
 class StoreView final : public StorageProvider {
  public:
-  // Called from the threads that call the store, possibly several at once.
   using Hook = std::function<void(std::string_view operation, const std::string& key)>;
   explicit StoreView(StorageProvider& inner, Hook before = {})
       : inner_(inner), before_(std::move(before)) {}
@@ -43,6 +39,7 @@ class StoreView final : public StorageProvider {
     if (before_) before_(operation, key);
     return inner_;
   }
+
   StorageProvider& inner_;
   Hook before_;
 };
