@@ -1,6 +1,6 @@
 // The storage settings endpoints and the sync endpoint through the route table, against the real
-// S3 peer, so the probe classifies the store's own answers; and pulls through the links a sync
-// hands out, which refuse what they do not cover.
+// S3 peer (so the probe classifies the store's own answers) and a hostile one; and pulls through
+// the links a sync hands out, which refuse what they do not cover.
 
 #include <gtest/gtest.h>
 
@@ -20,10 +20,17 @@ namespace {
 
 using rill::test::treeContent;
 
-TEST_F(ApiTest, StorageSettingsAreCheckedSavedShownWithoutTheSecretProbedAndForgotten) {
+TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChunkWithinBounds) {
   QUILL_REQUIRE_S3_PEERS();
+  rill::test::HostileBucket hostile;
+  QUILL_REQUIRE_HOSTILE_BUCKET(hostile);
   vars_["s3"] = rill::test::S3Peers::shared().endpoint();
   vars_["closed"] = "http://127.0.0.1:" + std::to_string(freePort());
+  vars_["hostile"] = hostile.settings().endpoint;
+  vars_["bound"] = std::to_string(ctx().syncManifestBytes.total());
+  hostile.plantEndless("channels/endless/manifest.json");
+  // Told too large: refused without a download.
+  hostile.plantSparse("channels/huge/manifest.json", ctx().syncManifestBytes.total() + 1);
   walk(R"(
     GET /api/storage => 200 {"configured":false,"schema_version":1}
     user mel member
@@ -62,20 +69,6 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedShownWithoutTheSecretProbedAndForg
     DELETE /api/storage => 200 {"configured":false,"schema_version":1}
     file rill.json absent
     DELETE /api/storage => 200
-  )");
-}
-
-TEST_F(ApiTest, SyncLinksEveryChunkOfARillChannelAndReadsNoMoreOfAManifestThanItsBound) {
-  QUILL_REQUIRE_S3_PEERS();
-  rill::test::HostileBucket hostile;
-  QUILL_REQUIRE_HOSTILE_BUCKET(hostile);
-  vars_["s3"] = rill::test::S3Peers::shared().endpoint();
-  vars_["hostile"] = hostile.settings().endpoint;
-  vars_["bound"] = std::to_string(ctx().syncManifestBytes.total());
-  hostile.plantEndless("channels/endless/manifest.json");
-  // Told too large: refused without a download.
-  hostile.plantSparse("channels/huge/manifest.json", ctx().syncManifestBytes.total() + 1);
-  walk(R"(
     GET /api/rill/sync/bad\sname => 400 invalid channel name
     GET /api/rill/sync/nope => 404 no such Rill channel
     channel barge-one
