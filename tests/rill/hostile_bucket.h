@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "rill/transport/s3_client.h"
@@ -16,35 +15,29 @@ namespace quill::rill::test {
 
 class HostileBucket {
  public:
-  HostileBucket()
-      : peer_(
-            std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers" / "hostile-bucket.mjs",
-            std::vector<std::string>{"--dir", dir_.path().string()}) {}
-
   const std::string& failure() const { return peer_.failure(); }
   S3Settings settings() const { return {peer_.origin(), "", "b", "x", "y"}; }
   std::string url(const std::string& key) const { return peer_.origin() + "/b/" + key; }
 
-  void plant(const std::string& key, const std::string& bytes) { write(key, bytes); }
+  void plant(const std::string& key, const std::string& bytes) {
+    std::filesystem::create_directories((dir_.path() / key).parent_path());
+    std::ofstream(dir_.path() / key, std::ios::binary) << bytes;
+  }
   // An object of `size` zero bytes that takes no room on disk.
   void plantSparse(const std::string& key, std::uintmax_t size) {
-    write(key, "");
+    plant(key, "");
     std::filesystem::resize_file(dir_.path() / key, size);
   }
   // GET of `key` answers a body that never ends (and HEAD tells no length).
-  void plantEndless(const std::string& key) { write(key + ".endless", ""); }
+  void plantEndless(const std::string& key) { plant(key + ".endless", ""); }
   // A request for `key` is accepted and never answered.
-  void plantStall(const std::string& key) { write(key + ".stall", ""); }
+  void plantStall(const std::string& key) { plant(key + ".stall", ""); }
 
  private:
-  void write(const std::string& name, const std::string& bytes) {
-    const auto path = dir_.path() / name;
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
-
   quill::test::TempDir dir_;
-  quill::test::NodePeer peer_;
+  quill::test::NodePeer peer_{
+      std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers" / "hostile-bucket.mjs",
+      std::vector<std::string>{"--dir", dir_.path().string()}};
 };
 
 // Skips the current test when node is missing; fails it when the peer could not start.

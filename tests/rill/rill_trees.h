@@ -1,13 +1,9 @@
 #pragma once
-// Small trees for publish and pull tests: deterministic pseudo-random and text content, and the
-// comparison of two trees.
+// Small trees for publish and pull tests: deterministic noise and text, and a tree's content.
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
-#include <sstream>
-#include <string>
 
 #include "rill/chunks/chunker.h"
 #include "rill/ops/pull.h"
@@ -39,12 +35,9 @@ inline void writeFile(const std::filesystem::path& path, const std::string& byte
 
 inline std::string readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Every regular file under `root`: relative path -> content.
 // Every file below `root` and its content, leaving out what a pull keeps for itself.
 inline std::map<std::string, std::string> treeContent(const std::filesystem::path& root) {
   std::map<std::string, std::string> out;

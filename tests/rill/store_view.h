@@ -1,13 +1,10 @@
 #pragma once
-// A view of a store the test owns, so that every provider a test builds, and the test itself, see
-// the same objects. `before` hears of each operation (its name and key) before the store does, so
-// a test can act at a chosen moment of a publish: rewrite a file, or publish from elsewhere.
+// A view of a store the test owns, so that every provider a test builds sees the same objects.
+// `before` hears of each operation (its name and key, possibly from several threads at once)
+// before the store does: a test acts at a chosen moment, say rewrites a file or publishes too.
 
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <string_view>
 
 #include "rill/providers/storage_provider.h"
 
@@ -15,41 +12,32 @@ namespace quill::rill::test {
 
 class StoreView final : public StorageProvider {
  public:
-  // Called from the threads that call the store, possibly several at once.
   using Hook = std::function<void(std::string_view operation, const std::string& key)>;
-
   explicit StoreView(StorageProvider& inner, Hook before = {})
       : inner_(inner), before_(std::move(before)) {}
 
   bool put(const std::string& key, std::string_view body, std::string* error) override {
-    notify("put", key);
-    return inner_.put(key, body, error);
+    return at("put", key).put(key, body, error);
   }
   bool get(const std::string& key, std::string& body, std::string* error,
            std::uint64_t maxBytes) override {
-    notify("get", key);
-    return inner_.get(key, body, error, maxBytes);
+    return at("get", key).get(key, body, error, maxBytes);
   }
   std::optional<ObjectInfo> exists(const std::string& key, std::string* error) override {
-    notify("exists", key);
-    return inner_.exists(key, error);
+    return at("exists", key).exists(key, error);
   }
-  std::optional<std::vector<ObjectEntry>> list(const std::string& prefix,
-                                               std::string* error) override {
-    notify("list", prefix);
-    return inner_.list(prefix, error);
+  std::optional<std::vector<ObjectEntry>> list(const std::string& key, std::string* e) override {
+    return at("list", key).list(key, e);
   }
   bool remove(const std::string& key, std::string* error) override {
-    notify("remove", key);
-    return inner_.remove(key, error);
+    return at("remove", key).remove(key, error);
   }
-  std::string chunkKey(const std::string& chunkId) const override {
-    return inner_.chunkKey(chunkId);
-  }
+  std::string chunkKey(const std::string& id) const override { return inner_.chunkKey(id); }
 
  private:
-  void notify(std::string_view operation, const std::string& key) {
+  StorageProvider& at(std::string_view operation, const std::string& key) {
     if (before_) before_(operation, key);
+    return inner_;
   }
 
   StorageProvider& inner_;
@@ -62,8 +50,9 @@ inline StoreView::Hook once(std::string_view operation, std::string prefix,
                             std::function<void()> action, std::string suffix = "") {
   auto fired = std::make_shared<std::once_flag>();
   return [=, op = std::string(operation)](std::string_view called, const std::string& key) {
-    if (!action || called != op || !key.starts_with(prefix) || !key.ends_with(suffix)) return;
-    std::call_once(*fired, action);
+    if (action && called == op && key.starts_with(prefix) && key.ends_with(suffix)) {
+      std::call_once(*fired, action);
+    }
   };
 }
 

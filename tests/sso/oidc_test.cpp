@@ -3,13 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
-
 #include "base/base64url.h"
-#include "base/percent_encoding.h"
-#include "http/json.h"
 #include "sso/id_token.h"
-#include "sso/oidc_client.h"
 #include "sso/provider_cache.h"
 #include "sso/web_text.h"
 #include "support/api_fixture.h"
@@ -20,318 +15,222 @@ namespace quill::sso {
 namespace {
 
 using test::JwtSigner;
+const std::string kF4("\x01\x00\x01", 3), kNoKeys = "key set has no RSA signing keys";
 
-TEST(SsoEncoding, Base64urlPercentAndHtmlEscapingAndPkceSecrets) {
-  for (std::string bytes : {"", "f", "fo", "foo", "foob", "\xff\xfe\x00\x3e"}) {
-    const std::string encoded = base::base64urlEncode(bytes);
-    EXPECT_EQ(encoded.find('='), std::string::npos);
-    EXPECT_EQ(base::base64urlDecode(encoded), bytes);
+// The public key of a modulus of `bits` bits, odd unless told, and the given exponent bytes.
+Jwk rsaKey(std::size_t bits, std::string e = kF4, const std::string& kid = "x", bool odd = true) {
+  std::string n((bits + 7) / 8, '\xff');
+  if (bits % 8) n[0] = static_cast<char>(0xff >> (8 - bits % 8));
+  if (!odd) n.back() = '\xfe';
+  return {kid, n, std::move(e)};
+}
+std::string jwk(const Jwk& k) {
+  return R"({"kty":"RSA","kid":")" + k.kid + R"(","n":")" + base::base64urlEncode(k.n) +
+         R"(","e":")" + base::base64urlEncode(k.e) + "\"}";
+}
+std::string setOf(const std::vector<Jwk>& keys) {
+  std::string set;
+  for (const Jwk& k : keys) set += (set.empty() ? "" : ",") + jwk(k);
+  return R"({"keys":[)" + set + "]}";
+}
+std::vector<Jwk> keysOf(std::initializer_list<const JwtSigner*> signers) {
+  return parseKeySet(200, http::toCompactJson(test::keySet(signers))).value();
+}
+
+TEST(SsoClient, EncodingsAndTheAnswersOfDiscoveryAndTokenEndpoint) {
+  for (std::string bytes : {"", "f", "fo", "foo", "foob", "\xff\xfe"}) {
+    EXPECT_EQ(base::base64urlEncode(bytes).find('='), std::string::npos);
+    EXPECT_EQ(base::base64urlDecode(base::base64urlEncode(bytes)), bytes);
   }
   EXPECT_EQ(base::base64urlEncode("\xfb\xff"), "-_8");
   EXPECT_EQ(base::base64urlDecode("Zm9vYg=="), "foob");  // padding tolerated
-  for (const char* bad : {"Zm9v+", "Zm9v/", "Z", "Zm9v!"})
-    EXPECT_FALSE(base::base64urlDecode(bad)) << bad;
-
-  EXPECT_EQ(base::percentEncode("aZ09-._~ /:?&=+%\xc3\xa9"),
-            "aZ09-._~%20%2F%3A%3F%26%3D%2B%25%C3%A9");
+  for (const char* bad : {"Zm9v+", "Zm9v/", "Z", "Zm9v!"}) EXPECT_FALSE(base::base64urlDecode(bad));
   EXPECT_EQ(htmlEscape("<b a=\"x\">'&'</b>"), "&lt;b a=&quot;x&quot;&gt;&#39;&amp;&#39;&lt;/b&gt;");
-
-  // RFC 7636 appendix B.
-  EXPECT_EQ(codeChallenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),
+  EXPECT_EQ(codeChallenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),  // RFC 7636, appendix B
             "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
-  auto secrets = newPkceSecrets();
-  EXPECT_TRUE(test::isRandomText(secrets.state, 32));
-  EXPECT_TRUE(test::isRandomText(secrets.nonce, 32));
-  EXPECT_TRUE(test::isRandomText(secrets.codeVerifier, 64));
-}
 
-TEST(SsoDiscovery, TheIssuerPathGetsTheWellKnownSuffixAndAnswersAreCheckedInOrder) {
-  const std::pair<const char*, const char*> urls[] = {
-      {"https://id.example.com", "https://id.example.com/.well-known/openid-configuration"},
-      {"https://id.example.com/realms/a",
-       "https://id.example.com/realms/a/.well-known/openid-configuration"},
-      {"http://127.0.0.1:8080/t/", "http://127.0.0.1:8080/t/.well-known/openid-configuration"},
-  };
-  for (auto [issuer, url] : urls) EXPECT_EQ(discoveryUrl(issuer).value(), url) << issuer;
-  for (const char* bad :
-       {"https://", "ftp://x", "https://h:port", "id.example.com", "https://a@b"}) {
+  const std::string id = "https://id.example.com", wellKnown = "/.well-known/openid-configuration";
+  EXPECT_EQ(discoveryUrl(id).value(), id + wellKnown);
+  EXPECT_EQ(discoveryUrl(id + "/realms/a").value(), id + "/realms/a" + wellKnown);
+  EXPECT_EQ(discoveryUrl("http://127.0.0.1:8080/t/").value(),
+            "http://127.0.0.1:8080/t" + wellKnown);
+  for (const char* bad : {"https://", "ftp://x", "https://h:port", "id.example.com", "https://a@b"})
     EXPECT_EQ(discoveryUrl(bad).error(), "issuer is not a URL") << bad;
-  }
+  const std::string good = R"({"issuer":")" + id + R"(","authorization_endpoint":")" + id +
+                           R"(/a","token_endpoint":")" + id + R"(/t","jwks_uri":")" + id + "/k\"}";
+  const Discovery found = parseDiscovery(200, good, id).value();
+  EXPECT_EQ(found.authorizationEndpoint + found.tokenEndpoint + found.jwksUri,
+            id + "/a" + id + "/t" + id + "/k");
+  // Unreachable and HTTP failures are pinned through the API.
+  EXPECT_EQ(parseDiscovery(200, "<html>", id).error(), "discovery document is not JSON");
+  EXPECT_EQ(parseDiscovery(
+                200, R"({"issuer":"https://id.example.com/","authorization_endpoint":"a"})", id)
+                .error(),
+            "discovery issuer 'https://id.example.com/' does not match the configured issuer");
+  EXPECT_EQ(
+      parseDiscovery(
+          200, R"({"issuer":")" + id + R"(","authorization_endpoint":"a","jwks_uri":"k"})", id)
+          .error(),
+      "discovery document lacks authorization/token/jwks endpoints");
 
-  const std::string issuer = "https://id.example.com";
-  const std::string good =
-      R"({"issuer":"https://id.example.com","authorization_endpoint":"https://id.example.com/a",)"
-      R"("token_endpoint":"https://id.example.com/t","jwks_uri":"https://id.example.com/k"})";
-  auto found = parseDiscovery(200, good, issuer);
-  ASSERT_TRUE(found) << found.error();
-  EXPECT_EQ(found.value().authorizationEndpoint, "https://id.example.com/a");
-  EXPECT_EQ(found.value().tokenEndpoint, "https://id.example.com/t");
-  EXPECT_EQ(found.value().jwksUri, "https://id.example.com/k");
-
-  const std::tuple<long, std::string, std::string> failures[] = {
-      {0, "", "issuer unreachable"},
-      {404, good, "discovery document: HTTP 404"},
-      {200, "<html>", "discovery document is not JSON"},
-      {200, R"({"issuer":"https://id.example.com/","authorization_endpoint":"a"})",
-       "discovery issuer 'https://id.example.com/' does not match the configured issuer"},
-      {200, R"({"issuer":"https://id.example.com","authorization_endpoint":"a","jwks_uri":"k"})",
-       "discovery document lacks authorization/token/jwks endpoints"},
-  };
-  for (const auto& [status, body, error] : failures) {
-    EXPECT_EQ(parseDiscovery(status, body, issuer).error(), error) << body;
-  }
+  EXPECT_EQ(parseTokenAnswer(200, R"({"id_token":"a.b.c"})").value(), "a.b.c");
+  EXPECT_EQ(parseTokenAnswer(0, "").error(), "token endpoint unreachable");
+  EXPECT_EQ(parseTokenAnswer(401, R"({"error":"invalid_client"})").error(),
+            "token exchange failed: HTTP 401 invalid_client");
+  EXPECT_EQ(parseTokenAnswer(503, "busy").error(), "token exchange failed: HTTP 503");
+  EXPECT_EQ(parseTokenAnswer(200, R"({"access_token":"x"})").error(),
+            "token endpoint returned no id_token");
+  EXPECT_EQ(parseTokenAnswer(200, R"({"id_token":7})").error(),
+            "token endpoint returned no id_token");
+  EXPECT_EQ(exchangeCode(Discovery{"i", "a", "not a url", "k"}, SsoConfig{}, "r", "c", "v").error(),
+            "token endpoint is not a URL");
 }
 
-TEST(SsoKeySet, KeepsRsaSigningKeysOnlyInOrder) {
+TEST(SsoClient, KeySetsKeepUsableRsaSigningKeysOnlyInOrderAndAtMostKMaxKeys) {
   const JwtSigner& a = JwtSigner::shared("a");
-  const JwtSigner& b = JwtSigner::shared("");
-  Json::Value set = test::keySet({&a, &b});
+  Json::Value set = test::keySet({&a, &JwtSigner::shared("")});
   Json::Value encryption = a.publicJwk(), noUse = a.publicJwk();
   encryption["use"] = "enc";
   noUse.removeMember("use");
   noUse["kid"] = "c";
-  for (const Json::Value& key : {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse})
+  for (const Json::Value& key : {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse,
+                                 test::parseJson(jwk(rsaKey(2047)))})
     set["keys"].append(key);
-  auto keys = parseKeySet(200, http::toCompactJson(set));
-  ASSERT_TRUE(keys) << keys.error();
   std::vector<std::string> kids;
-  for (const Jwk& key : keys.value()) kids.push_back(key.kid);
+  const auto kept = parseKeySet(200, http::toCompactJson(set)).value();
+  for (const Jwk& key : kept) kids.push_back(key.kid);
   EXPECT_EQ(kids, (std::vector<std::string>{"a", "", "c"}));
-
-  EXPECT_EQ(parseKeySet(0, "").error(), "could not fetch the provider's keys");
   EXPECT_EQ(parseKeySet(500, "{}").error(), "could not fetch the provider's keys");
   EXPECT_EQ(parseKeySet(200, "keys").error(), "key set is not JSON");
-  EXPECT_EQ(parseKeySet(200, R"({"keys":[{"kty":"EC","use":"sig"}]})").error(),
-            "key set has no RSA signing keys");
+  EXPECT_EQ(parseKeySet(200, R"({"keys":[{"kty":"EC","use":"sig"}]})").error(), kNoKeys);
+  EXPECT_EQ(parseKeySet(200, R"({"keys":{"a":)" + jwk(rsaKey(2048)) + "}}").error(), kNoKeys);
   EXPECT_EQ(fetchKeys("file:///etc/passwd").error(), "jwks_uri is not a URL");
+  std::vector<Jwk> many;
+  for (std::size_t i = 0; i < 40; ++i) many.push_back(rsaKey(2048, kF4, test::numbered("k", i)));
+  many = parseKeySet(200, setOf(many)).value();
+  EXPECT_EQ(many.size() == kMaxKeys ? many.back().kid : "", test::numbered("k", kMaxKeys - 1));
+
+  // Absurd sizes and shapes: 2048 to 16384 modulus bits (odd), an odd exponent of up to 64 bits.
+  for (const auto& [key, usable] : std::vector<std::pair<Jwk, bool>>{
+           {rsaKey(2048), true},
+           {rsaKey(16384), true},
+           {rsaKey(2047), false},
+           {rsaKey(16385), false},
+           {rsaKey(2048, kF4, "x", false), false},
+           {rsaKey(2048, std::string(8, '\xff')), true},
+           {rsaKey(2048, std::string(1, '\x00') + kF4), true},  // leading zeros do not count
+           {rsaKey(2048, std::string(9, '\xff')), false},
+           {rsaKey(2048, "\x01"), false},
+           {rsaKey(2048, std::string("\x01\x00", 2)), false},
+           {rsaKey(2048, ""), false}}) {
+    EXPECT_EQ(parseKeySet(200, setOf({key})).error(), usable ? "" : kNoKeys)
+        << key.n.size() << " " << key.e.size();
+  }
 }
 
-TEST(SsoKeySet, KeysOfAbsurdSizeOrShapeAreNotUsed) {
-  // A modulus of `bits` bits (odd) and the given exponent bytes.
-  auto rsaKey = [](std::size_t bits, std::string e, const char* kid = "x") {
-    std::string n((bits + 7) / 8, '\xff');
-    if (bits % 8) n[0] = static_cast<char>(0xff >> (8 - bits % 8));
-    Json::Value key(Json::objectValue);
-    key["kty"] = "RSA";
-    key["kid"] = kid;
-    key["n"] = base::base64urlEncode(n);
-    key["e"] = base::base64urlEncode(e);
-    return key;
-  };
-  const std::string f4("\x01\x00\x01", 3);
-  const std::pair<Json::Value, bool> cases[] = {
-      {rsaKey(2048, f4), true},
-      {rsaKey(16384, f4), true},
-      {rsaKey(2048, std::string(1, '\x00') + f4), true},  // leading zeros do not count
-      {rsaKey(2047, f4), false},
-      {rsaKey(16385, f4), false},
-      {rsaKey(2048, std::string(8, '\xff')), true},
-      {rsaKey(2048, std::string(9, '\xff')), false},
-      {rsaKey(2048, "\x01"), false},
-      {rsaKey(2048, std::string("\x01\x00", 2)), false},  // even
-      {rsaKey(2048, ""), false},
-  };
-  for (const auto& [key, usable] : cases) {
-    Json::Value set(Json::objectValue);
-    set["keys"].append(key);
-    EXPECT_EQ(bool(parseKeySet(200, http::toCompactJson(set))), usable) << key;
-  }
-  Json::Value evenModulus = rsaKey(2048, f4);
-  std::string n = *base::base64urlDecode(evenModulus["n"].asString());
-  n.back() = '\xfe';
-  evenModulus["n"] = base::base64urlEncode(n);
-  Json::Value set(Json::objectValue);
-  set["keys"].append(evenModulus);
-  EXPECT_FALSE(parseKeySet(200, http::toCompactJson(set)));
-
-  // A key set is an array; a long one is read no further than kMaxKeys usable keys.
-  set["keys"] = Json::Value(Json::objectValue);
-  set["keys"]["a"] = rsaKey(2048, f4);
-  EXPECT_EQ(parseKeySet(200, http::toCompactJson(set)).error(), "key set has no RSA signing keys");
-  set["keys"] = Json::Value(Json::arrayValue);
-  for (int i = 0; i < 40; ++i) set["keys"].append(rsaKey(2048, f4, test::numbered("k", i).c_str()));
-  auto keys = parseKeySet(200, http::toCompactJson(set));
-  ASSERT_EQ(keys.value().size(), kMaxKeys);
-  EXPECT_EQ(keys.value().back().kid, test::numbered("k", kMaxKeys - 1));
-}
-
-TEST(SsoTokenAnswer, FailuresQuoteTheProvider) {
-  EXPECT_EQ(parseTokenAnswer(200, R"({"id_token":"a.b.c"})").value(), "a.b.c");
-  const std::tuple<long, std::string, std::string> failures[] = {
-      {0, "", "token endpoint unreachable"},
-      {400, R"({"error":"invalid_grant","error_description":"grant request is invalid"})",
-       "token exchange failed: HTTP 400 invalid_grant: grant request is invalid"},
-      {401, R"({"error":"invalid_client"})", "token exchange failed: HTTP 401 invalid_client"},
-      {503, "busy", "token exchange failed: HTTP 503"},
-      {200, R"({"access_token":"x"})", "token endpoint returned no id_token"},
-      {200, R"({"id_token":7})", "token endpoint returned no id_token"},
-  };
-  for (const auto& [status, body, error] : failures) {
-    EXPECT_EQ(parseTokenAnswer(status, body).error(), error) << body;
-  }
-  Discovery discovery{"i", "a", "not a url", "k"};
-  EXPECT_EQ(exchangeCode(discovery, SsoConfig{}, "r", "c", "v").error(),
-            "token endpoint is not a URL");
-}
-
-class SsoSignature : public ::testing::Test {
- protected:
-  static Json::Value payload() {
-    Json::Value p(Json::objectValue);
-    p["sub"] = "s1";
-    return p;
-  }
-  static std::vector<Jwk> keysOf(std::initializer_list<const JwtSigner*> signers) {
-    return parseKeySet(200, http::toCompactJson(test::keySet(signers))).value();
-  }
-  const JwtSigner& withKid_ = JwtSigner::shared("k1");
-  const JwtSigner& otherKid_ = JwtSigner::shared("k2");
-  const JwtSigner& noKid_ = JwtSigner::shared("");
-};
-
-TEST_F(SsoSignature, KeysWithAnotherKidAreSkippedAndKeysWithoutKidAlwaysTried) {
-  auto claims = verifyTokenSignature(withKid_.sign(payload()), keysOf({&otherKid_, &withKid_}));
-  ASSERT_TRUE(claims) << claims.error();
-  EXPECT_EQ(claims.value()["sub"], "s1");
-  EXPECT_TRUE(verifyTokenSignature(withKid_.sign(payload()), keysOf({&noKid_, &withKid_})));
-  EXPECT_TRUE(verifyTokenSignature(noKid_.sign(payload()), keysOf({&withKid_, &noKid_})));
-  // Signed by k2's key but naming kid k1: the k2 key is never tried, the kid-less one fails.
-  Json::Value header(Json::objectValue);
-  header["alg"] = "RS256";
-  header["kid"] = "k1";
-  EXPECT_EQ(verifyTokenSignature(otherKid_.signWithHeader(header, payload()),
-                                 keysOf({&otherKid_, &noKid_}))
-                .error(),
-            "token signature invalid (kid k1)");
-  EXPECT_EQ(verifyTokenSignature(noKid_.sign(payload()), keysOf({&withKid_})).error(),
+TEST(SsoClient, SignaturesFollowTheKidRulesAndMalformedTokensAreRefusedInOrder) {
+  const JwtSigner &k1 = JwtSigner::shared("k1"), &k2 = JwtSigner::shared("k2");
+  const JwtSigner& none = JwtSigner::shared("");
+  Json::Value payload = test::parseJson(R"({"sub":"s1"})"),
+              header = test::parseJson(R"({"alg":"RS256"})");
+  EXPECT_EQ(verifyTokenSignature(k1.sign(payload), keysOf({&k2, &k1})).value(), payload);
+  // Keys naming another kid are skipped, keys without kid always tried.
+  EXPECT_TRUE(verifyTokenSignature(k1.sign(payload), keysOf({&none, &k1})));
+  EXPECT_TRUE(verifyTokenSignature(none.sign(payload), keysOf({&k1, &none})));
+  EXPECT_EQ(verifyTokenSignature(none.sign(payload), keysOf({&k1})).error(),
             "token signature invalid");
-}
-
-TEST_F(SsoSignature, MalformedTokensAreRefusedInOrder) {
-  const std::string good = withKid_.sign(payload());
-  const std::string head = good.substr(0, good.find('.'));
-  const std::string rest = good.substr(good.find('.'));
-  auto headerWith = [](const char* json) { return base::base64urlEncode(json); };
-  const std::string signedPart = good.substr(good.rfind('.'));
-  const std::pair<std::string, const char*> cases[] = {
-      {"a.b", "token is not a JWT"},
-      {good + ".x", "token is not a JWT"},
-      {"!!" + rest, "bad token header"},
-      {headerWith("[1]") + rest, "bad token header"},
-      {headerWith(R"({"alg":"none"})") + rest, "token alg is not RS256"},
-      {headerWith(R"({"alg":"HS256","kid":"k1"})") + rest, "token alg is not RS256"},
-      {headerWith(R"({"alg":"rs256"})") + rest, "token alg is not RS256"},
-      {good.substr(0, good.rfind('.') + 1), "bad token signature encoding"},
-      {good.substr(0, good.rfind('.') + 1) + "!!", "bad token signature encoding"},
-      {head + ".e30" + signedPart, "token signature invalid (kid k1)"},
-  };
-  for (const auto& [token, error] : cases) {
-    EXPECT_EQ(verifyTokenSignature(token, keysOf({&withKid_})).error(), error) << token;
-  }
-  // A correctly signed payload that is not a JSON object.
-  Json::Value header(Json::objectValue);
-  header["alg"] = "RS256";
-  const std::string token = noKid_.signWithHeader(header, Json::Value(5));
-  EXPECT_EQ(verifyTokenSignature(token, keysOf({&noKid_})).error(), "bad token payload");
+  const std::string bare = none.signWithHeader(header, Json::Value(5));
+  EXPECT_EQ(verifyTokenSignature(bare, keysOf({&none})).error(), "bad token payload");
+  EXPECT_EQ(tokenKid(bare), "");
+  header["kid"] = "k1";  // signed by k2's key: k2 is never tried, the kid-less key fails
+  EXPECT_EQ(verifyTokenSignature(k2.signWithHeader(header, payload), keysOf({&k2, &none})).error(),
+            "token signature invalid (kid k1)");
+  const std::string good = k1.sign(payload), rest = good.substr(good.find('.'));
+  const std::string unsigned_ = good.substr(0, good.rfind('.') + 1);
   EXPECT_EQ(tokenKid(good), "k1");
-  EXPECT_EQ(tokenKid(token), "");
+  auto head = [](const char* json) { return base::base64urlEncode(json); };
+  for (const auto& [token, error] : std::vector<std::pair<std::string, std::string>>{
+           {"a.b", "token is not a JWT"},
+           {good + ".x", "token is not a JWT"},
+           {"!!" + rest, "bad token header"},
+           {head("[1]") + rest, "bad token header"},
+           {head(R"({"alg":"none"})") + rest, "token alg is not RS256"},
+           {head(R"({"alg":"HS256","kid":"k1"})") + rest, "token alg is not RS256"},
+           {head(R"({"alg":"rs256"})") + rest, "token alg is not RS256"},
+           {unsigned_, "bad token signature encoding"},
+           {unsigned_ + "!!", "bad token signature encoding"},
+           {good.substr(0, good.find('.')) + ".e30" + good.substr(good.rfind('.')),
+            "token signature invalid (kid k1)"}}) {
+    EXPECT_EQ(verifyTokenSignature(token, keysOf({&k1})).error(), error) << token;
+  }
 }
 
-TEST(SsoClaims, CheckedInOrderWithoutSkew) {
+TEST(SsoClient, ClaimsAreCheckedInOrderWithoutSkew) {
   const std::int64_t now = 1'800'000'000;
-  ExpectedClaims expected{"https://id", "quill", "n1", now};
-  Json::Value good(Json::objectValue);
-  good["iss"] = "https://id";
-  good["aud"] = "quill";
-  good["exp"] = Json::Int64(now);  // expiring this very second is still good
-  good["nonce"] = "n1";
+  const ExpectedClaims expected{"https://id", "quill", "n1", now};
+  // Expiring this very second is still good.
+  const Json::Value good = test::parseJson(
+      R"({"iss":"https://id","aud":"quill","nonce":"n1","exp":)" + std::to_string(now) + "}");
   EXPECT_EQ(checkClaims(good, expected), std::nullopt);
-  Json::Value listed = good;
-  listed["aud"] = test::strings({"other", "quill"});
-  EXPECT_EQ(checkClaims(listed, expected), std::nullopt);
-
+  EXPECT_EQ(checkClaims(Json::Value(Json::objectValue), expected), "token issuer mismatch");
   // One member changed (null: removed) and the answer.
-  const std::tuple<const char*, Json::Value, const char*> rows[] = {
-      {"iss", "https://id/", "token issuer mismatch"},
-      {"aud", "Quill", "token audience mismatch"},
-      {"aud", test::strings({"other"}), "token audience mismatch"},
-      {"exp", Json::Int64(now - 1), "token expired"},
-      {"exp", Json::Value(), "token expired"},
-      {"exp", "1900000000", "token expired"},
-      {"exp", 1e300, "passed"},
-      {"exp", -1e300, "token expired"},
-      {"nonce", "n2", "token nonce mismatch"},
-  };
-  for (const auto& [member, value, error] : rows) {
+  for (const auto& [member, value, error] :
+       std::vector<std::tuple<const char*, Json::Value, const char*>>{
+           {"aud", test::strings({"other", "quill"}), "passed"},
+           {"exp", 1e300, "passed"},
+           {"iss", "https://id/", "token issuer mismatch"},
+           {"aud", "Quill", "token audience mismatch"},
+           {"aud", test::strings({"other"}), "token audience mismatch"},
+           {"exp", Json::Int64(now - 1), "token expired"},
+           {"exp", Json::Value(), "token expired"},
+           {"exp", "1900000000", "token expired"},
+           {"exp", -1e300, "token expired"},
+           {"nonce", "n2", "token nonce mismatch"}}) {
     Json::Value p = good;
     value.isNull() ? (void)p.removeMember(member) : (void)(p[member] = value);
     EXPECT_EQ(checkClaims(p, expected).value_or("passed"), error) << member << " " << value;
   }
-  // Order: a token wrong in everything reports the issuer first.
-  Json::Value bad(Json::objectValue);
-  EXPECT_EQ(checkClaims(bad, expected), "token issuer mismatch");
 }
 
-class SsoProviderCache : public ::testing::Test {
- protected:
-  SsoProviderCache()
-      : cache_(
-            [this](const std::string& issuer) -> Result<Discovery> {
-              ++discoveryFetches_;
-              if (failing_) return Failure{"issuer unreachable"};
-              return Discovery{issuer, "a", "t", "k"};
-            },
-            [this](const std::string&) -> Result<std::vector<Jwk>> {
-              ++keyFetches_;
-              if (failing_) return Failure{"could not fetch the provider's keys"};
-              return keys_;
-            },
-            [this] { return now_; }) {}
-
-  void wait(std::chrono::seconds s) { now_ += s; }
-
-  std::chrono::steady_clock::time_point now_{};
-  int discoveryFetches_ = 0;
-  int keyFetches_ = 0;
-  bool failing_ = false;
-  std::vector<Jwk> keys_{{"k1", "n", "e"}};
-  ProviderCache cache_;
-};
-
-TEST_F(SsoProviderCache, KeepsAnswersForTheirLifetimeButNeverFailures) {
-  failing_ = true;
-  EXPECT_FALSE(cache_.discovery("https://id"));
-  EXPECT_FALSE(cache_.keysFor("https://id/k", ""));
-  failing_ = false;
-  EXPECT_TRUE(cache_.discovery("https://id"));
-  EXPECT_TRUE(cache_.keysFor("https://id/k", "k1"));
-  wait(ProviderCache::kLifetime - std::chrono::seconds(1));
-  EXPECT_TRUE(cache_.discovery("https://id"));
-  EXPECT_TRUE(cache_.keysFor("https://id/k", ""));
-  EXPECT_EQ(discoveryFetches_, 2);
-  EXPECT_EQ(keyFetches_, 2);
-  wait(std::chrono::seconds(1));
-  EXPECT_TRUE(cache_.discovery("https://id"));
-  EXPECT_TRUE(cache_.keysFor("https://id/k", ""));
-  EXPECT_EQ(discoveryFetches_, 3);
-  EXPECT_EQ(keyFetches_, 3);
-}
-
-TEST_F(SsoProviderCache, AnUnknownKidRefetchesAtMostOncePerInterval) {
-  ASSERT_TRUE(cache_.keysFor("https://id/k", "k1"));
-  // Right after a fetch, an unknown kid does not fetch again.
-  EXPECT_EQ(cache_.keysFor("https://id/k", "k2").value().size(), 1u);
-  EXPECT_EQ(keyFetches_, 1);
-  wait(ProviderCache::kRefetchInterval);
-  keys_.push_back({"k2", "n", "e"});  // the provider rotated
-  EXPECT_EQ(cache_.keysFor("https://id/k", "k2").value().size(), 2u);
-  EXPECT_EQ(keyFetches_, 2);
+TEST(SsoClient,
+     TheProviderCacheKeepsAnswersForTheirLifetimeAndRefetchesForAnUnknownKidOncePerInterval) {
+  std::chrono::steady_clock::time_point now{};
+  int discoveries = 0, keyFetches = 0;
+  bool failing = true;
+  std::vector<Jwk> keys{{"k1", "n", "e"}};
+  ProviderCache cache(
+      [&](const std::string& issuer) -> Result<Discovery> {
+        ++discoveries;
+        return failing ? Result<Discovery>(Failure{"issuer unreachable"})
+                       : Discovery{issuer, "a", "t", "k"};
+      },
+      [&](const std::string&) -> Result<std::vector<Jwk>> {
+        ++keyFetches;
+        return failing ? Result<std::vector<Jwk>>(Failure{"could not fetch the provider's keys"})
+                       : keys;
+      },
+      [&] { return now; });
+  auto keysFor = [&](const char* kid) { return cache.keysFor("https://id/k", kid).value().size(); };
+  EXPECT_FALSE(cache.discovery("https://id") || cache.keysFor("https://id/k", ""));  // not kept
+  failing = false;
+  for (auto wait : {std::chrono::seconds(0), ProviderCache::kLifetime - std::chrono::seconds(1)}) {
+    now += wait;
+    EXPECT_TRUE(cache.discovery("https://id") && keysFor("k1") == 1u);
+  }
+  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(2, 2));
+  now += std::chrono::seconds(1);
+  EXPECT_TRUE(cache.discovery("https://id") && keysFor("") == 1u);
+  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(3, 3));
+  // Right after a fetch, an unknown kid does not fetch again; once the interval has passed it does.
+  EXPECT_EQ(keysFor("k2"), 1u);
+  now += ProviderCache::kRefetchInterval;
+  keys.push_back({"k2", "n", "e"});  // the provider rotated
+  EXPECT_EQ(keysFor("k2"), 2u);
   // A forged kid again and again: one fetch per interval, the cached set meanwhile.
-  wait(ProviderCache::kRefetchInterval);
-  failing_ = true;
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(cache_.keysFor("https://id/k", "forged").value().size(), 2u);
-  EXPECT_EQ(keyFetches_, 3);
+  now += ProviderCache::kRefetchInterval;
+  failing = true;
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(keysFor("forged"), 2u);
+  EXPECT_EQ(keyFetches, 5);
 }
 
 }  // namespace

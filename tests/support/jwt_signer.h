@@ -1,38 +1,81 @@
 #pragma once
-// Mints ID tokens in tests: a fresh RSA key whose public half is published as a JWK, and compact
-// JWTs signed with it (RS256), or with any header at all for the refusal cases.
+// Mints ID tokens in tests: an RSA key published as a JWK, and compact JWTs signed with it
+// (RS256), or under any header at all for the refusal cases.
 
 #include <json/value.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
 
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <string>
+
+#include "base/base64url.h"
+#include "http/json.h"
 
 namespace quill::test {
 
 class JwtSigner {
  public:
-  explicit JwtSigner(std::string kid);
+  explicit JwtSigner(std::string kid)
+      : kid_(std::move(kid)), key_(EVP_RSA_gen(2048), EVP_PKEY_free) {}
   // One signer per kid for the whole test program: RSA key generation is slow.
-  static const JwtSigner& shared(const std::string& kid);
-  ~JwtSigner();
-  JwtSigner(const JwtSigner&) = delete;
-  JwtSigner& operator=(const JwtSigner&) = delete;
+  static const JwtSigner& shared(const std::string& kid) {
+    static std::map<std::string, JwtSigner> signers;
+    return signers.try_emplace(kid, kid).first->second;
+  }
 
-  // {"kty":"RSA","use":"sig","kid":...,"n":...,"e":...}; the kid member is left out when empty.
-  Json::Value publicJwk() const;
-  // header.payload.signature with header {"alg":"RS256","kid":kid} (no kid when empty).
-  std::string sign(const Json::Value& payload) const;
-  // As sign(), with the given header as it stands.
-  std::string signWithHeader(const Json::Value& header, const Json::Value& payload) const;
+  // {"kty":"RSA","use":"sig","kid":...,"n":...,"e":...}, and the header {"alg":"RS256","kid":...}
+  // of sign(); both without kid when it is empty.
+  Json::Value publicJwk() const {
+    Json::Value jwk(Json::objectValue);
+    if (!kid_.empty()) jwk["kid"] = kid_;
+    jwk["kty"] = "RSA";
+    jwk["use"] = "sig";
+    jwk["n"] = number(OSSL_PKEY_PARAM_RSA_N);
+    jwk["e"] = number(OSSL_PKEY_PARAM_RSA_E);
+    return jwk;
+  }
+  std::string sign(const Json::Value& payload) const {
+    Json::Value header(Json::objectValue);
+    if (!kid_.empty()) header["kid"] = kid_;
+    header["alg"] = "RS256";
+    return signWithHeader(header, payload);
+  }
+  std::string signWithHeader(const Json::Value& header, const Json::Value& payload) const {
+    const std::string input = base::base64urlEncode(http::toCompactJson(header)) + "." +
+                              base::base64urlEncode(http::toCompactJson(payload));
+    std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key_.get())), '\0');
+    std::size_t length = signature.size();
+    EVP_MD_CTX* md = EVP_MD_CTX_new();
+    EVP_DigestSignInit(md, nullptr, EVP_sha256(), nullptr, key_.get());
+    EVP_DigestSign(md, reinterpret_cast<unsigned char*>(signature.data()), &length,
+                   reinterpret_cast<const unsigned char*>(input.data()), input.size());
+    EVP_MD_CTX_free(md);
+    return input + "." + base::base64urlEncode(signature.substr(0, length));
+  }
 
  private:
+  std::string number(const char* name) const {
+    BIGNUM* bn = nullptr;
+    EVP_PKEY_get_bn_param(key_.get(), name, &bn);
+    std::string bytes(static_cast<std::size_t>(BN_num_bytes(bn)), '\0');
+    BN_bn2bin(bn, reinterpret_cast<unsigned char*>(bytes.data()));
+    BN_free(bn);
+    return base::base64urlEncode(bytes);
+  }
   std::string kid_;
-  struct Key;
-  std::unique_ptr<Key> key_;
+  std::shared_ptr<EVP_PKEY> key_;
 };
 
 // {"keys": [jwk...]} of the given signers' public keys.
-Json::Value keySet(std::initializer_list<const JwtSigner*> signers);
+inline Json::Value keySet(std::initializer_list<const JwtSigner*> signers) {
+  Json::Value set(Json::objectValue);
+  set["keys"] = Json::Value(Json::arrayValue);
+  for (const auto* signer : signers) set["keys"].append(signer->publicJwk());
+  return set;
+}
 
 }  // namespace quill::test

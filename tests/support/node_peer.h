@@ -1,6 +1,6 @@
 #pragma once
-// A test peer written for node (tests/sso-peers): started with a pipe as its standard input, it
-// prints "ready <port>" once it listens on 127.0.0.1 and exits when that pipe closes, so it never
+// A test peer written for node (tests/sso-peers, tests/rill-peers): it prints "ready <port>" once
+// it listens on 127.0.0.1 and exits when its standard input (a pipe from here) closes, so it never
 // outlives the test program. Stopped and reaped on destruction.
 
 #include <sys/types.h>
@@ -17,8 +17,8 @@ std::filesystem::path programOnPath(const std::string& name);
 
 class NodePeer {
  public:
-  // Runs `node <nodeFlags...> <script> <args...>` and waits up to 90 seconds (node starts slowly
-  // on a loaded machine) for its "ready" line. The peer's standard error is discarded.
+  // Runs `node <nodeFlags...> <script> <args...>` (standard error discarded) and waits up to 90
+  // seconds for its "ready" line.
   NodePeer(const std::filesystem::path& script, const std::vector<std::string>& args,
            const std::vector<std::string>& nodeFlags = {});
   ~NodePeer();
