@@ -251,7 +251,7 @@ TEST_F(SnapshotEngineTest, ASnapshotTakesTheBuildVolumesAndLeavesWorkInProgressO
   // Stored bytes are what reached the bucket: compressed and sealed.
   std::uint64_t sealedBytes = 0;
   const auto chunks = memory_.list("chunks/");
-  for (const rill::ObjectEntry& chunk : *chunks) sealedBytes += chunk.size;
+  for (const rill::ObjectEntry& chunk : chunks.value()) sealedBytes += chunk.size;
   EXPECT_EQ(report.value().stats.storedBytes, sealedBytes);
   EXPECT_EQ(restoredTree(kA), expected);
 }

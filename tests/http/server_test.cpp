@@ -24,8 +24,7 @@ class RunningServer {
  public:
   RunningServer(Router router, ServerOptions options)
       : server_(std::move(router), prepare(options)) {
-    std::string error;
-    if (!server_.listen(error)) throw std::runtime_error(error);
+    if (auto listening = server_.listen(); !listening) throw std::runtime_error(listening.error());
     thread_ = std::thread([this] { server_.run(); });
   }
   ~RunningServer() {

@@ -55,9 +55,9 @@ class PublishPullTest : public quill::test::TempDirTest {
   }
   // The store itself, past the injected faults: the one place these tests call it.
   std::string object(const std::string& key) {
-    std::string body;
-    EXPECT_TRUE(memory_.get(key, body)) << key;
-    return body;
+    auto body = memory_.get(key);
+    EXPECT_TRUE(body) << key << ": " << body.error();
+    return body ? body.value() : "";
   }
   void plant(const std::string& key, const std::string& b) { EXPECT_TRUE(memory_.put(key, b)); }
   bool present(const std::string& key) { return memory_.exists(key).value().present; }

@@ -51,16 +51,15 @@ TEST(S3Error, ThePeersRefusalsReadAsOneLine) {
   QUILL_REQUIRE_S3_PEERS();
   const auto& peers = test::S3Peers::shared();
   S3Provider wrongSecret(peers.settings("wrong-secret"));
-  std::string error;
-  EXPECT_FALSE(wrongSecret.exists("channels/x/manifest.json", &error));
-  EXPECT_EQ(error, "HEAD channels/x/manifest.json -> HTTP 403 (credentials refused)");
+  const auto refused = wrongSecret.exists("channels/x/manifest.json");
+  EXPECT_EQ(refused.error(), "HEAD channels/x/manifest.json -> HTTP 403 (credentials refused)");
+  EXPECT_EQ(refused.failure().httpStatus, 403);
   EXPECT_EQ(probeBucket(peers.settings("wrong-secret")).error(),
             "access denied - check the access key and secret (LIST -> HTTP 403 "
             "SignatureDoesNotMatch: The request signature we calculated does not match the "
             "signature you provided. (credentials refused))");
-  std::string body;
   S3Provider bucket(peers.settings());
-  EXPECT_FALSE(bucket.get("missing/object", body, &error));
+  const std::string error = bucket.get("missing/object").error();
   EXPECT_TRUE(error.starts_with("GET missing/object -> HTTP 404 NoSuchKey: ")) << error;
   EXPECT_EQ(error.find('<'), std::string::npos) << error;
 }

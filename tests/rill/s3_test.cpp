@@ -189,19 +189,20 @@ TEST_F(S3PeerTest, RefusalsAndFailuresChangeNothingAndQuoteNoSecret) {
   for (const char* key : {"refused/object", "tampered/object"}) {
     EXPECT_EQ(client().head(key).status, 404) << key;
   }
-  std::string error, body;
   S3Provider wrong(S3Peers::shared().settings("not-the-secret"));
-  EXPECT_FALSE(wrong.list("refused/", &error));
+  std::string error = wrong.list("refused/").error();
   EXPECT_TRUE(error.starts_with("LIST -> HTTP 403 ")) << error;
   EXPECT_EQ(error.find("not-the-secret"), std::string::npos);
-  EXPECT_FALSE(S3Provider(S3Peers::shared().settings()).get("missing/object", body, &error));
+  const auto missing = S3Provider(S3Peers::shared().settings()).get("missing/object");
+  error = missing.error();
   EXPECT_TRUE(error.starts_with("GET missing/object -> HTTP 404 ")) << error;
   EXPECT_NE(error.find("NoSuchKey"), std::string::npos);
+  EXPECT_EQ(missing.failure().httpStatus, 404);
   // Port 1 on loopback: nothing listens there.
   S3Provider unreachable({"http://127.0.0.1:1", "", "b", "k", "secret-never-shown"});
-  EXPECT_FALSE(unreachable.put("k", "x", &error));
+  error = unreachable.put("k", "x").error();
   EXPECT_TRUE(error.starts_with("curl: ")) << error;
-  EXPECT_FALSE(unreachable.exists("k", &error));
+  error = unreachable.exists("k").error();
   EXPECT_TRUE(error.starts_with("curl: ")) << error;
   EXPECT_EQ(error.find("secret-never-shown"), std::string::npos);
 }

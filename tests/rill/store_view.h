@@ -16,22 +16,17 @@ class StoreView final : public StorageProvider {
   explicit StoreView(StorageProvider& inner, Hook before = {})
       : inner_(inner), before_(std::move(before)) {}
 
-  bool put(const std::string& key, std::string_view body, std::string* error) override {
-    return at("put", key).put(key, body, error);
+  Result<bool> put(const std::string& key, std::string_view body) override {
+    return at("put", key).put(key, body);
   }
-  bool get(const std::string& key, std::string& body, std::string* error,
-           std::uint64_t maxBytes) override {
-    return at("get", key).get(key, body, error, maxBytes);
+  Result<std::string> get(const std::string& key, std::uint64_t maxBytes) override {
+    return at("get", key).get(key, maxBytes);
   }
-  std::optional<ObjectInfo> exists(const std::string& key, std::string* error) override {
-    return at("exists", key).exists(key, error);
+  Result<ObjectInfo> exists(const std::string& key) override { return at("exists", key).exists(key); }
+  Result<std::vector<ObjectEntry>> list(const std::string& key) override {
+    return at("list", key).list(key);
   }
-  std::optional<std::vector<ObjectEntry>> list(const std::string& key, std::string* e) override {
-    return at("list", key).list(key, e);
-  }
-  bool remove(const std::string& key, std::string* error) override {
-    return at("remove", key).remove(key, error);
-  }
+  Result<bool> remove(const std::string& key) override { return at("remove", key).remove(key); }
   std::string chunkKey(const std::string& id) const override { return inner_.chunkKey(id); }
 
  private:
