@@ -7,13 +7,14 @@
 namespace quill {
 
 TEST(AccessLogTest, KeepsOnlyHarmlessQueryValuesAndEscapesClientText) {
-  for (const auto& [target, logged] : {
-           std::pair{"/api/version", "/api/version"}, {"/x?", "/x?"},
-           {"/api/builds/b1/files?path=a%20b.pak", "/api/builds/b1/files?path=a%20b.pak"},
-           {"/api/invites/redeem?code=abc&machine=pc", "/api/invites/redeem?code=-&machine=pc"},
-           {"/api/sso/callback?state=s&code=c", "/api/sso/callback?state=-&code=-"},
-           {"/api/claim?pin=1234&machine=x", "/api/claim?pin=-&machine=x"},
-           {"/x?token=t&flag&=v&", "/x?token=-&flag&=-&"}}) {
+  for (const auto& [target, logged] :
+       {std::pair{"/api/version", "/api/version"},
+        {"/x?", "/x?"},
+        {"/api/builds/b1/files?path=a%20b.pak", "/api/builds/b1/files?path=a%20b.pak"},
+        {"/api/invites/redeem?code=abc&machine=pc", "/api/invites/redeem?code=-&machine=pc"},
+        {"/api/sso/callback?state=s&code=c", "/api/sso/callback?state=-&code=-"},
+        {"/api/claim?pin=1234&machine=x", "/api/claim?pin=-&machine=x"},
+        {"/x?token=t&flag&=v&", "/x?token=-&flag&=-&"}}) {
     EXPECT_EQ(loggableTarget(target), logged) << target;
   }
   AccessEntry e;

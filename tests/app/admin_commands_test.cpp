@@ -6,8 +6,8 @@
 
 #include <ctime>
 #include <fstream>
-#include <set>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "app/command_line.h"
@@ -69,17 +69,14 @@ TEST(CommandLine, OptionsAndWordsMixInAnyOrderAndVersionActsWhenMet) {
   EXPECT_TRUE(s.server.rateLimit) << "only the exact word off turns rate limiting off";
   parseCommandLine(words("--rate-limit off"), s);
   EXPECT_FALSE(s.server.rateLimit);
-  const std::pair<const char*, ParseOutcome> rows[] = {
-      {"--version extra --bogus", ParseOutcome::ShowVersion}, {"version", ParseOutcome::ShowVersion},
-      {"--dump-routes ''", ParseOutcome::DumpRoutes}, {"--bogus --version", ParseOutcome::Usage},
-      {"--port", ParseOutcome::Usage}, {"''", ParseOutcome::Usage}, {"-x", ParseOutcome::Usage},
-      {"--claimable --nope", ParseOutcome::Usage}, {"--port 80a", ParseOutcome::Usage},
-      {"--port 70000", ParseOutcome::Usage}, {"--port 0", ParseOutcome::Usage},
-      {"--hours ''", ParseOutcome::Usage}, {"--keep 3.5", ParseOutcome::Usage},
-      {"--days 99999999999", ParseOutcome::Usage}};
-  for (const auto& [line, outcome] : rows) {
+  EXPECT_EQ(parseCommandLine(words("--version extra --bogus"), s), ParseOutcome::ShowVersion);
+  EXPECT_EQ(parseCommandLine(words("version"), s), ParseOutcome::ShowVersion);
+  EXPECT_EQ(parseCommandLine(words("--dump-routes ''"), s), ParseOutcome::DumpRoutes);
+  for (const char* line :
+       {"--bogus --version", "--port", "''", "-x", "--claimable --nope", "--port 80a",
+        "--port 70000", "--port 0", "--hours ''", "--keep 3.5", "--days 99999999999"}) {
     CommandLine t;
-    EXPECT_EQ(parseCommandLine(words(line), t), outcome) << line;
+    EXPECT_EQ(parseCommandLine(words(line), t), ParseOutcome::Usage) << line;
   }
   // A value option swallows the word "version" as its value.
   EXPECT_EQ(parseCommandLine(words("--user version"), s), ParseOutcome::Proceed);
@@ -133,7 +130,8 @@ class AdminCommands : public test::TempDirTest {
   std::map<std::string, std::string> snapshot() const {
     std::map<std::string, std::string> entries;
     for (const auto& entry : fs::recursive_directory_iterator(data().root())) {
-      entries[entry.path().string()] = entry.is_directory() ? "<dir>" : test::readBytes(entry.path());
+      entries[entry.path().string()] =
+          entry.is_directory() ? "<dir>" : test::readBytes(entry.path());
     }
     return entries;
   }
@@ -222,7 +220,8 @@ TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
       {"user create x --role Admin", roles},
       {"user create x --role admin --channels a", onlyPublisher},
       {"user create x --role member --channels a --service", onlyPublisher},
-      {"user create p --role publisher --channels a,c", "channel 'c' is not declared on this server"},
+      {"user create p --role publisher --channels a,c",
+       "channel 'c' is not declared on this server"},
       {"user create p --role publisher --channels a,,a", "invalid channel name in --channels"},
       {"user create taken --role publisher --channels zz",
        "channel 'zz' is not declared on this server"},
@@ -273,7 +272,8 @@ TEST_F(AdminCommands, ListsTokensAndTheirRevocation) {
   EXPECT_EQ(read(data().users(), "ci-bot")["role"], "member");
   EXPECT_FALSE(read(data().users(), "ci-bot").isMember("channels"));
   const Json::Value token = read(data().tokens(), "ci-bot");
-  EXPECT_EQ(token.getMemberNames(), (Words{"created_at", "name", "schema_version", "token_hash", "user"}));
+  EXPECT_EQ(token.getMemberNames(),
+            (Words{"created_at", "name", "schema_version", "token_hash", "user"}));
   EXPECT_EQ(token["token_hash"], store::hashToken(secret));
   EXPECT_EQ(test::readBytes(record(data().tokens(), "ci-bot")).find(secret), std::string::npos);
   EXPECT_EQ((*store::resolveToken(data(), secret))["name"], "ci-bot");
@@ -304,7 +304,8 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   writeFile(data().invites() / "torn.json", R"({"user": "u", )");
   // --replace keeps only the newest of that user's invites.
   const std::string newest = expectInvite("--replace", 7 * 86400);
-  EXPECT_EQ(invitesFor("u"), (std::vector{data().invites() / (store::hashToken(newest) + ".json")}));
+  EXPECT_EQ(invitesFor("u"),
+            (std::vector{data().invites() / (store::hashToken(newest) + ".json")}));
   EXPECT_EQ(invitesFor("v").size(), 1u);
   EXPECT_TRUE(fs::exists(data().invites() / "torn.json"));
   // A file where the directory belongs: the record cannot be stored.
@@ -312,7 +313,8 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
     fs::remove_all(where);
     writeFile(where, "x");
   }
-  for (const char* line : {"invite create u", "invite create u --replace", "token create laptop --user u"}) {
+  for (const char* line :
+       {"invite create u", "invite create u --replace", "token create laptop --user u"}) {
     const std::string err = line[0] == 't' ? "could not store token\n" : "could not store invite\n";
     EXPECT_EQ(run(line), std::make_tuple(1, std::string(), err)) << line;
   }

@@ -2,6 +2,7 @@
 // rate-limit budgets.
 
 #include "app/gate.h"
+
 #include "support/api_fixture.h"
 
 namespace quill::test {
@@ -10,16 +11,20 @@ namespace {
 TEST(ClientKey, LoopbackPeersUseTheFirstForwardedHopOthersTheirAddress) {
   // peer, X-Forwarded-For, key. No usable forwarded address from a local proxy: not limited at
   // all; anyone else cannot choose their key.
-  const char* cases[][3] = {
-      {"127.0.0.1", "203.0.113.9, 10.0.0.1", "203.0.113.9"}, {"::1", "198.51.100.7", "198.51.100.7"},
-      {"127.8.9.10", " \t203.0.113.9\t ,x", "203.0.113.9"}, {"127.0.0.1", nullptr, ""},
-      {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"}, {"127.0.0.1", " , 10.0.0.1", ""},
-      {"10.0.0.5", "203.0.113.9", "10.0.0.5"}, {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
-      {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"}};
+  const char* cases[][3] = {{"127.0.0.1", "203.0.113.9, 10.0.0.1", "203.0.113.9"},
+                            {"::1", "198.51.100.7", "198.51.100.7"},
+                            {"127.8.9.10", " \t203.0.113.9\t ,x", "203.0.113.9"},
+                            {"127.0.0.1", nullptr, ""},
+                            {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"},
+                            {"127.0.0.1", " , 10.0.0.1", ""},
+                            {"10.0.0.5", "203.0.113.9", "10.0.0.5"},
+                            {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
+                            {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"}};
   for (const auto& [peer, forwarded, key] : cases) {
     Req req("GET", "/api/builds");
     if (forwarded) req.header("X-Forwarded-For", forwarded);
-    EXPECT_EQ(clientKey(req.from(peer).build()), key) << peer << " " << (forwarded ? forwarded : "");
+    EXPECT_EQ(clientKey(req.from(peer).build()), key)
+        << peer << " " << (forwarded ? forwarded : "");
   }
 }
 
@@ -29,17 +34,19 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
   const std::string admin = " => 403 this operation requires the admin role\n",
                     scope = " => 403 outside this publisher's scope\n";
   std::string rows;
-  for (const char* open : {"GET /", "GET /api/version", "GET /api/openapi.yaml", "GET /api/docs",
-                           "GET /api/invites/redeem", "POST /api/invites/redeem", "GET /api/claim",
-                           "POST /api/claim", "POST /api/access-requests", "GET /api/sso/status",
-                           "GET /api/sso/start", "GET /api/sso/callback", "POST /api/sso/handoff"}) {
+  for (const char* open :
+       {"GET /", "GET /api/version", "GET /api/openapi.yaml", "GET /api/docs",
+        "GET /api/invites/redeem", "POST /api/invites/redeem", "GET /api/claim", "POST /api/claim",
+        "POST /api/access-requests", "GET /api/sso/status", "GET /api/sso/start",
+        "GET /api/sso/callback", "POST /api/sso/handoff"}) {
     rows += std::string("- ") + open + " => pass\n";
   }
   for (const char* read : {"/users", "/me", "/channels", "/builds/b1/files", "/groups"}) {
     rows += std::string("admin,mia,pete,paula,max GET /api") + read + " => pass\n";
   }
   // Reads and writes of the admin's; a non-publisher with an allow-list gets no carve-out.
-  for (const char* read : {"/access-requests", "/backups", "/storage", "/sso/config", "/sso/mapping"}) {
+  for (const char* read :
+       {"/access-requests", "/backups", "/storage", "/sso/config", "/sso/mapping"}) {
     rows += std::string("- GET /api") + read + " => 401 missing or invalid token\nadmin GET /api" +
             read + " => 200\nmia,pete,paula,max GET /api" + read + admin;
   }
@@ -48,7 +55,8 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
         "POST /api/channels/beta/public", "POST /api/channels/beta/launch", "PUT /api/storage",
         "DELETE /api/channels/beta", "POST /api/users/pete/tokens", "DELETE /api/sso/config",
         "PUT /api/sso/mapping", "DELETE /api/builds/b1"}) {
-    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin + "pete " + write + scope;
+    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin + "pete " + write +
+            scope;
   }
   // A publisher uploads and finalizes any build, and creates or promotes its own channels only.
   for (const char* write : {"PUT /api/builds/b1/files", "POST /api/builds/b1/finalize",
@@ -64,7 +72,8 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
     user dora admin
     set users/dora.json .disabled=true
     channel stable b7 public
-  )" + rows + R"(
+  )" + rows +
+       R"(
     pete,paula PUT /api/builds/anything/files => pass
     pete,paula POST /api/builds/b1/finalize => pass
     pete POST /api/channels/beta/promote => pass

@@ -8,7 +8,8 @@ namespace quill {
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
-constexpr Budget kCred = Budget::Credential, kAnon = Budget::Anonymous, kStart = Budget::SignInStart;
+constexpr Budget kCred = Budget::Credential, kAnon = Budget::Anonymous,
+                 kStart = Budget::SignInStart;
 
 // One row: move the clock by `ms`, then `allowed` charges must pass and, when `retry` is set, the
 // next one is refused with that Retry-After. Token counts stay exact in binary floating point.
@@ -40,8 +41,11 @@ class RateLimiterTest : public ::testing::Test {
 };
 
 TEST_F(RateLimiterTest, BudgetsArePerKeyAndKindRefillContinuouslyAndRoundRetryUp) {
-  run({{0, "a", kCred, 5, 12}, {0, "a", kAnon, 30, 2}, {0, "a", kStart, 30, 2},
-       {0, "b", kCred, 5}, {0, "b", kStart, 30}});
+  run({{0, "a", kCred, 5, 12},
+       {0, "a", kAnon, 30, 2},
+       {0, "a", kStart, 30, 2},
+       {0, "b", kCred, 5},
+       {0, "b", kStart, 30}});
   EXPECT_EQ(limiter.size(), 2u);
   run({// Credential: five a minute.
        {0, "c", kCred, 5},
