@@ -36,8 +36,10 @@ Words words(const std::string& line) {
   return args;
 }
 
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
+Json::Value take(Json::Value& doc, const char* member) {
+  Json::Value value;
+  doc.removeMember(member, &value);
+  return value;
 }
 
 // The lines of `text` in sorted order; an unfinished last line is left out.
@@ -56,16 +58,12 @@ TEST(CommandLine, OptionsAndWordsMixInAnyOrderAndVersionActsWhenMet) {
                                    "--keep 7 --port 9090 --rate-limit OFF"),
                              s),
             ParseOutcome::Proceed);
-  EXPECT_EQ(s.command.words, (Words{"user", "create", "alice"}));
-  EXPECT_EQ(s.command.role, "admin");
-  EXPECT_EQ(s.server.dataDir, "/d");
-  EXPECT_TRUE(s.command.service);
   // A value option takes the next word even when it starts with a dash.
-  EXPECT_EQ(s.server.claimPin, "-1234");
-  EXPECT_EQ(s.command.days, -3);
+  EXPECT_EQ(std::tie(s.command.words, s.command.role, s.server.dataDir, s.command.service,
+                     s.server.claimPin, s.command.days, s.command.backup.keep, s.server.port),
+            std::make_tuple(Words{"user", "create", "alice"}, "admin", fs::path("/d"), true,
+                            "-1234", -3, 7, 9090));
   EXPECT_EQ(s.command.backup.bucket.accessKey + s.command.backup.bucket.secretKey, "ks");
-  EXPECT_EQ(s.command.backup.keep, 7);
-  EXPECT_EQ(s.server.port, 9090);
   EXPECT_TRUE(s.server.rateLimit) << "only the exact word off turns rate limiting off";
   parseCommandLine(words("--rate-limit off"), s);
   EXPECT_FALSE(s.server.rateLimit);
@@ -91,15 +89,12 @@ const std::regex kInviteOutput(
     "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z)\\. Single use, shown only once:\n\n"
     "  ([A-Za-z0-9]{24})\n");
 
-class AdminCommands : public test::TempDirTest {
+class AdminCommands : public test::ApiTest {
  protected:
-  store::DataDir data() const { return store::DataDir(dir() / "data"); }
-  fs::path record(const fs::path& in, const std::string& name) const {
-    return store::DataDir::recordPath(in, name);
-  }
-  Json::Value read(const fs::path& in, const std::string& name) const {
-    Json::Value doc;
-    EXPECT_TRUE(store::readJsonFile(record(in, name), doc)) << name;
+  // The stored record less its creation time, which must be there.
+  Json::Value stored(const fs::path& path) {
+    Json::Value doc = readDoc(path);
+    EXPECT_TRUE(take(doc, "created_at").isString()) << path;
     return doc;
   }
   // Runs a command line: its exit status, output and error output.
@@ -135,12 +130,6 @@ class AdminCommands : public test::TempDirTest {
     }
     return entries;
   }
-  void declareChannels() {
-    for (const char* name : {"a", "b"}) {
-      ASSERT_TRUE(store::writeJsonFile(record(data().channels(), name),
-                                       test::parseJson(R"({"schema_version":1,"build":""})")));
-    }
-  }
   std::vector<fs::path> invitesFor(const std::string& user) const {
     std::vector<fs::path> found;
     for (auto& [path, doc] : store::listJsonDir(data().invites())) {
@@ -156,24 +145,21 @@ class AdminCommands : public test::TempDirTest {
     const std::int64_t after = std::time(nullptr);
     std::smatch m;
     EXPECT_TRUE(std::regex_match(out, m, kInviteOutput)) << out;
-    const fs::path path = data().invites() / (store::hashToken(m[2].str()) + ".json");
-    Json::Value doc;
-    EXPECT_TRUE(store::readJsonFile(path, doc)) << "no record filed under the code's hash";
-    EXPECT_EQ(doc.getMemberNames(),
-              (Words{"created_at", "expires_epoch", "groups", "id", "schema_version", "user"}));
-    EXPECT_TRUE(std::regex_match(doc["id"].asString(), std::regex("[A-Za-z0-9]{8}")));
-    EXPECT_EQ(doc["groups"], Json::Value(Json::arrayValue));
-    const std::int64_t expires = doc["expires_epoch"].asInt64();
+    Json::Value doc = stored(invitePath(m[2]));
+    EXPECT_TRUE(std::regex_match(take(doc, "id").asString(), std::regex("[A-Za-z0-9]{8}")));
+    const std::int64_t expires = take(doc, "expires_epoch").asInt64();
+    EXPECT_EQ(doc, test::parseJson(R"({"groups":[],"schema_version":1,"user":"u"})"));
     EXPECT_GE(expires, before + lifetime);
     EXPECT_LE(expires, after + lifetime);
     EXPECT_EQ(m[1], store::formatUtc(expires));
-    EXPECT_EQ(test::readBytes(path).find(m[2]), std::string::npos);
+    EXPECT_EQ(test::readBytes(invitePath(m[2])).find(m[2]), std::string::npos);
     return m[2];
   }
 };
 
 TEST_F(AdminCommands, UserCreatePrintsOneOfFourTextsAndWritesTheRecord) {
-  declareChannels();
+  writeChannel("a");
+  writeChannel("b");
   const std::string give = "Give them access with:\n  quillmoord token create <token-name> --user ";
   const std::string base = R"("groups":[],"schema_version":1,"name":)";
   // --service alone makes a publisher with no channels; with channels they are kept.
@@ -196,17 +182,17 @@ TEST_F(AdminCommands, UserCreatePrintsOneOfFourTextsAndWritesTheRecord) {
   for (const auto& [args, output, doc] : rows) {
     const std::string out = ok("user create " + args);
     EXPECT_EQ(out, output.empty() ? out : output);
-    Json::Value stored = read(data().users(), args.substr(0, args.find(' ')));
-    EXPECT_TRUE(stored.isMember("created_at")) << args;
-    stored.removeMember("created_at");
-    EXPECT_EQ(stored, test::parseJson("{" + base + doc + "}")) << args;
+    EXPECT_EQ(stored(userPath(args.substr(0, args.find(' ')))),
+              test::parseJson("{" + base + doc + "}"))
+        << args;
   }
 }
 
 // Each refusal fails with its message on standard error alone, exit 1, and writes nothing. Where
 // two checks could both fire, the row says which comes first.
 TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
-  declareChannels();
+  writeChannel("a");
+  writeChannel("b");
   ok("user create taken");
   ok("user create u");
   ok("token create used");
@@ -251,13 +237,14 @@ TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
 
 TEST_F(AdminCommands, ListsTokensAndTheirRevocation) {
   EXPECT_EQ(ok("user list") + ok("token list"), "");
-  declareChannels();
+  writeChannel("a");
+  writeChannel("b");
   ok("user create alice --role admin");
   ok("user create pub --role publisher --channels a,b");
   ok("user create ship --service");
-  writeFile(data().users() / "broken.json", "{ not json");
-  writeFile(data().users() / "notes.txt", R"({"name":"notes","role":"admin"})");
-  writeFile(data().tokens() / "README.txt", "not a token");
+  writeText(data().users() / "broken.json", "{ not json");
+  writeText(data().users() / "notes.txt", R"({"name":"notes","role":"admin"})");
+  writeText(data().tokens() / "README.txt", "not a token");
   const std::string alpha = mintToken("token create alpha --user alice");
   mintToken("token create beta --user alice");
   // One line per readable record, in no set order; no secret is ever listed.
@@ -269,28 +256,28 @@ TEST_F(AdminCommands, ListsTokensAndTheirRevocation) {
   EXPECT_EQ(tokens.find(alpha), std::string::npos);
   // Without --user: a member named like the token, holding its hash and never its secret.
   const std::string secret = mintToken("token create ci-bot");
-  EXPECT_EQ(read(data().users(), "ci-bot")["role"], "member");
-  EXPECT_FALSE(read(data().users(), "ci-bot").isMember("channels"));
-  const Json::Value token = read(data().tokens(), "ci-bot");
-  EXPECT_EQ(token.getMemberNames(),
-            (Words{"created_at", "name", "schema_version", "token_hash", "user"}));
-  EXPECT_EQ(token["token_hash"], store::hashToken(secret));
-  EXPECT_EQ(test::readBytes(record(data().tokens(), "ci-bot")).find(secret), std::string::npos);
+  EXPECT_EQ(stored(userPath("ci-bot")),
+            test::parseJson(R"({"groups":[],"name":"ci-bot","role":"member","schema_version":1})"));
+  EXPECT_EQ(
+      stored(tokenPath("ci-bot")),
+      test::parseJson(R"({"name":"ci-bot","schema_version":1,"user":"ci-bot","token_hash":")" +
+                      store::hashToken(secret) + "\"}"));
+  EXPECT_EQ(test::readBytes(tokenPath("ci-bot")).find(secret), std::string::npos);
   EXPECT_EQ((*store::resolveToken(data(), secret))["name"], "ci-bot");
   // An existing owner is left untouched; deleting a token revokes it at once.
-  const std::string ship = test::readBytes(record(data().users(), "ship"));
+  const std::string ship = test::readBytes(userPath("ship"));
   const std::string laptop = mintToken("token create laptop --user ship");
-  EXPECT_EQ(test::readBytes(record(data().users(), "ship")), ship);
-  EXPECT_FALSE(fs::exists(record(data().users(), "laptop")));
+  EXPECT_EQ(test::readBytes(userPath("ship")), ship);
+  EXPECT_FALSE(fs::exists(userPath("laptop")));
   EXPECT_EQ((*store::resolveToken(data(), laptop))["role"], "publisher");
   EXPECT_EQ(ok("token delete laptop"), "Token 'laptop' deleted - access revoked immediately.\n");
   EXPECT_FALSE(store::resolveToken(data(), laptop).has_value());
-  EXPECT_TRUE(fs::exists(record(data().users(), "ship")));
+  EXPECT_TRUE(fs::exists(userPath("ship")));
 }
 
 TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   ok("user create u");
-  ASSERT_FALSE(fs::exists(data().invites()));
+  fs::remove_all(data().invites());
   // Negative means not given; the first also creates the missing invites directory.
   const std::string first = expectInvite("", 7 * 86400);
   expectInvite("--days -3", 7 * 86400);
@@ -301,17 +288,16 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   EXPECT_EQ(invitesFor("u").size(), 6u);
   ok("user create v");
   ok("invite create v");
-  writeFile(data().invites() / "torn.json", R"({"user": "u", )");
+  writeText(data().invites() / "torn.json", R"({"user": "u", )");
   // --replace keeps only the newest of that user's invites.
   const std::string newest = expectInvite("--replace", 7 * 86400);
-  EXPECT_EQ(invitesFor("u"),
-            (std::vector{data().invites() / (store::hashToken(newest) + ".json")}));
+  EXPECT_EQ(invitesFor("u"), (std::vector{invitePath(newest)}));
   EXPECT_EQ(invitesFor("v").size(), 1u);
   EXPECT_TRUE(fs::exists(data().invites() / "torn.json"));
   // A file where the directory belongs: the record cannot be stored.
   for (const fs::path& where : {data().invites(), data().tokens()}) {
     fs::remove_all(where);
-    writeFile(where, "x");
+    writeText(where, "x");
   }
   for (const char* line :
        {"invite create u", "invite create u --replace", "token create laptop --user u"}) {
