@@ -1,219 +1,223 @@
-// Publishing and downloading builds with the real binary on 127.0.0.1: a CI-style session over
-// HTTP, downloads cancelled by anonymous readers, refusals answered before an upload's body is
-// sent, and uploads that break off, race, or land on another volume.
+// Builds through the real binary on 127.0.0.1: a CI build that anonymous readers fetch whole or
+// cancel, refusals answered before an upload's body is sent, uploads that break off or race, a
+// cut download resumed by the real curl program, the access log, and a graceful stop.
 
-#include <json/value.h>
+#include <signal.h>
 
-#include <cctype>
-#include <filesystem>
-#include <thread>
+#include <sstream>
 
 #include "e2e/e2e_support.h"
 
 namespace quill::test {
 namespace {
 
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
-
-// Every byte outside the unreserved set percent-encoded, "/" included.
-std::string percentEncode(const std::string& text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out.push_back(static_cast<char>(c));
-    } else {
-      out += '%';
-      out += "0123456789ABCDEF"[c >> 4];
-      out += "0123456789ABCDEF"[c & 0x0F];
-    }
-  }
-  return out;
-}
-
-// The regular files below `root`, relative; `withBytes`: only those holding bytes.
-std::vector<std::string> filesBelow(const fs::path& root, bool withBytes = false) {
-  std::vector<std::string> files;
-  std::error_code ec;
-  for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
-    if (it->is_regular_file(ec) && (!withBytes || it->file_size(ec) > 0))
-      files.push_back(it->path().lexically_relative(root).generic_string());
-  }
-  return files;
-}
+const TempDir kLogs;
+const std::string kAgent = "User-Agent: quill-e2e";  // marks the access log lines of one test
 
 class BuildsE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    s = std::make_unique<Served>();
-    ASSERT_TRUE(s->up);
+    s = std::make_unique<Served>(Args{"--access-log", kLogs.path() / "log"});
   }
   static void TearDownTestSuite() { s.reset(); }
-  Fetched upload(const std::string& build, const std::string& path, const std::string& body) {
-    return s->admin("PUT", "/api/builds/" + build + "/files?path=" + percentEncode(path), body);
+  void SetUp() override { ASSERT_TRUE(s->up); }
+  static long put(const std::string& build, const std::string& path, const std::string& body) {
+    return s->admin("PUT", "/api/builds/" + build + "/files?path=" + path, body).status;
   }
-  static fs::path buildDir(const std::string& id) { return fs::path(s->data()) / "builds" / id; }
-  // Where upload bodies are streamed while they arrive.
-  static fs::path incoming() { return fs::path(s->data()) / "builds" / "~incoming"; }
-
+  static std::string get(const std::string& build, const std::string& path) {
+    return s->admin("GET", "/api/builds/" + build + "/files?path=" + path).body;
+  }
+  static Args staged() { return filesBelow(fs::path(s->data) / "builds" / "~incoming"); }
   static inline std::unique_ptr<Served> s;
 };
 
-TEST_F(BuildsE2E, CiSessionPublishesABuildThatAnonymousClientsDownloadOrCancel) {
-  const std::vector<std::pair<std::string, std::string>> files = {
-      {"Game Data/level 1.pak", randomBytes(70000, 8)},
-      {"Game Data/\xC3\xA9t\xC3\xA9/\xC3\xB1"
-       "and\xC3\xBA notes.txt",
-       "caf\xC3\xA9\n"},
-      {"bin/game.exe", randomBytes(64 * 1024 * 1024 + 123, 7)},
+TEST_F(BuildsE2E, ACiBuildIsReadWholeOrCancelledByAnonymousReaders) {
+  const std::pair<std::string, std::string> files[] = {
+      {"Game%20Data%2Flevel%201.pak", randomBytes(70000, 8)},
+      {"bin%2Fgame.exe", randomBytes(64 * 1024 * 1024 + 123, 7)},
       {"empty.dat", ""}};
-  ASSERT_EQ(s->admin("POST", "/api/channels/stable").status, 200);
-  for (const auto& [path, content] : files) {
-    auto r = upload("ci-1042", path, content);
-    ASSERT_EQ(r.status, 200) << path << " " << r.body << r.error;
+  for (const auto& [path, bytes] : files) ASSERT_EQ(put("ci-1042", path, bytes), 200) << path;
+  for (const char* step :
+       {"builds/ci-1042/finalize", "channels/stable", "channels/stable/promote?build=ci-1042",
+        "channels/stable/public?value=true"}) {
+    ASSERT_EQ(s->admin("POST", std::string("/api/") + step).status, 200) << step;
   }
-  ASSERT_EQ(parseJson(s->admin("POST", "/api/builds/ci-1042/finalize").body)["file_count"], 4);
-  const std::string fileUrl = "/api/builds/ci-1042/files?path=";
   Client anonymous;
-  EXPECT_EQ(anonymous.fetch("GET", s->url(fileUrl + "empty.dat")).status, 401);
-  ASSERT_EQ(s->admin("POST", "/api/channels/stable/promote?build=ci-1042").status, 200);
-  ASSERT_EQ(s->admin("POST", "/api/channels/stable/public?value=true").status, 200);
-  for (const auto& [path, content] : files) {
-    auto r = anonymous.fetch("GET", s->url(fileUrl + percentEncode(path)));
-    ASSERT_EQ(r.status, 200) << path << r.error;
-    EXPECT_TRUE(r.body == content) << path << ": " << r.body.size() << " bytes";
-    EXPECT_EQ(r.headers["content-length"], std::to_string(content.size())) << path;
-    EXPECT_EQ(r.headers["content-disposition"].rfind("attachment;", 0), 0u) << path;
+  for (const auto& [path, bytes] : files) {
+    auto r = anonymous.fetch("GET", s->url("/api/builds/ci-1042/files?path=" + path));
+    EXPECT_TRUE(r.status == 200 && r.body == bytes) << path << r.error;
+    EXPECT_EQ(r.headers["content-length"], std::to_string(bytes.size())) << path;
+    EXPECT_TRUE(r.headers["content-disposition"].starts_with("attachment;")) << path;
   }
   // Readers that close with unread bytes: the server's next write meets a reset connection.
   for (int i = 0; i < 8; ++i) {
     RawConnection reader(s->server->port());
-    reader.send("GET " + fileUrl + "bin%2Fgame.exe HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    reader.send("GET /api/builds/ci-1042/files?path=bin%2Fgame.exe HTTP/1.1\r\nHost: x\r\n\r\n");
     ASSERT_NE(reader.readUntil("\r\n\r\n", 5s).find("200 OK"), std::string::npos);
   }
   std::this_thread::sleep_for(300ms);
-  EXPECT_TRUE(s->server->running());
   EXPECT_EQ(anonymous.fetch("GET", s->url("/api/version")).status, 200);
 }
 
 TEST_F(BuildsE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
-  ASSERT_EQ(upload("sealed", "a.bin", "a").status, 200);
+  ASSERT_EQ(put("sealed", "a.bin", "a"), 200);
   ASSERT_EQ(s->admin("POST", "/api/builds/sealed/finalize").status, 200);
   Served rillOnly({"--rill-only"});
   ASSERT_TRUE(rillOnly.up);
-  const struct {
-    Served* server;
-    std::string target, token, status, answer;
-  } cases[] = {
-      {s.get(), "/api/builds/sealed/files?path=a.bin", s->token, "409 Conflict",
-       R"({"error":"build is finalized and immutable"})"},
-      {s.get(), "/api/builds/open-1/files?path=..%2Fx", s->token, "400 Bad Request",
-       R"({"error":"missing or invalid ?path= parameter"})"},
-      {s.get(), "/api/builds/bad%20id/files?path=x", s->token, "400 Bad Request",
-       R"({"error":"invalid build id"})"},
-      {s.get(), "/api/builds/open-1/files?path=x", "", "401 Unauthorized",
-       R"({"error":"missing or invalid token"})"},
-      {&rillOnly, "/api/builds/bad%20id/files", rillOnly.token, "403 Forbidden",
-       R"({"error":"this server is Rill-only: Barge uploads are not accepted"})"},
-  };
-  for (const auto& c : cases) {
-    for (bool expect : {true, false}) {
-      const std::string answer =
-          answerToHead(c.server->server->port(), c.target, 10 * 1024 * 1024, expect, c.token);
-      EXPECT_EQ(answer.rfind("HTTP/1.1 " + c.status + "\r\n", 0), 0u) << c.target << answer;
-      EXPECT_NE(answer.find(c.answer), std::string::npos) << answer;
-      EXPECT_EQ(answer.find("100 Continue"), std::string::npos) << answer;
+  const std::tuple<Served*, std::string, std::string, std::string, std::string> cases[] = {
+      {s.get(), "sealed/files?path=a.bin", "409 Conflict", "build is finalized and immutable",
+       s->auth()},
+      {s.get(), "o/files?path=..%2Fx", "400 Bad Request", "missing or invalid ?path= parameter",
+       s->auth()},
+      {s.get(), "bad%20id/files?path=x", "400 Bad Request", "invalid build id", s->auth()},
+      {s.get(), "o/files?path=x", "401 Unauthorized", "missing or invalid token", ""},
+      {&rillOnly, "bad%20id/files", "403 Forbidden",
+       "this server is Rill-only: Barge uploads are not accepted", rillOnly.auth()}};
+  for (const auto& [server, target, status, error, auth] : cases) {
+    for (const std::string expect : {"", "Expect: 100-continue\r\n"}) {
+      RawConnection raw(server->server->port());
+      ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/" + target, 10 << 20, auth + expect)));
+      const std::string answer = raw.readUntil("\"}", 20s);
+      EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status + "\r\n")) << target << answer;
+      EXPECT_TRUE(answer.ends_with("{\"error\":\"" + error + "\"}")) << answer;
     }
   }
-  EXPECT_FALSE(fs::exists(buildDir("open-1")));
-  EXPECT_EQ(filesBelow(buildDir("sealed") / "files"), std::vector<std::string>{"a.bin"});
-
+  EXPECT_FALSE(fs::exists(fs::path(s->data) / "builds" / "o"));
+  EXPECT_EQ(filesBelow(fs::path(s->data) / "builds" / "sealed" / "files"), Args{"a.bin"});
   // An acceptable upload is invited to send its body.
   RawConnection raw(s->server->port());
-  const std::string body = randomBytes(300000, 3);
-  ASSERT_TRUE(raw.send("PUT /api/builds/invited/files?path=x.bin HTTP/1.1\r\nHost: x\r\n"
-                       "Authorization: Bearer " + s->token + "\r\nContent-Length: 300000\r\n"
-                       "Expect: 100-continue\r\n\r\n"));
+  ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/invited/files?path=x.bin", 300000,
+                               s->auth() + "Expect: 100-continue\r\n")));
   EXPECT_EQ(raw.readUntil("\r\n\r\n", 20s), "HTTP/1.1 100 Continue\r\n\r\n");
+  const std::string body = randomBytes(300000, 3);
   ASSERT_TRUE(raw.send(body));
   const std::string answer = raw.readUntil("}", 20s);
-  EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
-  EXPECT_NE(answer.find(R"({"build":"invited","path":"x.bin","size":300000})"), std::string::npos);
-  EXPECT_TRUE(s->admin("GET", "/api/builds/invited/files?path=x.bin").body == body);
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 OK\r\n")) << answer;
+  EXPECT_TRUE(answer.ends_with(R"({"build":"invited","path":"x.bin","size":300000})")) << answer;
+  EXPECT_TRUE(get("invited", "x.bin") == body);
 }
 
-TEST_F(BuildsE2E, AnUploadCutShortLeavesNothingBehind) {
+TEST_F(BuildsE2E, UploadsCutShortLeaveNothingAndRacingUploadsEachLandWhole) {
   const std::string v1 = randomBytes(5000, 11);
-  ASSERT_EQ(upload("cut", "keep/over.bin", v1).status, 200);
-  for (const char* target : {"cut/files?path=keep%2Fover.bin", "cut/files?path=new%2Fpartial.bin",
-                             "fresh/files?path=a.bin"}) {
+  ASSERT_EQ(put("cut", "keep%2Fover.bin", v1), 200);
+  for (const std::string target :
+       {"cut/files?path=keep%2Fover.bin", "cut/files?path=new%2Fpart", "fresh/files?path=a.bin"}) {
     {
       RawConnection raw(s->server->port());
-      ASSERT_TRUE(raw.send(std::string("PUT /api/builds/") + target +
-                           " HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + s->token +
-                           "\r\nContent-Length: 10000000\r\n\r\n"));
-      ASSERT_TRUE(raw.send(randomBytes(1000 * 1000, 12)));
-      ASSERT_TRUE(eventually([] { return !filesBelow(incoming(), true).empty(); }))
-          << "the body is being stored";
+      ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/" + target, 10000000, s->auth()) +
+                           randomBytes(1000 * 1000, 12)));
+      ASSERT_TRUE(eventually([] { return !staged().empty(); })) << "the body is being stored";
     }  // the connection closes here, 9 MB short
-    ASSERT_TRUE(eventually([] { return filesBelow(incoming()).empty(); }))
-        << "the partial body is removed";
+    ASSERT_TRUE(eventually([] { return staged().empty(); })) << "the partial body is removed";
   }
-  EXPECT_FALSE(fs::exists(buildDir("cut") / "files" / "new" / "partial.bin"));
-  EXPECT_FALSE(fs::exists(buildDir("fresh"))) << "a broken first upload makes no build";
-  EXPECT_TRUE(s->admin("GET", "/api/builds/cut/files?path=keep%2Fover.bin").body == v1);
-  EXPECT_EQ(s->admin("GET", "/api/builds/cut/files?path=new%2Fpartial.bin").status, 404);
-  ASSERT_EQ(upload("cut", "later.txt", "later").status, 200);
+  EXPECT_FALSE(fs::exists(fs::path(s->data) / "builds" / "fresh")) << "no build made";
+  EXPECT_TRUE(get("cut", "keep%2Fover.bin") == v1);
+  EXPECT_EQ(s->admin("GET", "/api/builds/cut/files?path=new%2Fpart").status, 404);
+  ASSERT_EQ(put("cut", "later.txt", "later"), 200);
   const Json::Value manifest = parseJson(s->admin("POST", "/api/builds/cut/finalize").body);
   EXPECT_EQ(manifest["file_count"], 2);
   EXPECT_EQ(manifest["total_size"].asUInt64(), v1.size() + 5);
-}
 
-TEST_F(BuildsE2E, ConcurrentUploadsOfOnePathEachLandWhole) {
   const std::string bodies[2] = {randomBytes(4 << 20, 21), randomBytes(4 << 20, 22)};
   for (int round = 0; round < 3; ++round) {
     long statuses[2] = {0, 0};
-    auto put = [&](int which) {
-      Client own;
-      statuses[which] = own.fetch("PUT", s->url("/api/builds/race/files?path=data%2Fblob.bin"),
-                                  bodies[which], bearer(s->token))
-                            .status;
+    auto race = [&](int i) {
+      statuses[i] = Client()
+                        .fetch("PUT", s->url("/api/builds/race/files?path=d%2Fblob"), bodies[i],
+                               bearer(s->token))
+                        .status;
     };
-    std::thread a(put, 0), b(put, 1);
-    a.join();
-    b.join();
-    EXPECT_EQ(statuses[0], 200) << round;
-    EXPECT_EQ(statuses[1], 200) << round;
-    const std::string landed = s->admin("GET", "/api/builds/race/files?path=data%2Fblob.bin").body;
+    std::thread a(race, 0), b(race, 1);
+    a.join(), b.join();
+    EXPECT_EQ(std::tie(statuses[0], statuses[1]), std::make_tuple(200L, 200L)) << round;
+    const std::string landed = get("race", "d%2Fblob");
     EXPECT_TRUE(landed == bodies[0] || landed == bodies[1]) << round << ": neither upload whole";
   }
-  EXPECT_TRUE(eventually([] { return filesBelow(incoming()).empty(); }));
-  EXPECT_EQ(filesBelow(buildDir("race") / "files"), std::vector<std::string>{"data/blob.bin"});
+  EXPECT_TRUE(eventually([] { return staged().empty(); }));
+  EXPECT_EQ(filesBelow(fs::path(s->data) / "builds" / "race" / "files"), Args{"d/blob"});
 }
 
-// Builds kept on another file system than the data directory: all of `builds/`, or one build.
-TEST(BuildsOnAnotherVolume, UploadsLandAndDownload) {
-  TempDir tmp, volume("/dev/shm");
-  if (volume.path().empty()) GTEST_SKIP() << "no /dev/shm";
-  const fs::path data = tmp.path() / "data";
-  const std::string token = offlineAdminToken(data.string());
-  fs::create_directories(volume.path() / "builds" / "away");
-  fs::remove_all(data / "builds");
-  fs::create_directory_symlink(volume.path() / "builds", data / "builds");
-  ServerProcess server(kBinary, {"--data-dir", data.string()});
-  ASSERT_TRUE(server.waitUntilListening());
-  fs::create_directories(tmp.path() / "away");
-  fs::create_directory_symlink(tmp.path() / "away", volume.path() / "builds" / "linked");
-  Client client;
-  const std::string body = randomBytes(300000, 5);
-  for (const std::string build : {"onvolume", "linked"}) {
-    const std::string files = "/api/builds/" + build + "/files?path=dir%2Fa.bin";
-    EXPECT_EQ(client.fetch("PUT", server.url(files), body, bearer(token)).status, 200) << build;
-    EXPECT_EQ(client.fetch("POST", server.url("/api/builds/" + build + "/finalize"), "",
-                           bearer(token)).status, 200) << build;
-    EXPECT_TRUE(client.fetch("GET", server.url(files), "", bearer(token)).body == body) << build;
+TEST_F(BuildsE2E, CurlResumesACutDownloadAndLeavesACompleteOneAlone) {
+  const std::string bytes = randomBytes(3 * 1024 * 1024 + 17, 7);
+  ASSERT_EQ(put("b1", "game.pak", bytes), 200);
+  ASSERT_EQ(s->admin("POST", "/api/builds/b1/finalize").status, 200);
+  const fs::path out = s->tmp.path() / "game.pak";
+  writeFile(out, bytes.substr(0, 1024 * 1024 + 5));  // the line broke here
+  // The second time the file is complete: curl takes the 416 as done unless told -f.
+  for (const std::string failOnError : {"-f", "-s"}) {
+    auto run =
+        runProcess("/usr/bin/curl", {"-sS", failOnError, "-C", "-", "-H", bearer(s->token)[0], "-o",
+                                     out, s->url("/api/builds/b1/files?path=game.pak")});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(readFile(out) == bytes);
   }
-  EXPECT_TRUE(fs::is_regular_file(tmp.path() / "away" / "files" / "dir" / "a.bin"));
+}
+
+TEST_F(BuildsE2E, AccessLogLinesHoldNoSecretAndFollowARotation) {
+  ASSERT_EQ(put("log", "a.txt", "hello"), 200);
+  // A request, a header it carries, and what its line holds around the time stamp.
+  const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
+      {"GET /api/builds/log/files?path=a.txt", bearer(s->token)[0], "127.0.0.1 - ci", " 200"},
+      {"POST /api/invites/redeem?code=SECRETINVITE42&machine=pc", kAgent, "127.0.0.1 - -", " 404"},
+      {"GET /api/sso/callback?code=SECRETCODE42&state=SECRETSTATE42", kAgent, "127.0.0.1 - -",
+       " 400"},
+      {"GET /api/me", "X-Forwarded-For: 203.0.113.9, 10.0.0.1", "203.0.113.9 - -", " 401"}};
+  std::string expected;
+  for (const auto& [request, header, who, status] : rows) {
+    const auto space = request.find(' ');
+    s->client.fetch(request.substr(0, space), s->url(request.substr(space + 1)), "",
+                    {header, kAgent});
+    expected += who + " \"" +
+                std::regex_replace(request, std::regex("(code|state)=[A-Z0-9]+"), "$1=-") +
+                " HTTP/1.1\"" + status + " \"-\" \"quill-e2e\"\n";
+  }
+  const fs::path log = kLogs.path() / "log";
+  const std::regex varying(
+      R"re( \[[0-9]{2}/[A-Z][a-z]{2}/[0-9]{4}(:[0-9]{2}){3} \+0000\]| [0-9]+(?= "-")| [0-9]+\.[0-9]{3}$)re");
+  std::string got;
+  EXPECT_TRUE(eventually([&] {  // these requests' lines without time, length and seconds
+    std::istringstream lines(readFile(log));
+    got.clear();
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find("\"quill-e2e\"") != std::string::npos)
+        got += std::regex_replace(line, varying, "") + "\n";
+    }
+    return got == expected;
+  })) << got;
+  const std::string text = readFile(log);
+  EXPECT_NE(text.find("a.txt HTTP/1.1\" 200 5 \"-\""), std::string::npos);
+  EXPECT_EQ(text.find("SECRET"), std::string::npos);
+  EXPECT_EQ(text.find(s->token), std::string::npos);
+  // A failed sign-in is one line on standard error, without the request's secrets.
+  EXPECT_NE(s->server->errors().find("sign-in failed (400)"), std::string::npos);
+  EXPECT_EQ(s->server->errors().find("SECRET"), std::string::npos);
+  // logrotate moves the file and sends SIGHUP: the next lines go to a new file.
+  fs::rename(log, kLogs.path() / "log.1");
+  ASSERT_EQ(::kill(s->server->pid(), SIGHUP), 0);
+  EXPECT_TRUE(eventually([&] {
+    s->client.fetch("GET", s->url("/api/version"));
+    return readFile(log).find("\"GET /api/version HTTP/1.1\" 200") != std::string::npos;
+  }));
+  EXPECT_TRUE(readFile(kLogs.path() / "log.1").starts_with(text));
+}
+
+TEST(GracefulStop, SigtermLetsAnUploadInFlightFinishThenExitsZero) {
+  Served s;
+  ASSERT_TRUE(s.up);
+  const std::string bytes = randomBytes(4 * 1024 * 1024, 9);
+  RawConnection idle(s.server->port()), upload(s.server->port());
+  ASSERT_TRUE(upload.send(rawHead("PUT", "/api/builds/b2/files?path=big", bytes.size(), s.auth()) +
+                          bytes.substr(0, 1 << 20)));
+  std::this_thread::sleep_for(300ms);  // the head is judged and the body is arriving
+  ASSERT_EQ(::kill(s.server->pid(), SIGTERM), 0);
+  EXPECT_TRUE(idle.closedByPeer(5s));  // waiting for a request: closed at once
+  EXPECT_TRUE(eventually([&] { return !RawConnection(s.server->port()).connected(); }));
+  ASSERT_TRUE(upload.send(bytes.substr(1 << 20)));
+  const std::string answer = upload.readAll(10s);
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 ")) << answer;
+  EXPECT_NE(answer.find("Connection: close"), std::string::npos) << answer;
+  EXPECT_EQ(s.server->waitForExit(10s), 0);
+  EXPECT_TRUE(readFile(fs::path(s.data) / "builds/b2/files/big") == bytes);
 }
 
 }  // namespace
