@@ -82,7 +82,8 @@ TEST(StartUp, BannersTheClaimOfflineCommandsAndTheDefaultDataDirectory) {
 
 )",
                                   std::regex("DIR"), dir));
-  for (const char* sub : {"users", "tokens", "channels", "groups", "invites", "access-requests"}) {
+  for (const char* sub :
+       {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
     EXPECT_TRUE(fs::is_directory(fs::path(dir) / sub)) << sub;
   }
   Client& client = fresh.client;  // the claim, enabled on the command line
