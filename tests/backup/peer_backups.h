@@ -10,20 +10,41 @@
 
 #include "backup/backup_config.h"
 #include "backup/backup_key.h"
+#include "backup/backup_store.h"
+#include "backup/snapshots.h"
 #include "rill/s3_peers.h"
 
 namespace quill::backup::test {
 
+inline constexpr const char* kForeign = "snap-20250101-000000";
+
+inline rill::S3Settings peerSettings() { return rill::test::S3Peers::shared().settings(); }
+
 // Writes a fresh key to `keyFile` and a backup.json for `dataRoot` naming it; returns the prefix.
-inline std::string configurePeerBackups(const std::filesystem::path& dataRoot,
-                                        const std::filesystem::path& keyFile) {
+inline std::string configurePeerBackups(const fs::path& dataRoot, const fs::path& keyFile) {
   static std::atomic<int> count{0};
-  const std::string prefix = "case-" + std::to_string(++count) + "/";
+  BackupConfig config{peerSettings(), keyFile.string(), {}};
+  config.s3.prefix = "case-" + std::to_string(++count) + "/";
   EXPECT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
-  BackupConfig config{rill::test::S3Peers::shared().settings(), keyFile.string(), {}};
-  config.s3.prefix = prefix;
   EXPECT_TRUE(writeBackupConfig(backupConfigPath(dataRoot), config));
-  return prefix;
+  return config.s3.prefix;
+}
+
+// A bucket of its own, so that a refusal cannot meet the other tests' snapshots.
+inline rill::S3Settings ownBucket(const std::string& name) {
+  rill::S3Settings s3 = peerSettings();
+  s3.bucket = name;
+  rill::S3Client(s3).put("", "");  // creates it (an existing one answers 409)
+  return s3;
+}
+
+// Snapshot kForeign of `tree` sealed with a fresh key in `where`, as another server would leave it.
+inline void sealForeign(const rill::S3Settings& where, const fs::path& keyFile,
+                        const fs::path& tree) {
+  ASSERT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
+  auto store = openBackupStore(where, keyFile.string());
+  ASSERT_TRUE(store) << store.error();
+  ASSERT_TRUE(publishSnapshot(*store.value(), tree, kForeign));
 }
 
 }  // namespace quill::backup::test
