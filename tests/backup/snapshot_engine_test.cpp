@@ -31,11 +31,9 @@ using rill::test::writeFile;
 using Tree = std::map<std::string, std::string>;
 using Names = std::vector<std::string>;
 using Op = rill::FaultInjectingProvider::Operation;
-
-constexpr const char* kA = "snap-20260101-000001";
-constexpr const char* kB = "snap-20260101-000002";
-constexpr const char* kC = "snap-20260101-000003";
-constexpr const char* kD = "snap-20260101-000004";
+const std::string kA = "snap-20260101-000001", kB = "snap-20260101-000002",
+                  kC = "snap-20260101-000003", kD = "snap-20260101-000004",
+                  kE = "snap-20260101-000005";
 
 class SnapshotEngineTest : public quill::test::TempDirTest {
  protected:
@@ -49,19 +47,20 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   fs::path data() const { return dir() / "data"; }
   void setBuild(unsigned seed) { writeFile(data() / "builds/b1/app.bin", randomBytes(300000, seed)); }
 
-  // The memory store sealed with key `fill`, faults injected on `failing`'s nth call, and `hook`
-  // told of each operation.
+  // The memory store sealed with a key of bytes `fill`, `hook` told of each operation first, and
+  // the nth call of `failing.first` failing.
   std::unique_ptr<rill::FaultInjectingProvider> sealed(std::uint8_t fill = 7,
                                                        rill::test::StoreView::Hook hook = {},
                                                        std::pair<Op, int> failing = {Op::kGet, 0}) {
     rill::EncryptionKey key;
     key.fill(fill);
-    auto store = std::make_unique<rill::FaultInjectingProvider>(std::make_unique<rill::EncryptedProvider>(
-        key, std::make_unique<rill::test::StoreView>(memory_, std::move(hook))));
+    auto store = std::make_unique<rill::FaultInjectingProvider>(
+        std::make_unique<rill::EncryptedProvider>(
+            key, std::make_unique<rill::test::StoreView>(memory_, std::move(hook))));
     if (failing.second > 0) store->failNth(failing.first, failing.second);
     return store;
   }
-  RunHooks hooked(rill::test::StoreView::Hook hook = {}, std::pair<Op, int> failing = {Op::kGet, 0}) {
+  RunHooks hooked(rill::test::StoreView::Hook hook, std::pair<Op, int> failing = {Op::kGet, 0}) {
     RunHooks h;
     h.openStore = [=, this](const BackupConfig&) {
       return base::Result<rill::StorageProviderPtr>(sealed(7, hook, failing));
@@ -75,9 +74,8 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   base::Result<RunReport> run(const std::string& name, RunHooks h = {}) {
     return runBackup(data(), name, h.openStore ? h : hooks());
   }
-  base::Result<RestoreStats> restore(const std::string& name, const fs::path& target,
-                                     std::uint8_t key = 7) {
-    return restoreSnapshot(*sealed(key), name, target);
+  base::Result<RestoreStats> restore(const std::string& name, const fs::path& to, int key = 7) {
+    return restoreSnapshot(*sealed(static_cast<std::uint8_t>(key)), name, to);
   }
   // The tree of `root` without the state record a snapshot carries.
   static Tree withoutState(const fs::path& root) {
@@ -94,7 +92,7 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   std::string recorded() {
     Json::Value doc;
     store::readJsonFile(backupStatePath(data()), doc);
-    return std::string(doc["ok"] == true ? "ok " : "failed ") + doc["snapshot"].asString() + ": " +
+    return (doc["ok"] == true ? "ok " : "failed ") + doc["snapshot"].asString() + ": " +
            doc["error"].asString();
   }
   Names listed() { return listSnapshots(*sealed()).value(); }
@@ -102,24 +100,45 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   rill::MemoryProvider memory_;
 };
 
-TEST_F(SnapshotEngineTest, RestoreGivesBackEveryFileAndTheStandardDirectories) {
+TEST_F(SnapshotEngineTest, ASnapshotRestoresEveryFileFollowsBuildVolumesAndLeavesWorkInProgress) {
   // Empty build files, a file named like another's temporary, and secrets.
   writeFile(data() / "builds/b1/d/also-empty", "");
   writeFile(data() / "builds/b1/app.bin.part", "not a temporary");
   writeFile(data() / "backup.key", std::string(64, 'a') + "\n");
   writeFile(data() / "rill.json", R"({"secret_key":"s"})");
-  const Tree before = treeContent(data());
+  // A build on a volume of its own, linked in; other links are not followed.
+  const fs::path volume = dir() / "volume";
+  writeFile(volume / "b2/files/big.bin", randomBytes(200000, 4));
+  writeFile(volume / "b2/files/notes.json.AbCdEfGhIjKl.tmp", "a build file, whatever its name");
+  writeFile(volume / "b2/manifest.json", R"({"build":"b2"})");
+  writeFile(dir() / "outside/secret.txt", "not ours");
+  fs::create_symlink(volume / "b2", data() / "builds/b2");
+  fs::create_symlink(dir() / "outside", data() / "outside");
+  fs::create_symlink(dir() / "outside", volume / "b2/files/outside");
+  Tree expected = treeContent(data());
+  for (auto& [path, bytes] : treeContent(volume / "b2")) expected["builds/b2/" + path] = bytes;
+  // Uploads arriving, and documents being written.
+  writeFile(volume / "b2/incoming/upload.tmp", "half an upload");
+  writeFile(data() / "builds/~incoming/x.tmp", "half an upload");
+  writeFile(data() / "users/alice.json.AbCdEfGhIjKl.tmp", "{");
+  writeFile(data() / "builds/b1/state.json.AbCdEfGhIjKl.tmp", "{");
+
   const RunStats first = run(kA).value().stats;
-  EXPECT_EQ(first.files, before.size());
+  EXPECT_EQ(first.files, expected.size());
   EXPECT_EQ(first.uploaded, first.chunks);
-  EXPECT_EQ(recorded(), "ok " + std::string(kA) + ": ");
+  EXPECT_EQ(recorded(), "ok " + kA + ": ");
+  // Stored bytes are what reached the bucket: compressed and sealed.
+  std::uint64_t sealedBytes = 0;
+  const auto chunks = memory_.list("chunks/");
+  for (const rill::ObjectEntry& chunk : *chunks) sealedBytes += chunk.size;
+  EXPECT_EQ(first.storedBytes, sealedBytes);
   // Unchanged files cost nothing the second time; only the new state record is uploaded.
   const RunStats second = run(kB).value().stats;
   EXPECT_EQ(std::pair(second.alreadyPresent, second.uploaded), std::pair(first.chunks, 1ul));
 
   const fs::path target = dir() / "new" / "restored";
-  EXPECT_EQ(restore(kA, target).value().files, before.size());
-  EXPECT_EQ(treeContent(target), before);
+  EXPECT_EQ(restore(kA, target).value().files, expected.size());
+  EXPECT_EQ(treeContent(target), expected);
   EXPECT_FALSE(fs::exists(target / rill::kPullStateDir));
   for (const char* secret : {"backup.key", "rill.json"}) {
     EXPECT_EQ(fs::status(target / secret).permissions() & fs::perms::all,
@@ -130,8 +149,7 @@ TEST_F(SnapshotEngineTest, RestoreGivesBackEveryFileAndTheStandardDirectories) {
     EXPECT_TRUE(fs::is_directory(target / standard)) << standard;
   }
   EXPECT_EQ(restore(kB, dir() / "wrong-key", 8).error(),
-            "channels/" + std::string(kB) +
-                "/manifest.json: decryption failed (wrong key, or the object is corrupt)");
+            "channels/" + kB + "/manifest.json: decryption failed (wrong key, or the object is corrupt)");
 }
 
 TEST_F(SnapshotEngineTest, PruneKeepsTheNewestSweepsOnlyWhatNoManifestNamesAndStopsAtAFailure) {
@@ -166,8 +184,7 @@ TEST_F(SnapshotEngineTest, PruneKeepsTheNewestSweepsOnlyWhatNoManifestNamesAndSt
 
   ASSERT_TRUE(run(kD));
   const std::string error = pruneSnapshots(*sealed(7, {}, {Op::kRemove, 1}), 1).error();
-  EXPECT_TRUE(error.starts_with("delete " + std::string(kC) + ": DELETE failed: injected failure"))
-      << error;
+  EXPECT_TRUE(error.starts_with("delete " + kC + ": DELETE failed: injected failure")) << error;
   // A manifest that does not read stops the prune before it deletes anything.
   memory_.put("channels/broken/manifest.json", "not sealed");
   const std::size_t objects = memory_.size();
@@ -182,63 +199,33 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpenAndPruneToThe
   EXPECT_EQ(run(kA).error(), text::kNotConfigured);
   EXPECT_FALSE(fs::exists(backupStatePath(data())));
   SetUp();
-
   ASSERT_TRUE(run(kA));
-  const std::string collision =
-      "channel '" + std::string(kA) + "' already published (use --force to overwrite)";
+  const std::string collision = "channel '" + kA + "' already published (use --force to overwrite)";
   EXPECT_EQ(run(kA).error(), collision);
-  EXPECT_EQ(recorded(), "failed " + std::string(kA) + ": " + collision);
+  EXPECT_EQ(recorded(), "failed " + kA + ": " + collision);
   // backup.json is read once per run: a schedule written meanwhile waits for the next run.
   ASSERT_TRUE(run(kB, hooks([&] { ASSERT_TRUE(writeSchedule(backupConfigPath(data()), {"", 1})); })));
   EXPECT_EQ(listed(), (Names{kA, kB}));
   // A failed prune after the run (the list after the publish's) still counts as a backup.
   ASSERT_TRUE(run(kC, hooked({}, {Op::kList, 2})));
-  EXPECT_TRUE(recorded().starts_with("ok " + std::string(kC) + ": backup ok; prune failed: list: injected"))
+  EXPECT_TRUE(recorded().starts_with("ok " + kC + ": backup ok; prune failed: list: injected"))
       << recorded();
   ASSERT_TRUE(run(kD));
   EXPECT_EQ(listed(), Names{kD});
-  EXPECT_EQ(recorded(), "ok " + std::string(kD) + ": ");
-}
+  EXPECT_EQ(recorded(), "ok " + kD + ": ");
 
-TEST_F(SnapshotEngineTest, ASnapshotTakesTheBuildVolumesAndLeavesWorkInProgressOut) {
-  const fs::path volume = dir() / "volume";
-  writeFile(volume / "b2/files/big.bin", randomBytes(200000, 4));
-  writeFile(volume / "b2/files/notes.json.AbCdEfGhIjKl.tmp", "a build file, whatever its name");
-  writeFile(volume / "b2/manifest.json", R"({"build":"b2"})");
-  writeFile(dir() / "outside/secret.txt", "not ours");
-  fs::create_symlink(volume / "b2", data() / "builds/b2");
-  fs::create_symlink(dir() / "outside", data() / "outside");
-  fs::create_symlink(dir() / "outside", volume / "b2/files/outside");
-  Tree expected = treeContent(data());  // links not followed
-  for (auto& [path, bytes] : treeContent(volume / "b2")) expected["builds/b2/" + path] = bytes;
-  // Uploads arriving, and documents being written.
-  writeFile(volume / "b2/incoming/upload.tmp", "half an upload");
-  writeFile(data() / "builds/~incoming/x.tmp", "half an upload");
-  writeFile(data() / "users/alice.json.AbCdEfGhIjKl.tmp", "{");
-  writeFile(data() / "builds/b1/state.json.AbCdEfGhIjKl.tmp", "{");
-  auto report = run(kA);
-  ASSERT_TRUE(report) << report.error();
-  // Stored bytes are what reached the bucket: compressed and sealed.
-  std::uint64_t sealedBytes = 0;
-  const auto chunks = memory_.list("chunks/");
-  for (const rill::ObjectEntry& chunk : *chunks) sealedBytes += chunk.size;
-  EXPECT_EQ(report.value().stats.storedBytes, sealedBytes);
-  EXPECT_EQ(restoredTree(kA), expected);
-}
-
-TEST_F(SnapshotEngineTest, AFileThatChangesOrVanishesDuringTheRunIsTakenAsItWasOrLeftOut) {
-  // Scanned first: its chunks are checked while the rest of the tree is read.
+  // A file that changes or vanishes while the run reads the tree is taken as it was, or left out;
+  // scanned first, the big one's chunks are checked while the rest of the tree is read.
   writeFile(data() / "access-requests/big.json", randomBytes(100000, 5));
-  ASSERT_TRUE(run(kA, hooked(rill::test::once("exists", "chunks/", [this] {
+  ASSERT_TRUE(run(kE, hooked(rill::test::once("exists", "chunks/", [this] {
     writeFile(data() / "access-requests/big.json", randomBytes(100000, 6));
     fs::remove(data() / "tokens/t1.json");
   }))));
-  EXPECT_EQ(recorded(), "ok " + std::string(kA) + ": ");
+  EXPECT_EQ(recorded(), "ok " + kE + ": ");
   Tree expected = withoutState(data());
   expected.erase("access-requests/big.json");
-  EXPECT_EQ(restoredTree(kA), expected);
+  EXPECT_EQ(restoredTree(kE), expected);
 }
-
 TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
   fs::create_directories(backupStatePath(data()));  // a directory where the record belongs
   const std::string unrecorded = "cannot write " + backupStatePath(data()).string();
@@ -246,7 +233,7 @@ TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
   ASSERT_TRUE(report) << report.error();
   EXPECT_EQ(report.value().unrecorded, unrecorded);
   const auto again = run(kA);
-  EXPECT_EQ(again.error(), "channel '" + std::string(kA) +
+  EXPECT_EQ(again.error(), "channel '" + kA +
                                "' already published (use --force to overwrite) (not recorded: " +
                                unrecorded + ")");
   // The server's line for a scheduled run.
@@ -254,44 +241,25 @@ TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
   printRunOutcome("scheduled backup")(report);
   printRunOutcome("scheduled backup")(again);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "scheduled backup " + std::string(kA) + " done (not recorded: " + unrecorded +
+            "scheduled backup " + kA + " done (not recorded: " + unrecorded +
                 ")\nscheduled backup failed: " + again.error() + "\n");
 }
 
 // Snapshots A (build 1) and B (build 2) exist; C backs up build 1 again, so it finds every chunk of
-// build 1 present (from A) and uploads none. A prune to one snapshot that runs before C's manifest
-// is written deletes A and, with it, the chunks C is about to name.
-class PruneRaceTest : public SnapshotEngineTest {
- protected:
-  void SetUp() override {
-    SnapshotEngineTest::SetUp();
-    ASSERT_TRUE(run(kA));
-    setBuild(2);
-    ASSERT_TRUE(run(kB));
-    setBuild(1);
-  }
-  // Runs C with `racer` started just before C's manifest is written.
-  void runCWhile(std::function<void()> racer) {
-    auto c = run(kC, hooks(std::move(racer)));
-    ASSERT_TRUE(c) << c.error();
-    EXPECT_EQ(c.value().stats.uploaded, 1u);  // the state record; build 1 was found present
-  }
-};
-
-TEST_F(PruneRaceTest, WithoutTheLockAPruneLosesChunksOfTheRunningSnapshot) {
-  runCWhile([this] { ASSERT_TRUE(pruneSnapshots(*sealed(), 1)); });
-  const std::string error = restore(kC, dir() / "restored").error();
-  EXPECT_NE(error.find("-> not found"), std::string::npos) << error;  // a chunk is gone
-}
-
-TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
+// build 1 present (from A) and uploads none. A prune to one snapshot started just before C's
+// manifest is written would delete A and, with it, the chunks C is about to name: it must wait.
+TEST_F(SnapshotEngineTest, APruneWaitsForTheRunningSnapshotWhoseChunksItWouldSweep) {
+  ASSERT_TRUE(run(kA));
+  setBuild(2);
+  ASSERT_TRUE(run(kB));
+  setBuild(1);
   const Tree expected = withoutState(data());
   std::mutex mutex;
   std::condition_variable changed;
   bool waiting = false;
   base::Result<PruneResult> pruned = base::Failure{"not run"};
   std::thread prune;
-  runCWhile([&] {
+  auto c = run(kC, hooks([&] {
     prune = std::thread([&] {
       RunHooks h = hooks();
       h.onWait = [&] {
@@ -303,8 +271,10 @@ TEST_F(PruneRaceTest, ThePruneWaitsForTheRunAndTheSnapshotRestores) {
     });
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return waiting; }));
-  });
+  }));
   prune.join();
+  ASSERT_TRUE(c) << c.error();
+  EXPECT_EQ(c.value().stats.uploaded, 1u);  // the state record; build 1 was found present
   ASSERT_TRUE(pruned) << pruned.error();
   EXPECT_EQ(pruned.value().removed, 2u);
   EXPECT_EQ(restoredTree(kC), expected);
