@@ -36,7 +36,7 @@ class BackupApiTest : public quill::test::ApiTest {
 
 TEST_F(BackupApiTest, InitRefusesInOrderThenSetsUpEitherModeOnceAndKeepsTheKey) {
   quill::test::TempDir other;
-  test::sealForeign(test::ownBucket("quill-foreign-api"), other.path() / "k", data().root());
+  test::foreignBucket("quill-foreign-api", other.path() / "k", data().root());
   walk(R"(
     POST /api/backup/init => 400 JSON body required
     POST /api/backup/init [1] => 400 JSON body required

@@ -5,7 +5,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <regex>
 #include <sstream>
 
@@ -28,9 +27,8 @@ class BackupCommandsTest : public quill::test::TempDirTest {
     QUILL_REQUIRE_S3_PEERS();
     writeFile(data() / "users/alice.json", R"({"name":"alice"})");
     writeFile(data() / "builds/b1/app.bin", rill::test::randomBytes(200000, 1));
-    const auto s3 = test::peerSettings();
     vars_ = {{"dir", dir().string()}, {"data", data().string()}, {"key", key().string()},
-             {"ep", s3.endpoint}, {"peer", peer(s3)}};
+             {"ep", test::peerSettings().endpoint}, {"peer", peer(test::peerSettings())}};
   }
   fs::path data() const { return dir() / "data"; }
   fs::path key() const { return dir() / "backup.key"; }
@@ -44,52 +42,39 @@ class BackupCommandsTest : public quill::test::TempDirTest {
   // number, `\n` a line break, and a line break ends each one not empty nor ending in `*`.
   void walk(const std::string& table) {
     std::istringstream lines(table);
+    std::smatch row;
     for (std::string line; std::getline(lines, line);) {
-      line = expand(line.substr(std::min(line.find_first_not_of(' '), line.size())));
-      if (line.empty() || line[0] == '#') continue;
+      if ((line = expand(line)).find(" => ") == std::string::npos) continue;
+      ASSERT_TRUE(std::regex_match(line, row, std::regex(R"( *(.*) => (\d+) \| ?(.*?) ?\| ?(.*))")));
       SCOPED_TRACE(line);
-      const auto arrow = line.find(" => ");
-      std::vector<std::string> words, expected;
-      std::istringstream in(line.substr(0, arrow));
-      for (std::string word; in >> word;) words.push_back(word);
-      if (line.find("--data-dir") > arrow) words.insert(words.end(), {"--data-dir", data().string()});
-      std::string rest = line.substr(arrow + 4);
-      for (int i = 0; i < 3; ++i) {  // stderr is the rest, bars and all
-        std::string part = rest.substr(0, i < 2 ? rest.find('|') : npos);
-        rest = part.size() < rest.size() ? rest.substr(part.size() + 1) : "";
-        if (part.starts_with(' ')) part.erase(0, 1);
-        if (part.ends_with(' ')) part.pop_back();
-        expected.push_back(part);
-      }
+      const bool dataDir = row[1].str().find("--data-dir") == std::string::npos;
+      std::istringstream in(row[1].str() + (dataDir ? " --data-dir $data" : ""));
+      std::vector<std::string> words;
+      for (std::string word; in >> word;) words.push_back(word == "$data" ? data().string() : word);
       CommandLine parsed;
       ASSERT_EQ(parseCommandLine(words, parsed), ParseOutcome::Proceed);
       Context ctx(parsed.server);
       std::ostringstream out, err;
       last_ = {runCommand(ctx, parsed.command, out, err), out.str(), err.str()};
-      EXPECT_EQ(last_.code, std::stoi(expected[0]));
-      EXPECT_TRUE(std::regex_match(last_.out, pattern(expected[1]))) << last_.out;
-      EXPECT_TRUE(std::regex_match(last_.err, pattern(expected[2]))) << last_.err;
+      EXPECT_EQ(last_.code, std::stoi(row[2].str()));
+      EXPECT_TRUE(std::regex_match(last_.out, pattern(row[3].str()))) << last_.out;
+      EXPECT_TRUE(std::regex_match(last_.err, pattern(row[4].str()))) << last_.err;
     }
   }
   std::string expand(std::string text) {
     std::smatch m;
     std::string out;
-    for (; std::regex_search(text, m, std::regex("\\$([a-zA-Z]+)")); text = m.suffix()) {
+    for (; std::regex_search(text, m, std::regex("\\$([a-zA-Z.]+)")); text = m.suffix()) {
       out += m.prefix().str() + vars_[m[1].str()];
     }
     return out + text;
   }
   static std::regex pattern(const std::string& text) {
-    std::string re;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      if (text[i] == '*') re += "[\\s\\S]*";
-      else if (text[i] == '#') re += "[0-9]+";
-      else if (text.compare(i, 2, "\\n") == 0 && ++i) re += "\n";
-      else re += (std::string_view("^$.|?+()[]{}\\").find(text[i]) != npos ? "\\" : "") + std::string(1, text[i]);
-    }
+    std::string re = std::regex_replace(text, std::regex(R"([\^$.|?+()\[\]{}])"), "\\$&");
+    re = std::regex_replace(std::regex_replace(re, std::regex(R"(\\n)"), "\n"), std::regex("\\*"), "[\\s\\S]*");
+    re = std::regex_replace(re, std::regex("#"), "[0-9]+");
     return std::regex(re.empty() || text.ends_with('*') ? re : re + "\n");
   }
-  static constexpr std::size_t npos = std::string::npos;
 
   std::map<std::string, std::string> vars_;
   struct {
@@ -113,9 +98,8 @@ TEST_F(BackupCommandsTest, InitWritesTheKeyBesideTheDataDirectoryOnce) {
   const auto config = loadBackupConfig(backupConfigPath(data())).value();
   EXPECT_EQ(config.keyFile + "|" + config.s3.region + "|" + config.s3.prefix,
             keyPath.string() + "|auto|");
-  const auto foreign = test::ownBucket("quill-foreign");
+  const auto foreign = test::foreignBucket("quill-foreign", dir() / "first.key", data());
   vars_["foreign"] = peer(foreign);
-  test::sealForeign(foreign, dir() / "first.key", data());
   walk(R"(
     backup init $peer => 1 | | key file $dir/quillmoord-backup.key already exists - refusing to overwrite (a replaced key makes every existing snapshot unreadable)
     # No answer at all: refused, and the new key file stays for the operator to remove.
@@ -254,7 +238,7 @@ TEST_F(BackupCheckTest, DryRunDeletesNothingAndAnUnreadableSnapshotStopsPrune) {
   walk(R"(backup prune --keep 1 --dry-run => 0 |   would remove $first\ndry run, nothing deleted: would keep 1 snapshot(s); remove 1; sweep 1 chunk(s) (# bytes) |)");
   EXPECT_EQ(objects(), before);
   writeFile(dir() / "other/x.txt", "another server");
-  test::sealForeign(under_, dir() / "other.key", dir() / "other");
+  test::foreignBucket(under_.bucket, dir() / "other.key", dir() / "other", under_.prefix);
   const auto withForeign = objects();
   walk(R"(
     backup prune --keep 1 --dry-run => 1 | | refusing to prune - nothing deleted: the bucket holds a manifest this key cannot read (another server's snapshots, or a damaged object): *snap-20250101-000000*

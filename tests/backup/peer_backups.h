@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <string>
 
 #include "backup/backup_config.h"
@@ -15,8 +14,6 @@
 #include "rill/s3_peers.h"
 
 namespace quill::backup::test {
-
-inline constexpr const char* kForeign = "snap-20250101-000000";
 
 inline rill::S3Settings peerSettings() { return rill::test::S3Peers::shared().settings(); }
 
@@ -30,21 +27,18 @@ inline std::string configurePeerBackups(const fs::path& dataRoot, const fs::path
   return config.s3.prefix;
 }
 
-// A bucket of its own, so that a refusal cannot meet the other tests' snapshots.
-inline rill::S3Settings ownBucket(const std::string& name) {
+// A bucket `name` of its own holding snapshot snap-20250101-000000 of `tree`, sealed with a fresh
+// key in `keyFile` as another server would leave it, under `prefix`.
+inline rill::S3Settings foreignBucket(const std::string& name, const fs::path& keyFile,
+                                      const fs::path& tree, const std::string& prefix = "") {
   rill::S3Settings s3 = peerSettings();
   s3.bucket = name;
   rill::S3Client(s3).put("", "");  // creates it (an existing one answers 409)
+  s3.prefix = prefix;
+  EXPECT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
+  auto store = openBackupStore(s3, keyFile.string());
+  EXPECT_TRUE(store && publishSnapshot(*store.value(), tree, "snap-20250101-000000"));
   return s3;
-}
-
-// Snapshot kForeign of `tree` sealed with a fresh key in `where`, as another server would leave it.
-inline void sealForeign(const rill::S3Settings& where, const fs::path& keyFile,
-                        const fs::path& tree) {
-  ASSERT_TRUE(writeKeyFile(keyFile, generateBackupKey()));
-  auto store = openBackupStore(where, keyFile.string());
-  ASSERT_TRUE(store) << store.error();
-  ASSERT_TRUE(publishSnapshot(*store.value(), tree, kForeign));
 }
 
 }  // namespace quill::backup::test
