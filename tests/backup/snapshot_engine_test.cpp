@@ -33,7 +33,7 @@ using Names = std::vector<std::string>;
 using Op = rill::FaultInjectingProvider::Operation;
 const std::string kA = "snap-20260101-000001", kB = "snap-20260101-000002",
                   kC = "snap-20260101-000003", kD = "snap-20260101-000004",
-                  kE = "snap-20260101-000005";
+                  kE = "snap-20260101-000005", kF = "snap-20260101-000006";
 
 class SnapshotEngineTest : public quill::test::TempDirTest {
  protected:
@@ -60,33 +60,31 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
     if (failing.second > 0) store->failNth(failing.first, failing.second);
     return store;
   }
-  RunHooks hooked(rill::test::StoreView::Hook hook, std::pair<Op, int> failing = {Op::kGet, 0}) {
+  // A run on the sealed store; `beforeManifest` runs just before the snapshot's manifest is
+  // written, `hook` (when given instead) before every operation.
+  base::Result<RunReport> run(const std::string& name, std::function<void()> beforeManifest = {},
+                              rill::test::StoreView::Hook hook = {},
+                              std::pair<Op, int> failing = {Op::kGet, 0}) {
+    if (!hook) hook = rill::test::once("put", "channels/", beforeManifest, "/manifest.json");
+    return runBackup(data(), name, hooked(hook, failing));
+  }
+  RunHooks hooked(rill::test::StoreView::Hook hook = {}, std::pair<Op, int> failing = {}) {
     RunHooks h;
     h.openStore = [=, this](const BackupConfig&) {
       return base::Result<rill::StorageProviderPtr>(sealed(7, hook, failing));
     };
     return h;
   }
-  // `beforeManifest` runs just before the snapshot's manifest is written.
-  RunHooks hooks(std::function<void()> beforeManifest = {}) {
-    return hooked(rill::test::once("put", "channels/", std::move(beforeManifest), "/manifest.json"));
+  // The tree snapshot `name` restores to (less the state record it carries), or {error: why not}.
+  Tree restored(const std::string& name, std::uint8_t key = 7) {
+    fs::remove_all(dir() / "restored");
+    auto stats = restoreSnapshot(*sealed(key), name, dir() / "restored");
+    return stats ? withoutState(dir() / "restored") : Tree{{"error", stats.error()}};
   }
-  base::Result<RunReport> run(const std::string& name, RunHooks h = {}) {
-    return runBackup(data(), name, h.openStore ? h : hooks());
-  }
-  base::Result<RestoreStats> restore(const std::string& name, const fs::path& to, int key = 7) {
-    return restoreSnapshot(*sealed(static_cast<std::uint8_t>(key)), name, to);
-  }
-  // The tree of `root` without the state record a snapshot carries.
   static Tree withoutState(const fs::path& root) {
     Tree tree = treeContent(root);
     tree.erase("backup-state.json");
     return tree;
-  }
-  Tree restoredTree(const std::string& name) {
-    auto restored = restore(name, dir() / "restored");
-    EXPECT_TRUE(restored) << restored.error();
-    return restored ? withoutState(dir() / "restored") : Tree{};
   }
   // The outcome backup-state.json records: "ok|failed <snapshot>: <error>".
   std::string recorded() {
@@ -124,8 +122,7 @@ TEST_F(SnapshotEngineTest, ASnapshotRestoresEveryFileFollowsBuildVolumesAndLeave
   writeFile(data() / "builds/b1/state.json.AbCdEfGhIjKl.tmp", "{");
 
   const RunStats first = run(kA).value().stats;
-  EXPECT_EQ(first.files, expected.size());
-  EXPECT_EQ(first.uploaded, first.chunks);
+  EXPECT_EQ(std::pair(first.files, first.uploaded), std::pair(expected.size(), first.chunks));
   EXPECT_EQ(recorded(), "ok " + kA + ": ");
   // Stored bytes are what reached the bucket: compressed and sealed.
   std::uint64_t sealedBytes = 0;
@@ -137,7 +134,7 @@ TEST_F(SnapshotEngineTest, ASnapshotRestoresEveryFileFollowsBuildVolumesAndLeave
   EXPECT_EQ(std::pair(second.alreadyPresent, second.uploaded), std::pair(first.chunks, 1ul));
 
   const fs::path target = dir() / "new" / "restored";
-  EXPECT_EQ(restore(kA, target).value().files, expected.size());
+  EXPECT_EQ(restoreSnapshot(*sealed(), kA, target).value().files, expected.size());
   EXPECT_EQ(treeContent(target), expected);
   EXPECT_FALSE(fs::exists(target / rill::kPullStateDir));
   for (const char* secret : {"backup.key", "rill.json"}) {
@@ -148,8 +145,8 @@ TEST_F(SnapshotEngineTest, ASnapshotRestoresEveryFileFollowsBuildVolumesAndLeave
        {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
     EXPECT_TRUE(fs::is_directory(target / standard)) << standard;
   }
-  EXPECT_EQ(restore(kB, dir() / "wrong-key", 8).error(),
-            "channels/" + kB + "/manifest.json: decryption failed (wrong key, or the object is corrupt)");
+  EXPECT_EQ(restored(kB, 8), (Tree{{"error", "channels/" + kB + "/manifest.json: decryption "
+                                             "failed (wrong key, or the object is corrupt)"}}));
 }
 
 TEST_F(SnapshotEngineTest, PruneKeepsTheNewestSweepsOnlyWhatNoManifestNamesAndStopsAtAFailure) {
@@ -165,6 +162,7 @@ TEST_F(SnapshotEngineTest, PruneKeepsTheNewestSweepsOnlyWhatNoManifestNamesAndSt
     setBuild(seed);
     ASSERT_TRUE(run(name));
   }
+  const Tree c = restored(kC);
   EXPECT_EQ(listed(), (Names{kA, kB, kC}));
   Names removed;
   auto pruned = pruneSnapshots(*store, 1, [&](const std::string& n) { removed.push_back(n); });
@@ -180,7 +178,7 @@ TEST_F(SnapshotEngineTest, PruneKeepsTheNewestSweepsOnlyWhatNoManifestNamesAndSt
   rill::PullOptions pull;
   pull.channel = "nightly";
   EXPECT_TRUE(rill::pullChannel(nightly, dir() / "nightly", pull));
-  EXPECT_TRUE(restore(kC, dir() / "restored"));
+  EXPECT_EQ(restored(kC), c);
 
   ASSERT_TRUE(run(kD));
   const std::string error = pruneSnapshots(*sealed(7, {}, {Op::kRemove, 1}), 1).error();
@@ -204,44 +202,40 @@ TEST_F(SnapshotEngineTest, RunsRecordTheirOutcomeOnceTheStoreIsOpenAndPruneToThe
   EXPECT_EQ(run(kA).error(), collision);
   EXPECT_EQ(recorded(), "failed " + kA + ": " + collision);
   // backup.json is read once per run: a schedule written meanwhile waits for the next run.
-  ASSERT_TRUE(run(kB, hooks([&] { ASSERT_TRUE(writeSchedule(backupConfigPath(data()), {"", 1})); })));
+  ASSERT_TRUE(run(kB, [&] { ASSERT_TRUE(writeSchedule(backupConfigPath(data()), {"", 1})); }));
   EXPECT_EQ(listed(), (Names{kA, kB}));
   // A failed prune after the run (the list after the publish's) still counts as a backup.
-  ASSERT_TRUE(run(kC, hooked({}, {Op::kList, 2})));
-  EXPECT_TRUE(recorded().starts_with("ok " + kC + ": backup ok; prune failed: list: injected"))
-      << recorded();
+  ASSERT_TRUE(run(kC, {}, {}, {Op::kList, 2}));
+  EXPECT_TRUE(recorded().starts_with("ok " + kC + ": backup ok; prune failed: list: injected"));
   ASSERT_TRUE(run(kD));
   EXPECT_EQ(listed(), Names{kD});
   EXPECT_EQ(recorded(), "ok " + kD + ": ");
 
-  // A file that changes or vanishes while the run reads the tree is taken as it was, or left out;
+  // A file that changes or vanishes while the tree is read is taken as it was, or left out;
   // scanned first, the big one's chunks are checked while the rest of the tree is read.
   writeFile(data() / "access-requests/big.json", randomBytes(100000, 5));
-  ASSERT_TRUE(run(kE, hooked(rill::test::once("exists", "chunks/", [this] {
-    writeFile(data() / "access-requests/big.json", randomBytes(100000, 6));
-    fs::remove(data() / "tokens/t1.json");
-  }))));
+  ASSERT_TRUE(run(kE, {}, rill::test::once("exists", "chunks/", [this] {
+                    writeFile(data() / "access-requests/big.json", randomBytes(100000, 6));
+                    fs::remove(data() / "tokens/t1.json");
+                  })));
   EXPECT_EQ(recorded(), "ok " + kE + ": ");
   Tree expected = withoutState(data());
   expected.erase("access-requests/big.json");
-  EXPECT_EQ(restoredTree(kE), expected);
-}
-TEST_F(SnapshotEngineTest, ARunThatCannotRecordItsOutcomeSaysSo) {
+  EXPECT_EQ(restored(kE), expected);
+
+  // A run that cannot record its outcome says so, and so does the server's line for it.
+  fs::remove(backupStatePath(data()));
   fs::create_directories(backupStatePath(data()));  // a directory where the record belongs
   const std::string unrecorded = "cannot write " + backupStatePath(data()).string();
-  auto report = run(kA);
-  ASSERT_TRUE(report) << report.error();
+  const auto report = run(kF), again = run(kF);
   EXPECT_EQ(report.value().unrecorded, unrecorded);
-  const auto again = run(kA);
-  EXPECT_EQ(again.error(), "channel '" + kA +
-                               "' already published (use --force to overwrite) (not recorded: " +
-                               unrecorded + ")");
-  // The server's line for a scheduled run.
+  EXPECT_EQ(again.error(), "channel '" + kF + "' already published (use --force to overwrite) " +
+                               "(not recorded: " + unrecorded + ")");
   testing::internal::CaptureStderr();
   printRunOutcome("scheduled backup")(report);
   printRunOutcome("scheduled backup")(again);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "scheduled backup " + kA + " done (not recorded: " + unrecorded +
+            "scheduled backup " + kF + " done (not recorded: " + unrecorded +
                 ")\nscheduled backup failed: " + again.error() + "\n");
 }
 
@@ -259,9 +253,9 @@ TEST_F(SnapshotEngineTest, APruneWaitsForTheRunningSnapshotWhoseChunksItWouldSwe
   bool waiting = false;
   base::Result<PruneResult> pruned = base::Failure{"not run"};
   std::thread prune;
-  auto c = run(kC, hooks([&] {
+  auto c = run(kC, [&] {
     prune = std::thread([&] {
-      RunHooks h = hooks();
+      RunHooks h = hooked();
       h.onWait = [&] {
         std::lock_guard lock(mutex);
         waiting = true;
@@ -271,13 +265,11 @@ TEST_F(SnapshotEngineTest, APruneWaitsForTheRunningSnapshotWhoseChunksItWouldSwe
     });
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return waiting; }));
-  }));
+  });
   prune.join();
-  ASSERT_TRUE(c) << c.error();
   EXPECT_EQ(c.value().stats.uploaded, 1u);  // the state record; build 1 was found present
-  ASSERT_TRUE(pruned) << pruned.error();
   EXPECT_EQ(pruned.value().removed, 2u);
-  EXPECT_EQ(restoredTree(kC), expected);
+  EXPECT_EQ(restored(kC), expected);
 }
 
 TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
