@@ -151,8 +151,6 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
     ASSERT_TRUE(runBackup(data(), older));
   }
   writeFile(dir() / "incomplete.json", R"({"endpoint":"http://x"})");
-  writeFile(dir() / "locked.key", std::string(64, 'a'));
-  fs::permissions(dir() / "locked.key", fs::perms::none);
   // Restore: every refusal in its order, then the snapshot.
   walk(R"(
     backup list => 0 |   snap-20000101-000000  4 file(s), # bytes\n  snap-20000101-000001  *\n  $latest  *\n3 snapshot(s) in bucket 'quill-test' |
@@ -172,9 +170,12 @@ TEST_F(BackupCommandsTest, BackupListPruneAndRestoreSayExactlyWhatHappened) {
   // Key text is taken as it is, and an unreadable key file says why (root reads every file).
   EXPECT_EQ(openBackupStore(test::peerSettings(), " " + std::string(64, 'a')).error(),
             "encryption key must be 64 hex chars (or a file containing them)");
+  const std::string locked = (dir() / "locked.key").string();
+  writeFile(locked, std::string(64, 'a'));
+  fs::permissions(locked, fs::perms::none);
   if (::geteuid() != 0) {
-    EXPECT_EQ(openBackupStore(test::peerSettings(), vars_["dir"] + "/locked.key").error(),
-              "cannot read key file " + vars_["dir"] + "/locked.key: Permission denied");
+    EXPECT_EQ(openBackupStore(test::peerSettings(), locked).error(),
+              "cannot read key file " + locked + ": Permission denied");
   }
   walk(R"(
     restore $latest --prefix $prefix --key $key $peer --data-dir $dir/to => 0 | restored $latest -> $dir/to: 3 file(s), $bytes bytes (verified)\nCheck backup.json's key_file path on this machine before the next backup. |
