@@ -5,13 +5,11 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "backup/background_run.h"
 #include "backup/backup_run.h"
-#include "backup/backup_state.h"
 #include "backup/backup_texts.h"
 #include "backup/snapshots.h"
 #include "rill/providers/encrypted_provider.h"
@@ -248,23 +246,16 @@ TEST_F(SnapshotEngineTest, APruneWaitsForTheRunningSnapshotWhoseChunksItWouldSwe
   ASSERT_TRUE(run(kB));
   setBuild(1);
   const Tree expected = withoutState(data());
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool waiting = false;
+  std::promise<void> waiting;
   base::Result<PruneResult> pruned = base::Failure{"not run"};
   std::thread prune;
   auto c = run(kC, [&] {
     prune = std::thread([&] {
       RunHooks h = hooked();
-      h.onWait = [&] {
-        std::lock_guard lock(mutex);
-        waiting = true;
-        changed.notify_all();
-      };
+      h.onWait = [&] { waiting.set_value(); };
       pruned = pruneBackups(data(), 1, h);
     });
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return waiting; }));
+    EXPECT_EQ(waiting.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   });
   prune.join();
   EXPECT_EQ(c.value().stats.uploaded, 1u);  // the state record; build 1 was found present
