@@ -43,7 +43,9 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
                                   {{"http://127.0.0.1:1", "auto", "b", "k", "s"}, "unused", {}}));
   }
   fs::path data() const { return dir() / "data"; }
-  void setBuild(unsigned seed) { writeFile(data() / "builds/b1/app.bin", randomBytes(300000, seed)); }
+  void setBuild(unsigned seed) {
+    writeFile(data() / "builds/b1/app.bin", randomBytes(300000, seed));
+  }
 
   // The memory store sealed with a key of bytes `fill`, `hook` told of each operation first, and
   // the nth call of `failing.first` failing.
@@ -266,9 +268,10 @@ TEST_F(SnapshotEngineTest, APruneWaitsForTheRunningSnapshotWhoseChunksItWouldSwe
 TEST(SnapshotNames, AreUtcStampsOfFixedWidth) {
   using namespace std::chrono;
   EXPECT_EQ(snapshotNameAt(system_clock::time_point(seconds(1788490800))), "snap-20260904-030000");
-  for (auto [name, valid] : {std::pair{"snap-20260904-030000", true}, {"snap-abcdefgh-ijklmn", true},
-                             {"snap-2026090-030000", false}, {"snap-20260904-0300000", false},
-                             {"Snap-20260904-030000", false}, {"nightly", false}}) {
+  for (auto [name, valid] :
+       {std::pair{"snap-20260904-030000", true}, {"snap-abcdefgh-ijklmn", true},
+        {"snap-2026090-030000", false}, {"snap-20260904-0300000", false},
+        {"Snap-20260904-030000", false}, {"nightly", false}}) {
     EXPECT_EQ(isSnapshotName(name), valid) << name;
   }
 }

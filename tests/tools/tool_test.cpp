@@ -86,7 +86,8 @@ TEST(ToolTest, HostileDescriptorsAndErrorAnswersFailWithAMessage) {
            {"deep", "sync descriptor: nested too deep"},
            {"plain-error", "server answered HTTP 503: rill: no bucket"}}) {
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(runTool({"pull", channel, (dir.path() / "out").string(), "--server", server.origin()}), 1);
+    const std::string out = (dir.path() / "out").string();
+    EXPECT_EQ(runTool({"pull", channel, out, "--server", server.origin()}), 1);
     const std::string printed = ::testing::internal::GetCapturedStderr();
     EXPECT_TRUE(printed.starts_with(message)) << printed.substr(0, 200);
   }
