@@ -8,7 +8,6 @@
 #include "base/json_reader.h"
 #include "rill/chunks/chunk_codec.h"
 #include "rill/chunks/chunk_id.h"
-#include "rill/chunks/manifest.h"
 #include "rill/chunks/manifest_signature.h"
 #include "rill/ops/sync_descriptor.h"
 #include "rill/providers/storage_provider.h"
@@ -17,59 +16,53 @@
 namespace quill::rill {
 namespace {
 
-using Files = std::vector<ScannedFile>;
+using Rows = std::vector<std::pair<std::string, std::string>>;
 const std::string kDeep = std::string(200000, '[') + std::string(200000, ']');
+const std::string kMissing = "sync descriptor: manifest_url and chunks required";
 
-Manifest sample(Files files = {{"dir/x.bin", 4, {{chunkId("aaaa"), 4}}}, {"empty", 0, {}}}) {
+Manifest sample(std::vector<ScannedFile> files = {{"dir/x.bin", 4, {{chunkId("aaaa"), 4}}},
+                                                  {"empty", 0, {}}}) {
   return {{}, "nightly", "b-1", "2026-01-02T03:04:05Z", {std::move(files), {2, 1, 4, 4}}};
 }
 
-// `text` with each `from` replaced by its `to`.
-std::string edited(std::string text, std::vector<std::pair<std::string, std::string>> edits) {
-  for (const auto& [from, to] : edits) {
-    const auto at = text.find(from);
-    if (at == std::string::npos) ADD_FAILURE() << from << " not in " << text;
-    else text.replace(at, from.size(), to);
-  }
+// `text` with each `from` replaced by its `to` (out_of_range when it is not there).
+std::string edited(std::string text, const Rows& edits) {
+  for (const auto& [from, to] : edits) text.replace(text.find(from), from.size(), to);
   return text;
 }
 
 TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAreRead) {
-  const std::string good = serializeManifest(sample());
+  const std::string good = serializeManifest(sample()), e = "manifest parse error: ";
   EXPECT_NE(good.find("\n  \"build\" : \"b-1\""), std::string::npos) << good;
   EXPECT_NE(good.find("\"algo\" : \"fastcdc-gear\""), std::string::npos);
-  const auto back = parseManifest(good);
-  ASSERT_TRUE(back) << back.error();
-  EXPECT_EQ(back.value().tree.files, sample().tree.files);
-  EXPECT_EQ(back.value().tree.stats, sample().tree.stats);
-  EXPECT_EQ(back.value().created, "2026-01-02T03:04:05Z");
-  EXPECT_EQ(serializeManifest(back.value()), good);
-
-  const std::string e = "manifest parse error: ", n = "\"n\" : 4", size = "\"size\" : 4";
-  const std::pair<std::string, std::string> cases[] = {  // text, start of the error
-      {edited(good, {{"\"schema\" : 1", "\"schema\" : 2"}}), "unsupported manifest schema"},
-      {"not json", e}, {"[1]", e + "not a JSON object"},
-      {edited(good, {{size, "\"size\" : 5"}}), e + "files[0] chunks"},
-      {edited(good, {{n, "\"n\" : \"4\""}}), e + "files[0] has a"},
-      {edited(good, {{chunkId("aaaa"), "ABC"}}), e + "files[0] has a"},
-      {edited(good, {{"\"channel\" : \"nightly\"", "\"channel\" : 7"}}), e},
-      {edited(good, {{"\"min\" : 1048576", "\"min\" : 99999999"}}), e + "chunker"},
-      // What a hostile store could use to make a reader allocate or work without bound.
-      {edited(good, {{"\"min\" : 1048576", "\"min\" : 1"}, {"\"avg\" : 4194304", "\"avg\" : 1"},
-                     {"\"max\" : 16777216", "\"max\" : 1"}}),
-       e + "chunker: sizes must lie between 1024 and 67108864 bytes"},
-      {edited(good, {{"\"max\" : 16777216", "\"max\" : 1099511627776"}}), e + "chunker: sizes"},
-      {edited(good, {{n, "\"n\" : 1099511627776"}, {size, "\"size\" : 1099511627776"}}),
-       e + "files[0] has a chunk longer than the chunker's max"},
-      {edited(good, {{n, "\"n\" : 18446744073709551615"}, {size, "\"size\" : 18446744073709551615"}}),
-       e + "files[0] has a chunk longer"},
-      {"{\"files\":" + kDeep + "}", e + "nested too deep"},
-      {std::string(kMaxManifestBytes + 1, ' '), e + "too large"},
-      {serializeManifest(sample({{"a", 0, {}}, {"a", 0, {}}})), e + "path a is named twice"},
-      {serializeManifest(sample({{"a", 0, {}}, {"a-b", 0, {}}, {"a/b", 0, {}}})),
-       e + "path a is both a file and a directory"},
-  };
-  for (const auto& [text, error] : cases)
+  const Manifest back = parseManifest(good).value();
+  EXPECT_EQ(back.tree.files, sample().tree.files);
+  EXPECT_EQ(back.tree.stats, sample().tree.stats);
+  EXPECT_EQ(back.created, "2026-01-02T03:04:05Z");
+  EXPECT_EQ(serializeManifest(back), good);
+  const std::string n = "\"n\" : 4", size = "\"size\" : 4", max = "\"max\" : 16777216";
+  for (const auto& [text, error] : Rows{  // the text, the start of the error
+           {edited(good, {{"\"schema\" : 1", "\"schema\" : 2"}}), "unsupported manifest schema"},
+           {"not json", e}, {"[1]", e + "not a JSON object"},
+           {edited(good, {{size, "\"size\" : 5"}}), e + "files[0] chunks"},
+           {edited(good, {{n, "\"n\" : \"4\""}}), e + "files[0] has a"},
+           {edited(good, {{chunkId("aaaa"), "ABC"}}), e + "files[0] has a"},
+           {edited(good, {{"\"channel\" : \"nightly\"", "\"channel\" : 7"}}), e},
+           {edited(good, {{"\"min\" : 1048576", "\"min\" : 99999999"}}), e + "chunker"},
+           // What a hostile store could use to make a reader allocate or work without bound.
+           {edited(good, {{"\"min\" : 1048576", "\"min\" : 1"}, {"\"avg\" : 4194304", "\"avg\" : 1"},
+                          {max, "\"max\" : 1"}}),
+            e + "chunker: sizes must lie between 1024 and 67108864 bytes"},
+           {edited(good, {{max, "\"max\" : 1099511627776"}}), e + "chunker: sizes"},
+           {edited(good, {{n, "\"n\" : 1099511627776"}, {size, "\"size\" : 1099511627776"}}),
+            e + "files[0] has a chunk longer than the chunker's max"},
+           {edited(good, {{n, "\"n\" : 18446744073709551615"}, {size, "\"size\" : 18446744073709551615"}}),
+            e + "files[0] has a chunk longer"},
+           {"{\"files\":" + kDeep + "}", e + "nested too deep"},
+           {std::string(kMaxManifestBytes + 1, ' '), e + "too large"},
+           {serializeManifest(sample({{"a", 0, {}}, {"a", 0, {}}})), e + "path a is named twice"},
+           {serializeManifest(sample({{"a", 0, {}}, {"a-b", 0, {}}, {"a/b", 0, {}}})),
+            e + "path a is both a file and a directory"}})
     EXPECT_TRUE(parseManifest(text).error().starts_with(error)) << parseManifest(text).error();
   Manifest beta = sample();
   beta.channel = "beta";
@@ -77,8 +70,8 @@ TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAreRead) {
             "manifest is for channel 'beta', not 'nightly'");
   for (const char* path : {"a", "a/b.txt", "dir/.hidden", "x..y", "ab:c"})
     EXPECT_TRUE(isSafeManifestPath(path)) << path;
-  for (const char* path : {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x",
-                           "a\\..\\x", "."})
+  for (const char* path :
+       {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x", "a\\..\\x", "."})
     EXPECT_FALSE(isSafeManifestPath(path)) << path;
 }
 
@@ -86,12 +79,11 @@ TEST(Manifest, SignaturesCoverTheExactBytes) {
   const SigningKeyPair keys = generateSigningKeyPair();
   EXPECT_EQ(keys.secretKeyHex.size(), 128u);
   EXPECT_EQ(publicKeyOf(keys.secretKeyHex).value(), keys.publicKeyHex);
-  const std::string signature = signManifest("manifest bytes", keys.secretKeyHex).value();
-  EXPECT_TRUE(verifyManifest("manifest bytes", signature + "\n", keys.publicKeyHex));
-  EXPECT_EQ(verifyManifest("manifest bytes ", signature, keys.publicKeyHex).error(),
-            "signature does not verify");
-  EXPECT_EQ(verifyManifest("manifest bytes", signature, generateSigningKeyPair().publicKeyHex)
-                .error(), "signature does not verify");
+  const std::string signature = signManifest("bytes", keys.secretKeyHex).value();
+  EXPECT_TRUE(verifyManifest("bytes", signature + "\n", keys.publicKeyHex));
+  for (const auto& [message, key] : Rows{{"bytes ", keys.publicKeyHex},
+                                         {"bytes", generateSigningKeyPair().publicKeyHex}})
+    EXPECT_EQ(verifyManifest(message, signature, key).error(), "signature does not verify");
   for (const std::string& bad : {keys.secretKeyHex.substr(2), "zz" + keys.secretKeyHex.substr(2)})
     EXPECT_EQ(signManifest("m", bad).error(), "bad secret key (need 64-byte hex)");
   EXPECT_EQ(verifyManifest("m", signature, keys.secretKeyHex).error(), "bad public key");
@@ -99,11 +91,10 @@ TEST(Manifest, SignaturesCoverTheExactBytes) {
 }
 
 TEST(Manifest, EveryStoredChunkFormDecodesAndVerifies) {
-  std::string text;
+  std::string text, noise = test::randomBytes(300 * 1024, 2);
   for (int i = 0; i < 3000; ++i) text += "line " + std::to_string(i) + " of a text file\n";
-  const std::string noise = test::randomBytes(300 * 1024, 2);
   const ChunkRef textRef{chunkId(text), text.size()}, noiseRef{chunkId(noise), noise.size()};
-  const std::string packed = encodeChunk(text, true), raw = encodeChunk(noise, true);
+  std::string packed = encodeChunk(text, true), raw = encodeChunk(noise, true);
   EXPECT_LT(packed.size(), text.size() / 4);
   // Noise is not worth compressing: raw blocks a few bytes over the chunk, for any zstd decoder.
   EXPECT_LE(raw.size(), noise.size() + 9 + 3 * 3);
@@ -114,9 +105,8 @@ TEST(Manifest, EveryStoredChunkFormDecodesAndVerifies) {
   for (const auto& [object, ref] :
        {std::pair{packed, textRef}, {raw, noiseRef}, {encodeChunk(text, false), textRef}})
     EXPECT_EQ(chunkId(decodeChunk(object, ref).value()), ref.h);
-  std::string tampered = raw;
-  tampered[tampered.size() / 2] ^= 1;
-  EXPECT_EQ(decodeChunk(tampered, noiseRef).error(),
+  raw[raw.size() / 2] ^= 1;
+  EXPECT_EQ(decodeChunk(raw, noiseRef).error(),
             "chunk " + noiseRef.h + " failed to decode/verify (corrupt or tampered)");
   EXPECT_EQ(decodeChunk(packed, {textRef.h, text.size() + 1}).error(),
             "chunk size mismatch for " + textRef.h);
@@ -124,14 +114,12 @@ TEST(Manifest, EveryStoredChunkFormDecodesAndVerifies) {
   EXPECT_FALSE(decodeChunk(packed, {textRef.h, 10}));
 }
 
-const S3Client kBucket({"http://127.0.0.1:9", "", "b", "key", "secret"});
-
-Result<std::uint64_t> write(const Manifest& m, std::string& text, std::uint64_t maxBytes) {
-  const auto sink = [&](std::string_view piece) { return text += piece, true; };
-  return writeSyncDescriptor(kBucket, "ch", m, 300, sink, maxBytes);
-}
-
 TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounded) {
+  const S3Client bucket({"http://127.0.0.1:9", "", "b", "key", "secret"});
+  const auto write = [&](const Manifest& m, std::string& text, std::uint64_t maxBytes) {
+    return writeSyncDescriptor(bucket, "ch", m, 300, [&](auto piece) { return text += piece, true; },
+                               maxBytes);
+  };
   Json::StreamWriterBuilder styled;  // what the JSON writer makes of the same document
   styled["indentation"] = "  ";
   styled["emitUTF8"] = true;
@@ -141,11 +129,8 @@ TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounde
     std::string text;
     const auto written = write(m, text, kMaxSyncDescriptorBytes);
     EXPECT_EQ(written.value(), text.size());
-    const auto json = base::parseJson(text);
-    ASSERT_TRUE(json) << text;
-    EXPECT_EQ(text, Json::writeString(styled, *json) + "\n");
-    EXPECT_EQ((*json)["channel"], m.channel);
-    const auto links = parseSyncDescriptor(text).value();
+    EXPECT_EQ(text, Json::writeString(styled, base::parseJson(text).value_or(0)) + "\n");
+    const PresignedLinks links = parseSyncDescriptor(text).value();
     EXPECT_EQ(links.chunks.size(), m.tree.files.empty() ? 0u : 2u);
     for (const auto& [id, url] : links.chunks)
       EXPECT_TRUE(url.starts_with("http://127.0.0.1:9/b/" + defaultChunkKey(id) + "?")) << url;
@@ -159,23 +144,16 @@ TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounde
             "sync descriptor larger than " + std::to_string(whole.size() - 1) + " bytes");
   EXPECT_LT(cut.size(), whole.size());
   int pieces = 0;
-  EXPECT_EQ(writeSyncDescriptor(kBucket, "ch", m, 300, [&](auto) { return ++pieces < 3; }).error(),
+  EXPECT_EQ(writeSyncDescriptor(bucket, "ch", m, 300, [&](auto) { return ++pieces < 3; }).error(),
             "cannot write sync descriptor");
   EXPECT_EQ(pieces, 3);
-}
-
-TEST(SyncDescriptor, ReadingFailsWithAReasonAndNeverThrows) {
-  const std::string required = "sync descriptor: manifest_url and chunks required";
-  const std::pair<std::string, std::string> cases[] = {
-      {"", "sync descriptor: "}, {kDeep, "sync descriptor: nested too deep"},
-      {"[1]", "sync descriptor: not a JSON object"}, {R"({"chunks": {}})", required},
-      {R"({"manifest_url": "u", "chunks": []})", required},
-      {R"({"manifest_url": "u", "chunks": {"a": 1}})", "sync descriptor: chunk links must be strings"},
-  };
-  for (const auto& [text, error] : cases) {
-    const auto links = parseSyncDescriptor(text);
-    EXPECT_TRUE(!links && links.error().starts_with(error)) << text.substr(0, 40);
-  }
+  for (const auto& [text, error] : Rows{  // reading fails with a reason and never throws
+           {"", "sync descriptor: "}, {kDeep, "sync descriptor: nested too deep"},
+           {"[1]", "sync descriptor: not a JSON object"}, {R"({"chunks": {}})", kMissing},
+           {R"({"manifest_url": "u", "chunks": []})", kMissing},
+           {R"({"manifest_url": "u", "chunks": {"a": 1}})", "sync descriptor: chunk links must be strings"}})
+    EXPECT_TRUE(!parseSyncDescriptor(text) && parseSyncDescriptor(text).error().starts_with(error))
+        << text.substr(0, 40);
 }
 
 }  // namespace

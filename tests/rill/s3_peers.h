@@ -1,10 +1,9 @@
 #pragma once
-// The S3 test peers (tests/rill-peers/peers.mjs): s3rver behind a front that verifies signatures,
-// on 127.0.0.1, started once per test program on first use. They exit with it (stdin closes).
+// The S3 test peers (tests/rill-peers/peers.mjs, installed by scripts/install-deps.sh): s3rver
+// behind a front that verifies signatures, on 127.0.0.1, started once per test program on first
+// use. They exit with it, as their standard input closes.
 
-#include <filesystem>
 #include <memory>
-#include <string>
 
 #include "rill/transport/s3_client.h"
 #include "support/node_peer.h"
@@ -24,7 +23,7 @@ class S3Peers {
     return peers;
   }
   const std::string& skipReason() const { return skipReason_; }
-  const std::string& failure() const { return failure_; }
+  const std::string& failure() const { return peer_ ? peer_->failure() : skipReason_; }
   std::string endpoint() const { return peer_ ? peer_->origin() : ""; }
   S3Settings settings(const std::string& secretKey = kPeerSecretKey) const {
     return {endpoint(), "", kPeerBucket, kPeerAccessKey, secretKey};
@@ -32,24 +31,20 @@ class S3Peers {
 
  private:
   S3Peers() {
-    const auto dir = std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers";
     if (quill::test::programOnPath("node").empty()) {
       skipReason_ = "node is not installed; the S3 tests need it (scripts/install-deps.sh)";
-    } else if (!std::filesystem::exists(dir / "node_modules" / "s3rver")) {
-      failure_ = "s3rver is not installed in " + dir.string() + " (run scripts/install-deps.sh)";
-    } else {
-      peer_ = std::make_unique<quill::test::NodePeer>(
-          dir / "peers.mjs",
-          std::vector<std::string>{"--dir", data_.path().string(), "--bucket", kPeerBucket,
-                                   "--max-keys", std::to_string(kPeerPageSize)},
-          std::vector<std::string>{"--openssl-legacy-provider"});
-      failure_ = peer_->failure();
+      return;
     }
+    peer_ = std::make_unique<quill::test::NodePeer>(
+        std::filesystem::path(QUILL_SOURCE_DIR) / "tests/rill-peers/peers.mjs",
+        std::vector<std::string>{"--dir", data_.path().string(), "--bucket", kPeerBucket,
+                                 "--max-keys", std::to_string(kPeerPageSize)},
+        std::vector<std::string>{"--openssl-legacy-provider"});
   }
 
   quill::test::TempDir data_;
   std::unique_ptr<quill::test::NodePeer> peer_;
-  std::string skipReason_, failure_;
+  std::string skipReason_;
 };
 
 // Skips the current test when node is missing; fails it when the peers could not start.
