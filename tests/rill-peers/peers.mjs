@@ -1,14 +1,10 @@
-// Test peers for the storage tests: s3rver (an S3-compatible server) behind a front that checks
-// AWS Signature Version 4 as a real store does (s3rver checks only the access key), on 127.0.0.1:
+// S3 test peers on 127.0.0.1: s3rver, behind a front that checks AWS Signature Version 4 as a real
+// store does (s3rver checks only the access key). Prints "ready <front port> <s3rver port>", then
+// runs until killed or until its standard input closes:
 //   node --openssl-legacy-provider peers.mjs --dir <dir> --bucket <name> [--max-keys <n>]
 //                                            [--delay-ms <n>]
-// prints "ready <front port> <s3rver port>", then runs until killed or its standard input closes.
-// Refusals are the store's XML errors: a wrong secret or altered signed part (SignatureDoesNotMatch
-// 403), an unknown key (InvalidAccessKeyId 403), a body not hashing to x-amz-content-sha256
-// (XAmzContentSHA256Mismatch 400), unsigned or expired (AccessDenied 403), dated over 15 minutes
-// off (RequestTimeTooSkewed 403), malformed (InvalidArgument 400). --max-keys pages every listing
-// that small; --delay-ms holds every answer, like a distant store. A PUT is answered once s3rver
-// serves the whole object.
+// --max-keys pages every listing that small; --delay-ms holds every answer, like a distant store.
+// Refusals are the store's XML errors, with its codes and statuses.
 
 import crypto from 'node:crypto';
 import http from 'node:http';
@@ -47,14 +43,14 @@ function verify(req, rawPath, rawQuery, body) {
       || !Number.isInteger(expires) || expires < 1 || expires > 604800) {
     throw refusal(400, 'InvalidArgument', 'Malformed authorization.');
   }
-  if (key !== KEY) throw refusal(403, 'InvalidAccessKeyId', 'The access key you provided does not exist.');
+  if (key !== KEY) throw refusal(403, 'InvalidAccessKeyId', 'The access key does not exist.');
   const wanted = header ? ['host', 'x-amz-content-sha256', 'x-amz-date'] : ['host'];
   if (!time || dateStamp !== amzDate.slice(0, 8) || wanted.some((h) => !signed.includes(h))) {
     throw mismatch();
   }
   const now = Date.now() / 1000;
   if (header && Math.abs(now - time) > expires) {
-    throw refusal(403, 'RequestTimeTooSkewed', 'The request time is too far from the current time.');
+    throw refusal(403, 'RequestTimeTooSkewed', 'The request time is too far from now.');
   }
   if (!header && now > time + expires) throw refusal(403, 'AccessDenied', 'Request has expired');
   const payloadHash = header ? req.headers['x-amz-content-sha256'] : 'UNSIGNED-PAYLOAD';
@@ -64,10 +60,10 @@ function verify(req, rawPath, rawQuery, body) {
   }
   const canonicalQuery = [...query].filter(([name]) => header || name !== 'X-Amz-Signature')
     .map(([name, value]) => [awsEncode(name), awsEncode(value)])
-    .sort(([a, x], [b, y]) => (a === b ? (x < y ? -1 : 1) : a < b ? -1 : 1)).map((p) => p.join('='));
+    .sort(([a, x], [b, y]) => (a === b ? (x < y ? -1 : 1) : a < b ? -1 : 1));
   const canonical = [req.method, awsEncode(decodeURIComponent(rawPath)).replace(/%2F/g, '/'),
-    canonicalQuery.join('&'),
-    ...signed.map((name) => `${name}:${String(req.headers[name] ?? '').trim().replace(/\s+/g, ' ')}`),
+    canonicalQuery.map((pair) => pair.join('=')).join('&'),
+    ...signed.map((name) => `${name}:${`${req.headers[name] ?? ''}`.trim().replace(/\s+/g, ' ')}`),
     '', signedHeaders, payloadHash].join('\n');
   const signingKey = [dateStamp, region, 's3', 'aws4_request'].reduce(hmac, `AWS4${KEY}`);
   const scope = `${dateStamp}/${region}/s3/aws4_request`;
@@ -85,7 +81,7 @@ const forward = (method, path, headers, body) => new Promise((resolve, reject) =
 const front = http.createServer(async (req, res) => {
   try {
     const body = Buffer.concat(await req.toArray());
-    await sleep(Number(arg['delay-ms'] ?? 0));
+    if (arg['delay-ms']) await sleep(Number(arg['delay-ms']));
     const [rawPath, rawQuery = ''] = req.url.split(/\?(.*)/s);
     try {
       verify(req, rawPath, rawQuery, body);
