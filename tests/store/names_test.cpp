@@ -1,95 +1,105 @@
+// The pure text rules of the store: names, relative paths, UTC stamps and random text.
+
 #include "store/names.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <cctype>
+#include <ctime>
+#include <limits>
+#include <set>
+
+#include "store/random.h"
+#include "store/utc_time.h"
 
 namespace quill::store {
 namespace {
 
-using testing::PrintToString;
 using Strings = std::initializer_list<std::string>;
+const std::string kNul("a\0b", 3);
 
-TEST(Names, ReservedDeviceNamesMatchTheStemCaseInsensitively) {
-  for (const char* name : {"CON", "nul", "Com1.json", "lpt9.tar.gz", "PRN.", "aux"}) {
-    EXPECT_TRUE(isReservedDeviceName(name)) << name;
-  }
-  for (const char* name : {"console", "COM0", "LPT10", "CON-1", ".con", "", "a.CON"}) {
-    EXPECT_FALSE(isReservedDeviceName(name)) << name;
+void expectAll(bool (*rule)(std::string_view), bool expected, Strings texts) {
+  for (const std::string& text : texts) {
+    EXPECT_EQ(rule(text), expected) << testing::PrintToString(text);
   }
 }
 
-TEST(Names, ValidNameRule) {
-  const Strings valid = {"a", std::string(128, 'a'), "Build_2026-05.01", "...", ".hidden", "a..b"};
-  for (const std::string& name : valid) EXPECT_TRUE(isValidName(name)) << name;
-
-  const Strings invalid = {
-      "",   ".", "..", "con", "Con", "nul.json", "a b", "a/b", "a\\b", "a:b", "\xC3\xA9t\xC3\xA9",
-      "a+b"};
-  for (const std::string& name : invalid) EXPECT_FALSE(isValidName(name)) << PrintToString(name);
-  EXPECT_FALSE(isValidName(std::string(129, 'a')));
-  EXPECT_FALSE(isValidName(std::string("a\0b", 3)));
+TEST(Names, DeviceNamesAndValidNames) {
+  expectAll(isReservedDeviceName, true, {"CON", "nul", "Com1.json", "lpt9.tar.gz", "PRN.", "aux"});
+  expectAll(isReservedDeviceName, false,
+            {"console", "COM0", "LPT10", "CON-1", ".con", "", "a.CON"});
+  expectAll(isValidName, true,
+            {"a", std::string(128, 'a'), "Build_2026-05.01", "...", ".hidden", "a..b"});
+  expectAll(isValidName, false,
+            {"", ".", "..", "con", "Con", "nul.json", "a b", "a/b", "a\\b", "a:b",
+             "\xC3\xA9t\xC3\xA9", "a+b", std::string(129, 'a'), kNul});
 }
 
-TEST(Names, SafeRelativePathAcceptsOrdinaryPathsAndRefusesEscapesAndBadSegments) {
-  for (const char* path : {"bin/game.exe", "a", "Game Data/\xC3\xA9t\xC3\xA9.pak", "a.b/c..d/e",
-                           "dir/.hidden", "\xF0\x9F\x98\x80.png"}) {
-    EXPECT_TRUE(isSafeRelativePath(path)) << path;
-  }
-  const Strings escapes = {
-      "",         "/bin/game.exe", "bin//game.exe", "bin/", "bin\\game.exe", "../game.exe",
-      "bin/../x", "./x",           "bin/.",         "C:/x"};
-  const Strings badSegments = {"bin/aux.dll", "bin./x", "bin/x.", " bin/x", "bin/x "};
-  const Strings badBytes = {"a\"b", "a*b",   "a<b",   "a>b",  "a?b",
-                            "a|b",  "a\x1F", "a\x7F", "a\tb", std::string("a\0b", 3)};
-  for (const Strings& list : {escapes, badSegments, badBytes}) {
-    for (const std::string& path : list) {
-      EXPECT_FALSE(isSafeRelativePath(path)) << PrintToString(path);
-    }
-  }
-}
-
-TEST(Names, SafeRelativePathLimitsCountBytesAndSegments) {
-  std::string thirtyTwo = "a";
-  for (int i = 1; i < 32; ++i) thirtyTwo += "/a";
-  EXPECT_TRUE(isSafeRelativePath(thirtyTwo));
-  EXPECT_FALSE(isSafeRelativePath(thirtyTwo + "/a"));
-
-  // 255 + 255 + 255 + 254 + 1 bytes and four slashes make 1024; a file name holds at most 255.
-  const std::string longest = std::string(255, 'a');
-  const std::string full =
-      longest + "/" + longest + "/" + longest + "/" + std::string(254, 'a') + "/b";
-  ASSERT_EQ(full.size(), 1024u);
-  EXPECT_TRUE(isSafeRelativePath(full));
-  EXPECT_FALSE(isSafeRelativePath(full + "d"));
-  EXPECT_FALSE(isSafeRelativePath(longest + "a"));
-  EXPECT_FALSE(isSafeRelativePath("dir/" + longest + "a"));
-  std::string wide = "x";  // 127 two-byte letters after one byte: a 255-byte segment
-  for (int i = 0; i < 127; ++i) wide += "\xC3\xA9";
-  EXPECT_TRUE(isSafeRelativePath(wide));
-  EXPECT_FALSE(isSafeRelativePath(wide + "a"));
-}
-
-TEST(Names, SafeRelativePathRequiresStrictUtf8) {
-  for (const char* path : {
-           "\xC0\x80",              // over-long NUL
-           "\xE0\x80\xAF",          // over-long "/" in three bytes
-           "\xF0\x8F\xBF\xBF",      // over-long 4-byte
-           "\xED\xA0\x80",          // surrogate D800
-           "\xED\xBF\xBF",          // surrogate DFFF
-           "\xF4\x90\x80\x80",      // above 10FFFF
-           "\xF8\x88\x80\x80\x80",  // 5-byte lead
-           "a\xBF",                 // continuation without a lead
-           "\xE2\x82",              // runs past the end
-           "\xE2\x28\xA1",          // bad continuation
-       }) {
-    EXPECT_FALSE(isSafeRelativePath(path)) << PrintToString(std::string(path));
-  }
+TEST(Names, SafeRelativePath) {
+  expectAll(isSafeRelativePath, true,
+            {"bin/game.exe", "a", "Game Data/\xC3\xA9t\xC3\xA9.pak", "a.b/c..d/e", "dir/.hidden",
+             "\xF0\x9F\x98\x80.png"});
+  // Escapes, bad segments, bad bytes.
+  expectAll(isSafeRelativePath, false,
+            {"",         "/bin/game.exe", "bin//game.exe", "bin/",  "bin\\game.exe", "../game.exe",
+             "bin/../x", "./x",           "bin/.",         "C:/x",  "bin/aux.dll",   "bin./x",
+             "bin/x.",   " bin/x",        "bin/x ",        "a\"b",  "a*b",           "a<b",
+             "a>b",      "a?b",           "a|b",           "a\x1F", "a\x7F",         "a\tb",
+             kNul});
+  // Strict UTF-8: over-long forms (NUL, "/", 4-byte), surrogates, above 10FFFF, a 5-byte lead,
+  // a stray continuation, a sequence cut short, a bad continuation.
+  expectAll(isSafeRelativePath, false,
+            {"\xC0\x80", "\xE0\x80\xAF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xED\xBF\xBF",
+             "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80", "a\xBF", "\xE2\x82", "\xE2\x28\xA1"});
   // The smallest and largest value of each length, and both sides of the surrogate block.
-  for (const char* path : {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
-                           "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
-    EXPECT_TRUE(isSafeRelativePath(path)) << PrintToString(std::string(path));
+  expectAll(isSafeRelativePath, true,
+            {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
+             "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"});
+
+  // At most 32 segments, 1024 bytes, 255 bytes a segment (counted in bytes, not letters).
+  std::string deep = "a";
+  for (int i = 1; i < 32; ++i) deep += "/a";
+  const std::string seg(255, 'a');
+  std::string accented = "x";  // 127 two-byte letters after one byte: a 255-byte segment
+  for (int i = 0; i < 127; ++i) accented += "\xC3\xA9";
+  const std::string full = seg + "/" + seg + "/" + seg + "/" + std::string(254, 'a') + "/b";
+  ASSERT_EQ(full.size(), 1024u);
+  expectAll(isSafeRelativePath, true, {deep, full, accented});
+  expectAll(isSafeRelativePath, false,
+            {deep + "/a", full + "d", seg + "a", "dir/" + seg + "a", accented + "a"});
+}
+
+TEST(UtcTime, FormatParseAndNow) {
+  const std::pair<std::int64_t, const char*> known[] = {{0, "1970-01-01T00:00:00Z"},
+                                                        {-1, "1969-12-31T23:59:59Z"},
+                                                        {951782400, "2000-02-29T00:00:00Z"},
+                                                        {1777627800, "2026-05-01T09:30:00Z"}};
+  for (const auto& [seconds, text] : known) {
+    EXPECT_EQ(formatUtc(seconds), text);
+    EXPECT_EQ(parseUtc(text), seconds) << text;
   }
+  EXPECT_EQ(formatUtc(std::numeric_limits<std::int64_t>::max()), "invalid");
+  EXPECT_EQ(parseUtc("2026-05-01T09:30:00"), 1777627800);  // the zone is ignored
+  const auto now = parseUtc(nowUtcText());
+  ASSERT_TRUE(now.has_value());
+  EXPECT_LE(std::abs(*now - static_cast<std::int64_t>(std::time(nullptr))), 5);
+  // Six numbers are needed, and the int offsets of a calendar time must not overflow.
+  for (const char* text :
+       {"", "invalid", "2026-05-01", "2026-05-01T09:30", "2026/05/01T09:30:00",
+        "2026-05-01 09:30:00Z", "-2147483648-01-01T00:00:00Z", "2026--2147483648-01T00:00:00Z"}) {
+    EXPECT_EQ(parseUtc(text), std::nullopt) << text;
+  }
+}
+
+TEST(RandomString, RequestedLengthOfAllSixtyTwoLettersAndDigitsOnly) {
+  for (const std::size_t length : {0u, 1u, 48u}) EXPECT_EQ(randomString(length).size(), length);
+  // With 20000 draws the chance that one of the 62 characters never appears is below 1e-130.
+  std::set<char> seen;
+  for (const char c : randomString(20000)) {
+    ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << static_cast<int>(c);
+    seen.insert(c);
+  }
+  EXPECT_EQ(seen.size(), 62u);
 }
 
 }  // namespace
