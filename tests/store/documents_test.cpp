@@ -26,6 +26,7 @@ namespace quill::store {
 namespace {
 
 using test::readBytes;
+using namespace std::chrono_literals;
 
 class DocumentsTest : public test::TempDirTest {
  protected:
@@ -165,23 +166,17 @@ TEST_F(DocumentsTest, TheDataDirectoryIsPreparedAndCleanedAtStartUp) {
 
   // Only document temporaries of before start-up go: not other names, nor build records, nor a
   // write begun since (an offline command's).
-  const std::string t = ".json.AbCdEfGh1234.tmp";
+  const std::string t = ".json.AbCdEfGh1234.tmp", build = "builds/b1" + t, late = "tokens/t" + t;
   const auto startedAt = fs::file_time_type::clock::now();
-  for (const std::string& file : std::initializer_list<std::string>{
-           "users/a" + t, "sso" + t, "access-requests/r" + t, "users/a.json", "users/b.json.tmp",
-           "builds/b1" + t, "tokens/t" + t}) {
+  for (const std::string& file : {"users/a" + t, "sso" + t, "access-requests/r" + t, build, late,
+                                  std::string("users/a.json"), std::string("users/b.json.tmp")}) {
     std::ofstream(data.root() / file) << "{";
-    const auto age =
-        file.starts_with("tokens") ? std::chrono::seconds(1) : -std::chrono::minutes(1);
-    fs::last_write_time(data.root() / file, startedAt + age);
+    fs::last_write_time(data.root() / file, startedAt + (file == late ? 1s : -60s));
   }
   data.removeDocumentLeftovers(startedAt);
-  EXPECT_EQ(tree(data.root()), "access-requests/ builds/ builds/b1" + t +
-                                   " channels/ groups/ "
-                                   "invites/ tokens/ tokens/t" +
-                                   t +
-                                   " users/ users/a.json "
-                                   "users/b.json.tmp ");
+  EXPECT_EQ(tree(data.root()), "access-requests/ builds/ " + build +
+                                   " channels/ groups/ invites/ " + "tokens/ " + late +
+                                   " users/ users/a.json users/b.json.tmp ");
 }
 
 TEST(DataDirLayout, WorkInProgressIsStagingAndDocumentTemporariesOutsideBuildFiles) {
@@ -224,14 +219,14 @@ TEST(Names, DeviceNamesValidNamesAndSafeRelativePaths) {
   expectAll(isSafeRelativePath, true,
             {"bin/game.exe", "a", "Game Data/\xC3\xA9t\xC3\xA9.pak", "a.b/c..d/e", "dir/.hidden",
              "\xF0\x9F\x98\x80.png"});
-  // Escapes, bad segments, bad bytes.
+  // Escapes, bad segments, bad bytes; then strict UTF-8: over-long forms (NUL, "/", 4-byte),
+  // surrogates, above 10FFFF, a 5-byte lead, a stray continuation, one cut short, a bad one.
   expectAll(isSafeRelativePath, false,
-            {"", "/bin/game.exe", "bin//game.exe", "bin/", "bin\\game.exe", "../game.exe",
-             "bin/../x", "./x", "bin/.", "C:/x", "bin/aux.dll", "bin./x", "bin/x.", " bin/x"});
-  expectAll(isSafeRelativePath, false,
-            {"bin/x ", "a\"b", "a*b", "a<b", "a>b", "a?b", "a|b", "a\x1F", "a\x7F", "a\tb", kNul});
-  // Strict UTF-8: over-long forms (NUL, "/", 4-byte), surrogates, above 10FFFF, a 5-byte lead,
-  // a stray continuation, a sequence cut short, a bad continuation.
+            {"",         "/bin/game.exe", "bin//game.exe", "bin/",  "bin\\game.exe", "../game.exe",
+             "bin/../x", "./x",           "bin/.",         "C:/x",  "bin/aux.dll",   "bin./x",
+             "bin/x.",   " bin/x",        "bin/x ",        "a\"b",  "a*b",           "a<b",
+             "a>b",      "a?b",           "a|b",           "a\x1F", "a\x7F",         "a\tb",
+             kNul});
   expectAll(isSafeRelativePath, false,
             {"\xC0\x80", "\xE0\x80\xAF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xED\xBF\xBF",
              "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80", "a\xBF", "\xE2\x82", "\xE2\x28\xA1"});
