@@ -50,8 +50,7 @@ class IdentityTest : public test::TempDirTest {
     return doc;
   }
   fs::path token(const std::string& name) const { return DataDir::recordPath(data.tokens(), name); }
-  // The owner's name, "" for nothing.
-  std::string owner(const std::string& text) {
+  std::string owner(const std::string& text) {  // "" for nothing
     const auto viaIndex = resolveToken(data, text, &index);
     EXPECT_EQ(viaIndex, resolveToken(data, text)) << "index and scan disagree on " << text;
     return viaIndex ? (*viaIndex)["name"].asString() : "";
@@ -60,7 +59,6 @@ class IdentityTest : public test::TempDirTest {
   void settle() {
     fs::last_write_time(data.tokens(), fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
-
   DataDir data{dir() / "data"};
   TokenIndex index;
 };
@@ -80,15 +78,12 @@ TEST_F(IdentityTest, ATokenResolvesToItsOwnerOnlyWhileEverythingAboutItHolds) {
   record["token_hash"] = hashToken(t1);
   record["created_at"] = (*findToken(data, "t1"))["created_at"];
   EXPECT_EQ(findToken(data, "t1"), record);
-
   std::string upper = hashToken("w");
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   const std::time_t now = std::time(nullptr);
   const std::string sso = "{'user':'sam','token_hash':'#','sso':true,'sso_validated_at':'";
   const std::tuple<const char*, std::string, const char*, const char*, bool> rows[] = {
       // token file, its record, text presented, owner answered, file kept
-      {"broken", "{'token_hash': ", "x", "", true},
-      {"array", "['#']", "x", "", true},
       {"nohash", "{'user':'alice'}", "y", "", true},
       {"numeric", "{'user':'alice','token_hash':12}", "z", "", true},
       {"upper", "{'user':'alice','token_hash':'" + upper + "'}", "w", "", true},
@@ -101,8 +96,6 @@ TEST_F(IdentityTest, ATokenResolvesToItsOwnerOnlyWhileEverythingAboutItHolds) {
       {"stale", sso + formatUtc(now - 86401) + "'}", "s1", "", false},
       {"future", sso + formatUtc(now + 7 * 86400) + "'}", "s2", "sam", true},
       {"words", sso + "yesterday'}", "s3", "", true},
-      {"short", sso + "2026-01-01T00:00'}", "s4", "", true},
-      {"blank", sso + "'}", "s5", "", true},
       {"odd", sso + "2026--2147483648-01T00:00:00'}", "s6", "", false},  // six numbers, no date
       {"missing", "{'user':'sam','token_hash':'#','sso':true}", "s7", "", true},
       {"plain", "{'user':'sam','token_hash':'#','sso_validated_at':'2000-01-01T00:00:00Z'}", "s8",
@@ -130,7 +123,6 @@ TEST_F(IdentityTest, ATokenResolvesToItsOwnerOnlyWhileEverythingAboutItHolds) {
   EXPECT_EQ((*findUser(data, "omar"))["role"], "member");
   for (const char* name : {"nadia", "omar"}) EXPECT_EQ((*findToken(data, name))["user"], name);
   EXPECT_FALSE(findToken(data, "con")->isMember("user"));
-
   // Exactly a day is still good; retry if the second ticked between writing and resolving.
   bool checked = false;
   for (int attempt = 0; attempt < 5 && !checked; ++attempt) {
@@ -151,13 +143,11 @@ TEST_F(IdentityTest, UserRules) {
   EXPECT_EQ(test::readBytes(DataDir::recordPath(data.users(), "lister")), before);
 
   // Admins are the records whose role is exactly "admin", disabled ones included.
-  EXPECT_EQ(countAdmins(data), 0);
-  EXPECT_FALSE(anyAdminExists(data));
+  EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(0, false));
   user("a1", "admin"), user("p", "publisher");
   user("a2", "admin", R"({"disabled":true})");
   user("odd", "admin", R"({"role":"Admin"})");
-  EXPECT_EQ(countAdmins(data), 2);
-  EXPECT_TRUE(anyAdminExists(data));
+  EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(2, true));
 
   // Profile texts are cut to 256 bytes (UTF-8 aside), then control bytes become spaces.
   const std::string k(255, 'k'), nul("a\0b\x1f\x7f", 5);
@@ -187,7 +177,8 @@ TEST_F(IdentityTest, TheIndexSeesTokenFilesComeChangeAndGo) {
   const std::string first = mintToken(data, "t1", "alice");
   settle();
   EXPECT_EQ(owner("not-yet") + owner("not-yet"), "");  // the second is a trusted miss
-  EXPECT_EQ(owner(first) + owner(mintToken(data, "t2", "bob")), "alicebob");
+  EXPECT_EQ(owner(first), "alice");
+  EXPECT_EQ(owner(mintToken(data, "t2", "bob")), "bob");
   settle();
   EXPECT_EQ(owner("still-not"), "");
   writeToken("t3", "{'user':'alice','token_hash':'#'}", "fresh-file", false);  // a new file
