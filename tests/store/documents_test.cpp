@@ -6,13 +6,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <atomic>
 #include <fstream>
 #include <map>
 #include <numeric>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "base/json_reader.h"
 #include "store/data_dir.h"

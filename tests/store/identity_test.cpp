@@ -26,14 +26,10 @@ using test::parseJson;
 class IdentityTest : public test::TempDirTest {
  protected:
   void SetUp() override { ASSERT_TRUE(data.prepare()); }
-  std::optional<Json::Value> create(const std::string& name, const std::string& role,
-                                    std::vector<std::string> channels = {}) {
-    return createUser(data, NewUser{name, role, std::move(channels), "", "", false});
-  }
   // A user as made, then with `members` (JSON) set.
   Json::Value user(const std::string& name, const std::string& role = "member",
                    const std::string& members = "{}") {
-    Json::Value record = create(name, role).value();
+    Json::Value record = createUser(data, NewUser{name, role, {}, "", "", false}).value();
     const Json::Value more = parseJson(members);
     for (const auto& key : more.getMemberNames()) record[key] = more[key];
     EXPECT_TRUE(saveUser(data, record));
@@ -137,9 +133,10 @@ TEST_F(IdentityTest, ATokenResolvesToItsOwnerOnlyWhileEverythingAboutItHolds) {
 
 TEST_F(IdentityTest, UserRules) {
   // A channel list given to any role is kept, and an existing record is never replaced.
-  EXPECT_EQ(create("lister", "member", {"beta"}).value()["channels"], test::strings({"beta"}));
+  const auto lister = createUser(data, NewUser{"lister", "member", {"beta"}, "", "", false});
+  EXPECT_EQ(lister.value()["channels"], test::strings({"beta"}));
   const std::string before = test::readBytes(DataDir::recordPath(data.users(), "lister"));
-  EXPECT_FALSE(create("lister", "admin"));
+  EXPECT_FALSE(createUser(data, NewUser{"lister", "admin", {}, "", "", false}));
   EXPECT_EQ(test::readBytes(DataDir::recordPath(data.users(), "lister")), before);
 
   // Admins are the records whose role is exactly "admin", disabled ones included.
