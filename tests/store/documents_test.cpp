@@ -161,7 +161,6 @@ TEST_F(DocumentsTest, TheDataDirectoryIsPreparedAndCleanedAtStartUp) {
   ASSERT_TRUE(data.prepare()) << "preparing again is harmless";
   EXPECT_EQ(tree(data.root()),
             "access-requests/ builds/ channels/ groups/ invites/ tokens/ users/ ");
-
   // Only document temporaries of before start-up go: not other names, nor build records, nor a
   // write begun since (an offline command's).
   const std::string t = ".json.AbCdEfGh1234.tmp", build = "builds/b1" + t, late = "tokens/t" + t;

@@ -22,6 +22,7 @@ namespace quill::store {
 namespace {
 
 using test::parseJson;
+using namespace std::chrono_literals;
 
 class IdentityTest : public test::TempDirTest {
  protected:
@@ -52,9 +53,7 @@ class IdentityTest : public test::TempDirTest {
     return viaIndex ? (*viaIndex)["name"].asString() : "";
   }
   // The token directory untouched for an hour, as on a running server: the index may trust it.
-  void settle() {
-    fs::last_write_time(data.tokens(), fs::file_time_type::clock::now() - std::chrono::hours(1));
-  }
+  void settle() { fs::last_write_time(data.tokens(), fs::file_time_type::clock::now() - 1h); }
   DataDir data{dir() / "data"};
   TokenIndex index;
 };
@@ -138,14 +137,12 @@ TEST_F(IdentityTest, UserRules) {
   const std::string before = test::readBytes(DataDir::recordPath(data.users(), "lister"));
   EXPECT_FALSE(createUser(data, NewUser{"lister", "admin", {}, "", "", false}));
   EXPECT_EQ(test::readBytes(DataDir::recordPath(data.users(), "lister")), before);
-
   // Admins are the records whose role is exactly "admin", disabled ones included.
   EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(0, false));
   user("a1", "admin"), user("p", "publisher");
   user("a2", "admin", R"({"disabled":true})");
   user("odd", "admin", R"({"role":"Admin"})");
   EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(2, true));
-
   // Profile texts are cut to 256 bytes (UTF-8 aside), then control bytes become spaces.
   const std::string k(255, 'k'), nul("a\0b\x1f\x7f", 5);
   // clang-format off
@@ -154,7 +151,6 @@ TEST_F(IdentityTest, UserRules) {
       {k + "xx", k + "x"}, {k + "y", k + "y"}, {k + "\xC3\xA9tail", k + "\xC3"}, {k + "z\n", k + "z"}};
   // clang-format on
   for (const auto& [text, expected] : texts) EXPECT_EQ(profileText(text), expected) << text;
-
   // Effective channels: the follows, then each group's channels, first occurrences only.
   for (const auto& [name, channels] : {std::pair{"g1", R"(["a","c"])"}, {"g2", R"(["c","d"])"}}) {
     Json::Value group = newGroupRecord(name);
@@ -190,7 +186,6 @@ TEST_F(IdentityTest, TheIndexSeesTokenFilesComeChangeAndGo) {
   EXPECT_EQ(owner("unknown"), "");
   writeToken("t1", "{'user':'bob','token_hash':'#'}", "rewritten", false);
   EXPECT_EQ(owner("rewritten") + "|" + owner("second"), "bob|");
-
   // Many tokens come and go while other threads look up two that stay; deletions stop a token at
   // once. The scan is quadratic: compare it on a sample.
   const std::string stable[] = {"fresh-file", "rewritten"};
