@@ -1,14 +1,13 @@
-// The offline commands, run in-process from their command lines: exact output on the right
+// The command line, and the offline commands run in-process from it: exact output on the right
 // stream, exit status, the records they write, and an untouched data directory whenever one
 // refuses.
 
 #include <gtest/gtest.h>
-#include <json/value.h>
 
 #include <ctime>
 #include <fstream>
-#include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "app/command_line.h"
@@ -26,58 +25,83 @@ namespace {
 namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
-struct Outcome {
-  int code = -1;
-  std::string out, err;
-};
+// Words split at each space ("\s" is a space inside a word, '' an empty word).
+Words words(const std::string& line) {
+  Words args;
+  std::istringstream in(line);
+  for (std::string word; in >> word;) {
+    for (std::size_t at; (at = word.find("\\s")) != std::string::npos;) word.replace(at, 2, " ");
+    args.push_back(word == "''" ? "" : word);
+  }
+  return args;
+}
+
+Json::Value take(Json::Value& doc, const char* member) {
+  Json::Value value;
+  doc.removeMember(member, &value);
+  return value;
+}
+
+// The lines of `text` in sorted order; an unfinished last line is left out.
+std::multiset<std::string> lines(const std::string& text) {
+  std::multiset<std::string> all;
+  for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+    all.insert(text.substr(at, end - at));
+  }
+  return all;
+}
+
+TEST(CommandLine, OptionsAndWordsMixInAnyOrderAndVersionActsWhenMet) {
+  CommandLine s;
+  ASSERT_EQ(parseCommandLine(words("user --role admin create --data-dir /d alice --service "
+                                   "--claimpin -1234 --days -3 --access-key k --secret-key s "
+                                   "--keep 7 --port 9090 --rate-limit OFF"),
+                             s),
+            ParseOutcome::Proceed);
+  // A value option takes the next word even when it starts with a dash.
+  EXPECT_EQ(std::tie(s.command.words, s.command.role, s.server.dataDir, s.command.service,
+                     s.server.claimPin, s.command.days, s.command.backup.keep, s.server.port),
+            std::make_tuple(Words{"user", "create", "alice"}, "admin", fs::path("/d"), true,
+                            "-1234", -3, 7, 9090));
+  EXPECT_EQ(s.command.backup.bucket.accessKey + s.command.backup.bucket.secretKey, "ks");
+  EXPECT_TRUE(s.server.rateLimit) << "only the exact word off turns rate limiting off";
+  parseCommandLine(words("--rate-limit off"), s);
+  EXPECT_FALSE(s.server.rateLimit);
+  EXPECT_EQ(parseCommandLine(words("--version extra --bogus"), s), ParseOutcome::ShowVersion);
+  EXPECT_EQ(parseCommandLine(words("version"), s), ParseOutcome::ShowVersion);
+  EXPECT_EQ(parseCommandLine(words("--dump-routes ''"), s), ParseOutcome::DumpRoutes);
+  for (const char* line :
+       {"--bogus --version", "--port", "''", "-x", "--claimable --nope", "--port 80a",
+        "--port 70000", "--port 0", "--hours ''", "--keep 3.5", "--days 99999999999"}) {
+    CommandLine t;
+    EXPECT_EQ(parseCommandLine(words(line), t), ParseOutcome::Usage) << line;
+  }
+  // A value option swallows the word "version" as its value.
+  EXPECT_EQ(parseCommandLine(words("--user version"), s), ParseOutcome::Proceed);
+  EXPECT_EQ(s.command.user, "version");
+}
 
 const std::regex kTokenOutput(
     "Token '([^']*)' created for user '([^']*)'\\. Save it now - it is shown only once:\n\n"
     "  ([A-Za-z0-9]{48})\n");
 const std::regex kInviteOutput(
-    "Invite for user '([^']*)' created, valid until "
+    "Invite for user 'u' created, valid until "
     "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z)\\. Single use, shown only once:\n\n"
     "  ([A-Za-z0-9]{24})\n");
 
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-Words sortedLines(const std::string& text) {
-  Words lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
-class AdminCommands : public test::TempDirTest {
+class AdminCommands : public test::ApiTest {
  protected:
-  fs::path root() const { return dir() / "data"; }
-  store::DataDir data() const { return store::DataDir(root()); }
-  fs::path record(const fs::path& in, const std::string& name) const {
-    return store::DataDir::recordPath(in, name);
-  }
-  Json::Value read(const fs::path& in, const std::string& name) const {
-    Json::Value doc;
-    EXPECT_TRUE(store::readJsonFile(record(in, name), doc)) << name;
+  // The stored record less its creation time, which must be there.
+  Json::Value stored(const fs::path& path) {
+    Json::Value doc = readDoc(path);
+    EXPECT_TRUE(take(doc, "created_at").isString()) << path;
     return doc;
   }
-
-  // Runs a command line (words split on spaces; "\s" is a space inside a word).
-  Outcome run(const std::string& line) {
-    Words args;
-    std::istringstream in(line);
-    for (std::string word; in >> word;) {
-      for (std::size_t at; (at = word.find("\\s")) != std::string::npos;) {
-        word[at] = ' ';
-        word.erase(at + 1, 1);
-      }
-      args.push_back(word == "''" ? "" : word);
-    }
+  // Runs a command line: its exit status, output and error output.
+  std::tuple<int, std::string, std::string> run(const std::string& line) {
     CommandLine parsed;
-    EXPECT_EQ(parseCommandLine(args, parsed), ParseOutcome::Proceed) << line;
-    parsed.server.dataDir = root();
+    EXPECT_EQ(parseCommandLine(words(line), parsed), ParseOutcome::Proceed) << line;
+    parsed.server.dataDir = data().root();
     Context ctx(parsed.server);
     std::ostringstream out, err;
     const int code = runCommand(ctx, parsed.command, out, err);
@@ -85,10 +109,10 @@ class AdminCommands : public test::TempDirTest {
   }
   // A command that must succeed quietly on standard error; returns its output.
   std::string ok(const std::string& line) {
-    Outcome r = run(line);
-    EXPECT_EQ(r.code, 0) << line << ": " << r.err;
-    EXPECT_EQ(r.err, "") << line;
-    return r.out;
+    const auto [code, out, err] = run(line);
+    EXPECT_EQ(code, 0) << line << ": " << err;
+    EXPECT_EQ(err, "") << line;
+    return out;
   }
   // Creates a token and returns its secret.
   std::string mintToken(const std::string& line) {
@@ -100,18 +124,11 @@ class AdminCommands : public test::TempDirTest {
   // Every file and directory under the data directory with its bytes.
   std::map<std::string, std::string> snapshot() const {
     std::map<std::string, std::string> entries;
-    if (!fs::exists(root())) return entries;
-    for (const auto& entry : fs::recursive_directory_iterator(root())) {
-      entries[fs::relative(entry.path(), root()).string()] =
+    for (const auto& entry : fs::recursive_directory_iterator(data().root())) {
+      entries[entry.path().string()] =
           entry.is_directory() ? "<dir>" : test::readBytes(entry.path());
     }
     return entries;
-  }
-  void declareChannel(const std::string& name) {
-    Json::Value doc(Json::objectValue);
-    doc["schema_version"] = 1;
-    doc["build"] = "";
-    ASSERT_TRUE(store::writeJsonFile(record(data().channels(), name), doc));
   }
   std::vector<fs::path> invitesFor(const std::string& user) const {
     std::vector<fs::path> found;
@@ -127,79 +144,73 @@ class AdminCommands : public test::TempDirTest {
     const std::string out = ok("invite create u " + options);
     const std::int64_t after = std::time(nullptr);
     std::smatch m;
-    if (!std::regex_match(out, m, kInviteOutput)) {
-      ADD_FAILURE() << out;
-      return "";
-    }
-    EXPECT_EQ(m[1], "u");
-    const std::string code = m[3];
-    const fs::path path = data().invites() / (store::hashToken(code) + ".json");
-    Json::Value doc;
-    EXPECT_TRUE(store::readJsonFile(path, doc)) << "no record filed under the code's hash";
-    EXPECT_EQ(doc.getMemberNames(),
-              (Words{"created_at", "expires_epoch", "groups", "id", "schema_version", "user"}));
-    EXPECT_TRUE(std::regex_match(doc["id"].asString(), std::regex("[A-Za-z0-9]{8}")));
-    EXPECT_EQ(doc["groups"], Json::Value(Json::arrayValue));
-    const std::int64_t expires = doc["expires_epoch"].asInt64();
+    EXPECT_TRUE(std::regex_match(out, m, kInviteOutput)) << out;
+    Json::Value doc = stored(invitePath(m[2]));
+    EXPECT_TRUE(std::regex_match(take(doc, "id").asString(), std::regex("[A-Za-z0-9]{8}")));
+    const std::int64_t expires = take(doc, "expires_epoch").asInt64();
+    EXPECT_EQ(doc, test::parseJson(R"({"groups":[],"schema_version":1,"user":"u"})"));
     EXPECT_GE(expires, before + lifetime);
     EXPECT_LE(expires, after + lifetime);
-    EXPECT_EQ(m[2], store::formatUtc(expires));
-    EXPECT_EQ(test::readBytes(path).find(code), std::string::npos);
-    return code;
+    EXPECT_EQ(m[1], store::formatUtc(expires));
+    EXPECT_EQ(test::readBytes(invitePath(m[2])).find(m[2]), std::string::npos);
+    return m[2];
   }
 };
 
 TEST_F(AdminCommands, UserCreatePrintsOneOfFourTextsAndWritesTheRecord) {
-  declareChannel("a");
-  declareChannel("b");
-  const std::string access = "Give them access with:\n  quillmoord token create <token-name> --user ";
-  EXPECT_EQ(ok("user create alice --role admin"),
-            "User 'alice' created (role: admin). " + access + "alice\n");
-  EXPECT_EQ(ok("user create mo"), "User 'mo' created (role: member). " + access + "mo\n");
-  EXPECT_EQ(ok("user create pub --role publisher --channels b,a"),
-            "User 'pub' created (role: publisher; may promote to: b,a).\n" + access + "pub\n");
-  EXPECT_EQ(ok("user create bare --role publisher"),
-            "User 'bare' created (role: publisher; may promote to: (no channels)).\n" + access +
-                "bare\n");
+  writeChannel("a");
+  writeChannel("b");
+  const std::string give = "Give them access with:\n  quillmoord token create <token-name> --user ";
+  const std::string base = R"("groups":[],"schema_version":1,"name":)";
   // --service alone makes a publisher with no channels; with channels they are kept.
-  EXPECT_EQ(ok("user create ci --role member --service"),
-            "Service account 'ci' created (role: publisher; tokens only, cannot be invited or "
-            "promoted).\nGive your CI access with:\n  quillmoord token create <token-name> --user "
-            "ci\n");
-  ok("user create ci2 --role publisher --channels a --service");
-
-  const Json::Value alice = read(data().users(), "alice");
-  EXPECT_EQ(alice.getMemberNames(), (Words{"created_at", "groups", "name", "role", "schema_version"}));
-  EXPECT_EQ(alice["role"], "admin");
-  const Json::Value pub = read(data().users(), "pub");
-  EXPECT_EQ(pub["channels"], test::strings({"b", "a"}));
-  EXPECT_FALSE(pub.isMember("service"));
-  EXPECT_EQ(read(data().users(), "bare")["channels"], Json::Value(Json::arrayValue));
-  const Json::Value ci = read(data().users(), "ci");
-  EXPECT_EQ(ci["role"], "publisher");
-  EXPECT_EQ(ci["service"], true);
-  EXPECT_EQ(ci["channels"], Json::Value(Json::arrayValue));
-  EXPECT_EQ(read(data().users(), "ci2")["channels"], test::strings({"a"}));
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"alice --role admin", "User 'alice' created (role: admin). " + give + "alice\n",
+       R"("alice","role":"admin")"},
+      {"mo", "User 'mo' created (role: member). " + give + "mo\n", R"("mo","role":"member")"},
+      {"pub --role publisher --channels b,a",
+       "User 'pub' created (role: publisher; may promote to: b,a).\n" + give + "pub\n",
+       R"("pub","role":"publisher","channels":["b","a"])"},
+      {"bare --role publisher",
+       "User 'bare' created (role: publisher; may promote to: (no channels)).\n" + give + "bare\n",
+       R"("bare","role":"publisher","channels":[])"},
+      {"ci --role member --service",
+       "Service account 'ci' created (role: publisher; tokens only, cannot be invited or "
+       "promoted).\nGive your CI access with:\n  quillmoord token create <token-name> --user ci\n",
+       R"("ci","role":"publisher","channels":[],"service":true)"},
+      {"ci2 --role publisher --channels a --service", "",
+       R"("ci2","role":"publisher","channels":["a"],"service":true)"}};
+  for (const auto& [args, output, doc] : rows) {
+    const std::string out = ok("user create " + args);
+    EXPECT_EQ(out, output.empty() ? out : output);
+    EXPECT_EQ(stored(userPath(args.substr(0, args.find(' ')))),
+              test::parseJson("{" + base + doc + "}"))
+        << args;
+  }
 }
 
 // Each refusal fails with its message on standard error alone, exit 1, and writes nothing. Where
 // two checks could both fire, the row says which comes first.
 TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
-  declareChannel("a");
+  writeChannel("a");
+  writeChannel("b");
   ok("user create taken");
   ok("user create u");
   ok("token create used");
   ok("invite create u");
-  const char* rows[][2] = {
+  const std::string roles = "--role must be admin, member or publisher";
+  const std::string onlyPublisher = "--channels only applies to --role publisher";
+  const std::pair<std::string, std::string> rows[] = {
       {"user create bad\\sname --role owner", "invalid user name"},
-      {"user create uuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuuu", "invalid user name"},
-      {"user create x --role root --channels a", "--role must be admin, member or publisher"},
-      {"user create x --role Admin", "--role must be admin, member or publisher"},
-      {"user create x --role admin --channels a", "--channels only applies to --role publisher"},
-      {"user create x --role member --channels a --service", "--channels only applies to --role publisher"},
-      {"user create p --role publisher --channels a,b", "channel 'b' is not declared on this server"},
+      {"user create " + std::string(129, 'u'), "invalid user name"},
+      {"user create x --role root --channels a", roles},
+      {"user create x --role Admin", roles},
+      {"user create x --role admin --channels a", onlyPublisher},
+      {"user create x --role member --channels a --service", onlyPublisher},
+      {"user create p --role publisher --channels a,c",
+       "channel 'c' is not declared on this server"},
       {"user create p --role publisher --channels a,,a", "invalid channel name in --channels"},
-      {"user create taken --role publisher --channels zz", "channel 'zz' is not declared on this server"},
+      {"user create taken --role publisher --channels zz",
+       "channel 'zz' is not declared on this server"},
       {"user create taken --role admin --service", "user 'taken' already exists"},
       {"user create x --role admin --service", "--service accounts always have role publisher"},
       {"token create bad\\sname --user bad\\suser", "invalid token name"},
@@ -218,65 +229,55 @@ TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
       {"invite create u --hours 87601", "--hours must be 1..87600"},
   };
   for (const auto& [line, message] : rows) {
-    SCOPED_TRACE(line);
     const auto before = snapshot();
-    Outcome r = run(line);
-    EXPECT_EQ(r.code, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, std::string(message) + "\n");
-    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(run(line), std::make_tuple(1, std::string(), message + "\n")) << line;
+    EXPECT_EQ(snapshot(), before) << line;
   }
 }
 
-TEST_F(AdminCommands, ListsPrintOneLinePerReadableRecord) {
-  EXPECT_EQ(ok("user list"), "");
-  EXPECT_EQ(ok("token list"), "");
-  declareChannel("a");
-  declareChannel("b");
+TEST_F(AdminCommands, ListsTokensAndTheirRevocation) {
+  EXPECT_EQ(ok("user list") + ok("token list"), "");
+  writeChannel("a");
+  writeChannel("b");
   ok("user create alice --role admin");
   ok("user create pub --role publisher --channels a,b");
-  ok("user create ci --service");
-  writeFile(data().users() / "broken.json", "{ not json");
-  writeFile(data().users() / "notes.txt", R"({"name":"notes","role":"admin"})");
-  writeFile(data().tokens() / "README.txt", "not a token");
-  const std::string secret = mintToken("token create alpha --user alice");
-  mintToken("token create beta --user alice");
-  const std::string users = ok("user list");
-  EXPECT_EQ(sortedLines(users),
-            (Words{"alice (admin)", "ci (publisher: (no channels))", "pub (publisher: a,b)"}));
-  EXPECT_TRUE(users.ends_with("\n"));
-  const std::string tokens = ok("token list");
-  EXPECT_EQ(sortedLines(tokens), (Words{"alpha", "beta"}));
-  EXPECT_EQ(tokens.find(secret), std::string::npos);
-}
-
-TEST_F(AdminCommands, TokenCreateHashesTheSecretAndDeleteRevokesAtOnce) {
-  // Without --user: a member named like the token.
-  const std::string secret = mintToken("token create ci-bot");
-  const Json::Value user = read(data().users(), "ci-bot");
-  EXPECT_EQ(user["role"], "member");
-  EXPECT_FALSE(user.isMember("channels"));
-  const Json::Value token = read(data().tokens(), "ci-bot");
-  EXPECT_EQ(token.getMemberNames(), (Words{"created_at", "name", "schema_version", "token_hash", "user"}));
-  EXPECT_EQ(token["token_hash"], store::hashToken(secret));
-  EXPECT_EQ(test::readBytes(record(data().tokens(), "ci-bot")).find(secret), std::string::npos);
-  EXPECT_EQ((*store::resolveToken(data(), secret))["name"], "ci-bot");
-
-  // An existing owner is left untouched.
   ok("user create ship --service");
-  const std::string ship = test::readBytes(record(data().users(), "ship"));
+  writeText(data().users() / "broken.json", "{ not json");
+  writeText(data().users() / "notes.txt", R"({"name":"notes","role":"admin"})");
+  writeText(data().tokens() / "README.txt", "not a token");
+  const std::string alpha = mintToken("token create alpha --user alice");
+  mintToken("token create beta --user alice");
+  // One line per readable record, in no set order; no secret is ever listed.
+  EXPECT_EQ(lines(ok("user list")),
+            (std::multiset<std::string>{"alice (admin)", "ship (publisher: (no channels))",
+                                        "pub (publisher: a,b)"}));
+  const std::string tokens = ok("token list");
+  EXPECT_EQ(lines(tokens), (std::multiset<std::string>{"alpha", "beta"}));
+  EXPECT_EQ(tokens.find(alpha), std::string::npos);
+  // Without --user: a member named like the token, holding its hash and never its secret.
+  const std::string secret = mintToken("token create ci-bot");
+  EXPECT_EQ(stored(userPath("ci-bot")),
+            test::parseJson(R"({"groups":[],"name":"ci-bot","role":"member","schema_version":1})"));
+  EXPECT_EQ(
+      stored(tokenPath("ci-bot")),
+      test::parseJson(R"({"name":"ci-bot","schema_version":1,"user":"ci-bot","token_hash":")" +
+                      store::hashToken(secret) + "\"}"));
+  EXPECT_EQ(test::readBytes(tokenPath("ci-bot")).find(secret), std::string::npos);
+  EXPECT_EQ((*store::resolveToken(data(), secret))["name"], "ci-bot");
+  // An existing owner is left untouched; deleting a token revokes it at once.
+  const std::string ship = test::readBytes(userPath("ship"));
   const std::string laptop = mintToken("token create laptop --user ship");
-  EXPECT_EQ(test::readBytes(record(data().users(), "ship")), ship);
-  EXPECT_FALSE(fs::exists(record(data().users(), "laptop")));
+  EXPECT_EQ(test::readBytes(userPath("ship")), ship);
+  EXPECT_FALSE(fs::exists(userPath("laptop")));
   EXPECT_EQ((*store::resolveToken(data(), laptop))["role"], "publisher");
   EXPECT_EQ(ok("token delete laptop"), "Token 'laptop' deleted - access revoked immediately.\n");
   EXPECT_FALSE(store::resolveToken(data(), laptop).has_value());
-  EXPECT_TRUE(fs::exists(record(data().users(), "ship")));
+  EXPECT_TRUE(fs::exists(userPath("ship")));
 }
 
 TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   ok("user create u");
-  ASSERT_FALSE(fs::exists(data().invites()));
+  fs::remove_all(data().invites());
   // Negative means not given; the first also creates the missing invites directory.
   const std::string first = expectInvite("", 7 * 86400);
   expectInvite("--days -3", 7 * 86400);
@@ -287,29 +288,21 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   EXPECT_EQ(invitesFor("u").size(), 6u);
   ok("user create v");
   ok("invite create v");
-  const fs::path torn = data().invites() / "torn.json";
-  writeFile(torn, R"({"user": "u", )");
+  writeText(data().invites() / "torn.json", R"({"user": "u", )");
   // --replace keeps only the newest of that user's invites.
   const std::string newest = expectInvite("--replace", 7 * 86400);
-  ASSERT_EQ(invitesFor("u").size(), 1u);
-  EXPECT_EQ(invitesFor("u")[0].filename().string(), store::hashToken(newest) + ".json");
+  EXPECT_EQ(invitesFor("u"), (std::vector{invitePath(newest)}));
   EXPECT_EQ(invitesFor("v").size(), 1u);
-  EXPECT_TRUE(fs::exists(torn));
-}
-
-TEST_F(AdminCommands, RecordsThatCannotBeStoredAreReportedWithExitOne) {
-  ok("user create u");
-  // A file where the directory belongs.
+  EXPECT_TRUE(fs::exists(data().invites() / "torn.json"));
+  // A file where the directory belongs: the record cannot be stored.
   for (const fs::path& where : {data().invites(), data().tokens()}) {
     fs::remove_all(where);
-    writeFile(where, "x");
+    writeText(where, "x");
   }
-  for (const char* line : {"invite create u", "invite create u --replace", "token create laptop --user u"}) {
-    Outcome r;
-    EXPECT_NO_THROW(r = run(line));
-    EXPECT_EQ(r.code, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, line[0] == 't' ? "could not store token\n" : "could not store invite\n");
+  for (const char* line :
+       {"invite create u", "invite create u --replace", "token create laptop --user u"}) {
+    const std::string err = line[0] == 't' ? "could not store token\n" : "could not store invite\n";
+    EXPECT_EQ(run(line), std::make_tuple(1, std::string(), err)) << line;
   }
 }
 

@@ -2,61 +2,97 @@
 // rate-limit budgets.
 
 #include "app/gate.h"
+
 #include "support/api_fixture.h"
 
 namespace quill::test {
 namespace {
 
 TEST(ClientKey, LoopbackPeersUseTheFirstForwardedHopOthersTheirAddress) {
-  const char* cases[][3] = {
-      {"127.0.0.1", "203.0.113.9, 10.0.0.1", "203.0.113.9"},
-      {"127.8.9.10", " \t203.0.113.9\t ,x", "203.0.113.9"},
-      {"::1", "198.51.100.7", "198.51.100.7"},
-      {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"},
-      // No usable forwarded address from a local proxy: not limited at all.
-      {"127.0.0.1", nullptr, ""},
-      {"127.0.0.1", " , 10.0.0.1", ""},
-      // Anyone else cannot choose their key.
-      {"10.0.0.5", "203.0.113.9", "10.0.0.5"},
-      {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
-      {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"},
-  };
+  // peer, X-Forwarded-For, key. No usable forwarded address from a local proxy: not limited at
+  // all; anyone else cannot choose their key.
+  const char* cases[][3] = {{"127.0.0.1", "203.0.113.9, 10.0.0.1", "203.0.113.9"},
+                            {"::1", "198.51.100.7", "198.51.100.7"},
+                            {"127.8.9.10", " \t203.0.113.9\t ,x", "203.0.113.9"},
+                            {"127.0.0.1", nullptr, ""},
+                            {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"},
+                            {"127.0.0.1", " , 10.0.0.1", ""},
+                            {"10.0.0.5", "203.0.113.9", "10.0.0.5"},
+                            {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
+                            {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"}};
   for (const auto& [peer, forwarded, key] : cases) {
     Req req("GET", "/api/builds");
-    req.from(peer);
     if (forwarded) req.header("X-Forwarded-For", forwarded);
-    EXPECT_EQ(clientKey(req.build()), key) << peer << " " << (forwarded ? forwarded : "");
+    EXPECT_EQ(clientKey(req.from(peer).build()), key)
+        << peer << " " << (forwarded ? forwarded : "");
   }
 }
 
 using GateTest = ApiTest;
 
 TEST_F(GateTest, OpenPathsTokensAndRoles) {
+  const std::string admin = " => 403 this operation requires the admin role\n",
+                    scope = " => 403 outside this publisher's scope\n";
+  std::string rows;
+  for (const char* open :
+       {"GET /", "GET /api/version", "GET /api/openapi.yaml", "GET /api/docs",
+        "GET /api/invites/redeem", "POST /api/invites/redeem", "GET /api/claim", "POST /api/claim",
+        "POST /api/access-requests", "GET /api/sso/status", "GET /api/sso/start",
+        "GET /api/sso/callback", "POST /api/sso/handoff"}) {
+    rows += std::string("- ") + open + " => pass\n";
+  }
+  for (const char* read : {"/users", "/me", "/channels", "/builds/b1/files", "/groups"}) {
+    rows += std::string("admin,mia,pete,paula,max GET /api") + read + " => pass\n";
+  }
+  // Reads and writes of the admin's; a non-publisher with an allow-list gets no carve-out.
+  for (const char* read :
+       {"/access-requests", "/backups", "/storage", "/sso/config", "/sso/mapping"}) {
+    rows += std::string("- GET /api") + read + " => 401 missing or invalid token\nadmin GET /api" +
+            read + " => 200\nmia,pete,paula,max GET /api" + read + admin;
+  }
+  for (const char* write :
+       {"POST /api/groups/x", "DELETE /api/users/x", "POST /api/builds/b1/disabled",
+        "POST /api/channels/beta/public", "POST /api/channels/beta/launch", "PUT /api/storage",
+        "DELETE /api/channels/beta", "POST /api/users/pete/tokens", "DELETE /api/sso/config",
+        "PUT /api/sso/mapping", "DELETE /api/builds/b1"}) {
+    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin + "pete " + write +
+            scope;
+  }
+  // A publisher uploads and finalizes any build, and creates or promotes its own channels only.
+  for (const char* write : {"PUT /api/builds/b1/files", "POST /api/builds/b1/finalize",
+                            "POST /api/channels/beta", "POST /api/channels/beta/promote"}) {
+    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin;
+  }
   walk(R"(
-    - GET / => pass
-    - GET /api/version => pass
-    - GET /api/openapi.yaml => pass
-    - GET /api/docs => pass
-    - GET /api/invites/redeem => pass
-    - POST /api/invites/redeem => pass
-    - GET /api/claim => pass
-    - POST /api/claim => pass
-    - POST /api/access-requests => pass
-    - GET /api/sso/status => pass
-    - GET /api/sso/start => pass
-    - GET /api/sso/callback => pass
-    - POST /api/sso/handoff => pass
-    # Open for POST only; and only the public routes themselves are public.
-    - GET /api/access-requests => 401 missing or invalid token
-    - GET /api/sso/handoff => 405
-    channel stable b7 public
-    - GET /api/builds/b7/manifest => 404
-    - GET /api/channels/stable/x => 404
-    # Only a well-formed bearer token of an enabled user identifies the caller.
+    user mia member
+    user pete publisher beta,stable
+    user paula publisher
+    user max member beta
     user alice member
     user dora admin
     set users/dora.json .disabled=true
-    alice GET /api/users => pass
+    channel stable b7 public
+  )" + rows +
+       R"(
+    pete,paula PUT /api/builds/anything/files => pass
+    pete,paula POST /api/builds/b1/finalize => pass
+    pete POST /api/channels/beta/promote => pass
+    pete POST /api/channels/stable => pass
+    paula POST /api/channels/beta/promote => 403 outside this publisher's scope
+    paula POST /api/channels/beta => 403 outside this publisher's scope
+    pete POST /api/channels/gamma/promote => 403 outside this publisher's scope
+    pete POST /api/channels/gamma => 403 outside this publisher's scope
+    pete POST /api/builds/b1/files => 405 method not allowed
+    mia HEAD /api/sso/mapping => 403 this operation requires the admin role
+    # Open for POST only; and only the public routes themselves are public. DELETE of
+    # "redeem" lands on the revoke route, open like every method of that path.
+    - GET /api/sso/handoff => 405
+    - GET /api/builds/b7/manifest => 404
+    - GET /api/channels/stable/x => 404
+    -,mia DELETE /api/invites/redeem => 404 no such invite
+    - DELETE /api/invites/abcdefgh => 401 missing or invalid token
+    mia DELETE /api/invites/abcdefgh => 403 this operation requires the admin role
+    # Only a well-formed bearer token of an enabled user identifies the caller.
     - Authorization:Bearer\s$alice GET /api/users => pass
     - GET /api/users => 401 missing or invalid token
     not-a-token GET /api/users => 401 missing or invalid token
@@ -66,62 +102,6 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
     - authorization:$alice GET /api/users => 401 missing or invalid token
     - authorization:Basic\sYWxpY2U6cHc= GET /api/users => 401 missing or invalid token
     dora GET /api/users => 401 missing or invalid token
-    # Every role meets its rules; a non-publisher with an allow-list gets no carve-out from it.
-    user mia member
-    user pete publisher beta,stable
-    user paula publisher
-    user max member beta
-    admin,mia,pete,paula,max GET /api/users => pass
-    admin,mia,pete,paula,max GET /api/me => pass
-    admin,mia,pete,paula,max GET /api/channels => pass
-    admin,mia,pete,paula,max GET /api/builds/b1/files => pass
-    admin,mia,pete,paula,max GET /api/groups => pass
-    # The handler itself keeps the provider settings to admins.
-    admin GET /api/sso/config => pass
-    mia,pete,paula,max GET /api/sso/config => 403 this operation requires the admin role
-    admin POST /api/groups/x => pass
-    admin DELETE /api/users/x => pass
-    admin PUT /api/builds/b1/files => pass
-    admin POST /api/builds/b1/finalize => pass
-    admin POST /api/channels/beta => pass
-    admin POST /api/channels/beta/promote => pass
-    admin POST /api/channels/beta/public => pass
-    admin POST /api/channels/beta/launch => pass
-    admin POST /api/builds/b1/disabled => pass
-    admin DELETE /api/channels/beta => pass
-    admin PUT /api/storage => pass
-    admin POST /api/users/x/tokens => pass
-    mia,max POST /api/groups/x => 403 this operation requires the admin role
-    mia,max DELETE /api/users/x => 403 this operation requires the admin role
-    mia,max PUT /api/builds/b1/files => 403 this operation requires the admin role
-    mia,max POST /api/builds/b1/finalize => 403 this operation requires the admin role
-    mia,max POST /api/channels/beta => 403 this operation requires the admin role
-    mia,max POST /api/channels/beta/promote => 403 this operation requires the admin role
-    mia,max POST /api/channels/beta/public => 403 this operation requires the admin role
-    mia,max POST /api/channels/beta/launch => 403 this operation requires the admin role
-    mia,max POST /api/builds/b1/disabled => 403 this operation requires the admin role
-    mia,max DELETE /api/channels/beta => 403 this operation requires the admin role
-    mia,max PUT /api/storage => 403 this operation requires the admin role
-    mia,max POST /api/users/x/tokens => 403 this operation requires the admin role
-    # A publisher uploads and finalizes any build, and creates or promotes its own channels only.
-    pete,paula PUT /api/builds/anything/files => pass
-    pete,paula POST /api/builds/b1/finalize => pass
-    pete POST /api/channels/beta/promote => pass
-    pete POST /api/channels/stable => pass
-    paula POST /api/channels/beta/promote => 403 outside this publisher's scope
-    paula POST /api/channels/beta => 403 outside this publisher's scope
-    pete POST /api/channels/gamma/promote => 403 outside this publisher's scope
-    pete POST /api/channels/gamma => 403 outside this publisher's scope
-    pete POST /api/builds/b1/disabled => 403 outside this publisher's scope
-    pete DELETE /api/builds/b1 => 403 outside this publisher's scope
-    pete DELETE /api/channels/beta => 403 outside this publisher's scope
-    pete POST /api/channels/beta/public => 403 outside this publisher's scope
-    pete POST /api/channels/beta/launch => 403 outside this publisher's scope
-    pete POST /api/builds/b1/files => 405 method not allowed
-    pete PUT /api/builds/b1/finalize => 405 method not allowed
-    pete POST /api/groups/x => 403 outside this publisher's scope
-    pete POST /api/users/pete/tokens => 403 outside this publisher's scope
-    pete DELETE /api/users/x => 403 outside this publisher's scope
   )");
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 
 namespace quill {
-namespace {
 
 using namespace std::chrono_literals;
 
@@ -26,5 +25,4 @@ TEST(SchedulerTest, RunsRepeatedlyUntilStoppedAndNeverAfter) {
   EXPECT_EQ(fast, stopped);
 }
 
-}  // namespace
 }  // namespace quill

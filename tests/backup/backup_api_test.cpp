@@ -2,246 +2,134 @@
 // with every refusal in its order, runs started over HTTP and by the schedule, the status, and the
 // schedule settings.
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <ctime>
-#include <regex>
 #include <thread>
 
-#include "backup/backup_config.h"
-#include "backup/backup_store.h"
-#include "backup/backup_texts.h"
 #include "backup/schedule_check.h"
-#include "backup/snapshots.h"
 #include "peer_backups.h"
-#include "rill/s3_peers.h"
-#include "store/documents.h"
 #include "support/api_fixture.h"
 #include "support/temp_dir.h"
 
 namespace quill::backup {
 namespace {
 
-using quill::test::bodyOf;
-using quill::test::isError;
-using quill::test::memberOrder;
-using quill::test::Req;
-
 class BackupApiTest : public quill::test::ApiTest {
  protected:
   void SetUp() override {
-    auto& peers = rill::test::S3Peers::shared();
-    if (!peers.skipReason().empty()) GTEST_SKIP() << peers.skipReason();
-    ASSERT_EQ(peers.failure(), "");
+    QUILL_REQUIRE_S3_PEERS();  // before the context exists (its variables mark that it does)
     ApiTest::SetUp();
+    vars_["ep"] = test::peerSettings().endpoint;
+    vars_["keyFile"] = backupKeyPath(data().root()).string();
   }
-  ~BackupApiTest() override { waitForRun(); }
-
   // Runs hold the context: wait until the last one has ended.
   void waitForRun() {
     for (int i = 0; i < 600 && ctx().backups.running.load(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
   }
-  std::string peerBody(const std::string& mode, const std::string& extra = "") {
-    const auto s3 = rill::test::S3Peers::shared().settings();
-    return R"({"mode":")" + mode + R"(","endpoint":")" + s3.endpoint + R"(","bucket":")" +
-           s3.bucket + R"(","access_key":")" + s3.accessKey + R"(","secret_key":")" + s3.secretKey +
-           "\"" + extra + "}";
+  void TearDown() override {
+    if (vars_.contains("ep")) waitForRun();
   }
-  http::Response init(const std::string& body) {
-    return asAdmin(Req("POST", "/api/backup/init").body(body));
-  }
-  fs::path configFile() const { return backupConfigPath(data().root()); }
-  fs::path keyFile() const { return backupKeyPath(data().root()); }
+  std::string configure() { return test::configurePeerBackups(data().root(), dir() / "key"); }
 };
 
-TEST_F(BackupApiTest, InitRefusesInOrderAndWritesNothing) {
-  const std::string sharedFirst = std::string(text::kSharedNeedsStorage) +
-                                  "rill storage not configured (missing data-dir rill.json)";
-  const std::vector<std::tuple<std::string, unsigned, std::string>> cases = {
-      {"", 400, text::kJsonBodyRequired},
-      {"[1]", 400, text::kJsonBodyRequired},
-      {R"({"mode":5})", 400, text::kModeNotString},
-      {R"({"mode":"Shared"})", 400, text::kBadMode},
-      {R"({})", 400, text::kBadMode},
-      {R"({"mode":"shared"})", 400, sharedFirst},
-      {R"({"mode":"separate","endpoint":"http://x"})", 400, text::kCredentialsRequired},
-      {peerBody("separate", R"(,"region":5)"), 400, "region must be a string"},
-      {R"({"mode":"separate","endpoint":"ftp://h","bucket":"b","access_key":"a","secret_key":"s"})",
-       400, "endpoint must start with https:// (or http:// for a local test server)"},
-  };
-  for (const auto& [body, status, message] : cases) {
-    EXPECT_TRUE(isError(init(body), status, message)) << body;
-  }
-  // The probe's classified messages (all of them in the storage tests) quote the store's answer.
-  const std::string wrongSecret = std::regex_replace(
-      peerBody("separate"), std::regex(R"("secret_key":"[^"]*")"), R"("secret_key":"wrong")");
-  auto denied = bodyOf(init(wrongSecret))["error"].asString();
-  EXPECT_EQ(denied.rfind("access denied - check the access key and secret (", 0), 0u) << denied;
-  EXPECT_EQ(denied.find("wrong"), std::string::npos) << "the secret is never quoted";
-  EXPECT_FALSE(fs::exists(configFile()));
-  EXPECT_FALSE(fs::exists(keyFile()));
-}
-
-TEST_F(BackupApiTest, InitSeparateAnswersTheKeyOnceAndNeverReplacesIt) {
-  auto res = init(peerBody("separate", R"(,"region":"")"));
-  ASSERT_EQ(res.status, 200u) << res.body;
-  EXPECT_EQ(memberOrder(res),
-            (std::vector<std::string>{"bucket", "key", "mode", "prefix", "schema_version"}));
-  const Json::Value answer = bodyOf(res);
-  EXPECT_EQ(answer["prefix"], "");
-  EXPECT_EQ(answer["mode"], "separate");
-  EXPECT_TRUE(std::regex_match(answer["key"].asString(), std::regex("[0-9a-f]{64}")));
-  EXPECT_EQ(quill::test::readBytes(keyFile()), answer["key"].asString() + "\n");
-  struct stat st {};
-  ASSERT_EQ(::stat(keyFile().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-  const Json::Value config = readDoc(configFile());
-  EXPECT_EQ(config["region"], "auto");
-  EXPECT_EQ(config["key_file"], keyFile().string());
-  EXPECT_FALSE(config.isMember("prefix"));
-  EXPECT_FALSE(config.isMember("schema_version"));
-
-  // Configured: refused before the mode is looked at. Forgotten: the key file still refuses.
-  EXPECT_TRUE(isError(init(R"({"mode":5})"), 409, text::kAlreadyConfigured));
-  auto forgot = asAdmin(Req("DELETE", "/api/backup/config"));
-  EXPECT_EQ(forgot.body, R"({"configured":false,"schema_version":1})");
-  EXPECT_TRUE(fs::exists(keyFile()));
-  EXPECT_TRUE(isError(init(peerBody("separate")), 409, text::kKeyExists));
-  EXPECT_EQ(quill::test::readBytes(keyFile()), answer["key"].asString() + "\n");
-}
-
-// A separate bucket holding another server's snapshot is refused before a key or a
-// configuration is written.
-TEST_F(BackupApiTest, InitRefusesABucketHoldingSnapshotsOfAnotherKey) {
-  rill::S3Settings own = rill::test::S3Peers::shared().settings();
-  own.bucket = "quill-foreign-api";
-  rill::S3Client(own).put("", "");  // creates the bucket (an existing one answers 409)
+TEST_F(BackupApiTest, InitRefusesInOrderThenSetsUpEitherModeOnceAndKeepsTheKey) {
   quill::test::TempDir other;
-  ASSERT_TRUE(writeKeyFile(other.path() / "other.key", generateBackupKey()));
-  auto store = openBackupStore(own, (other.path() / "other.key").string());
-  ASSERT_TRUE(store) << store.error();
-  ASSERT_TRUE(publishSnapshot(*store.value(), data().root(), "snap-20250101-000000"));
-  const std::string body = std::regex_replace(
-      peerBody("separate"), std::regex(R"("bucket":"[^"]*")"), R"("bucket":"quill-foreign-api")");
-  EXPECT_TRUE(isError(init(body), 409,
-                      "bucket 'quill-foreign-api' already holds 1" +
-                          std::string(text::kForeignSnapshots)));
-  EXPECT_FALSE(fs::exists(keyFile()));
-  EXPECT_FALSE(fs::exists(configFile()));
+  test::foreignBucket("quill-foreign-api", other.path() / "k", data().root());
+  walk(R"(
+    POST /api/backup/init => 400 JSON body required
+    POST /api/backup/init [1] => 400 JSON body required
+    POST /api/backup/init {"mode":5} => 400 mode must be a string
+    POST /api/backup/init {"mode":"Shared"} => 400 mode must be "shared" or "separate"
+    POST /api/backup/init {} => 400 mode must be "shared" or "separate"
+    POST /api/backup/init {"mode":"shared"} => 400 shared mode needs build storage first: rill storage not configured (missing data-dir rill.json)
+    POST /api/backup/init {"mode":"separate","endpoint":"http://x"} => 400 endpoint, bucket, access_key and secret_key are required
+    POST /api/backup/init {"mode":"separate","endpoint":"$ep","bucket":"b","access_key":"a","secret_key":"s","region":5} => 400 region must be a string
+    POST /api/backup/init {"mode":"separate","endpoint":"ftp://h","bucket":"b","access_key":"a","secret_key":"s"} => 400 endpoint must start with https:// (or http:// for a local test server)
+    # The probe's classified messages (all of them in the storage tests) quote the store's answer,
+    # never the secret.
+    POST /api/backup/init {"mode":"separate","endpoint":"$ep","bucket":"quill-test","access_key":"S3RVER","secret_key":"wrong"} => 400 ^access denied - check the access key and secret ( ; !has:wrong
+    # A bucket holding another server's snapshots.
+    POST /api/backup/init {"mode":"separate","endpoint":"$ep","bucket":"quill-foreign-api","access_key":"S3RVER","secret_key":"S3RVER"} => 409 bucket 'quill-foreign-api' already holds 1 snapshot(s) this key cannot read (another server's?) - use another bucket or prefix
+    file backup.json absent
+    file backup.key absent
+    # Shared: the build storage's bucket, under backups/.
+    write rill.json {"schema_version":1,"endpoint":"$ep","bucket":"quill-test","access_key":"S3RVER","secret_key":"S3RVER"}
+    POST /api/backup/init {"mode":"shared"} => 200 .prefix="backups/" ; .bucket="quill-test"
+    file backup.json .prefix="backups/" ; .region="auto"
+    # Configured: refused before the mode is looked at. Forgotten: the key file still refuses.
+    mark backup.key
+    POST /api/backup/init {"mode":5} => 409 backups are already configured - remove the configuration first
+    DELETE /api/backup/config => 200 {"configured":false,"schema_version":1}
+    POST /api/backup/init {"mode":"shared"} => 409 backup.key already exists in the data dir - refusing to overwrite
+    unchanged backup.key
+  )");
+  fs::remove(backupKeyPath(data().root()));
+  walk(R"(
+    POST /api/backup/init {"mode":"separate","endpoint":"$ep","bucket":"quill-test","access_key":"S3RVER","secret_key":"S3RVER","region":""} => 200 keys=bucket,key,mode,prefix,schema_version ; .prefix="" ; .mode="separate" ; .key~[0-9a-f]{64} ; $key=.key
+    file backup.json .region="auto" ; .key_file="$keyFile" ; .prefix! ; .schema_version!
+  )");
+  const fs::path key = backupKeyPath(data().root());
+  EXPECT_EQ(quill::test::readBytes(key), vars_["key"] + "\n");
+  EXPECT_EQ(fs::status(key).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
-TEST_F(BackupApiTest, InitSharedUsesTheBuildStorageBucketUnderBackups) {
-  const auto s3 = rill::test::S3Peers::shared().settings();
-  Json::Value rill(Json::objectValue);
-  rill["schema_version"] = 1;
-  rill["endpoint"] = s3.endpoint;
-  rill["bucket"] = s3.bucket;
-  rill["access_key"] = s3.accessKey;
-  rill["secret_key"] = s3.secretKey;
-  writeDoc(data().root() / "rill.json", rill);
-  auto res = init(R"({"mode":"shared"})");
-  ASSERT_EQ(res.status, 200u) << res.body;
-  EXPECT_EQ(bodyOf(res)["prefix"], "backups/");
-  EXPECT_EQ(bodyOf(res)["bucket"], s3.bucket);
-  EXPECT_EQ(readDoc(configFile())["prefix"], "backups/");
-  EXPECT_EQ(readDoc(configFile())["region"], "auto");
-}
-
-TEST_F(BackupApiTest, RunStartsAtOnceAndItsOutcomeShowsInTheStatus) {
-  EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/backup")), 503, text::kNotConfigured));
-  auto bare = bodyOf(asAdmin(Req("GET", "/api/backups")));
-  EXPECT_EQ(bare["configured"], false);
-  EXPECT_EQ(bare["last"], Json::Value());
-
-  const std::string prefix = test::configurePeerBackups(data().root(), dir() / "key");
-  auto started = asAdmin(Req("POST", "/api/backup"));
-  ASSERT_EQ(started.status, 202u) << started.body;
-  const std::string name = bodyOf(started)["snapshot"].asString();
-  EXPECT_TRUE(std::regex_match(name, std::regex("snap-[0-9]{8}-[0-9]{6}")));
-  EXPECT_EQ(bodyOf(started)["started"], true);
-  EXPECT_TRUE(isError(asAdmin(Req("POST", "/api/backup")), 409, text::kAlreadyRunning));
+TEST_F(BackupApiTest, SettingsAreCheckedThenARunStartsAtOnceAndShowsInTheStatus) {
+  walk(R"(
+    POST /api/backup => 503 backups not configured - run: quillmoord backup init ...
+    PUT /api/backup/config {"keep":1} => 503 backups not configured on this server
+    GET /api/backups => 200 .configured=false ; .last=null
+  )");
+  vars_["prefix"] = configure();
+  walk(R"(
+    PUT /api/backup/config [] => 400 JSON object required
+    PUT /api/backup/config {"daily_at":730} => 400 daily_at must be a string
+    PUT /api/backup/config {"keep":"2"} => 400 keep must be an integer
+    PUT /api/backup/config {"keep":2.5} => 400 keep must be an integer
+    PUT /api/backup/config {"keep":2.0} => 400 keep must be an integer
+    PUT /api/backup/config {"keep":4294967296} => 400 keep must be an integer
+    PUT /api/backup/config {"keep":-1} => 400 keep must be 0 or more
+    PUT /api/backup/config {"daily_at":"7:30"} => 400 daily_at must be HH:MM or empty
+    PUT /api/backup/config {"daily_at":"07:60"} => 400 daily_at must be HH:MM or empty
+    PUT /api/backup/config {"daily_at":"24:00"} => 400 daily_at must be HH:MM or empty
+    PUT /api/backup/config {"daily_at":"07-30"} => 400 daily_at must be HH:MM or empty
+    PUT /api/backup/config {"daily_at":"23:59","keep":3} => 200 {"daily_at":"23:59","keep":3,"schema_version":1}
+    PUT /api/backup/config {"daily_at":""} => 200 {"daily_at":"","keep":3,"schema_version":1}
+    POST /api/backup => 202 .snapshot~snap-[0-9]{8}-[0-9]{6} ; .started=true ; $name=.snapshot
+    POST /api/backup => 409 a backup is already running
+  )");
   waitForRun();
-
-  auto res = asAdmin(Req("GET", "/api/backups"));
-  const Json::Value status = bodyOf(res);
-  EXPECT_EQ(status["configured"], true);
-  EXPECT_EQ(status["running"], false);
-  EXPECT_EQ(status["prefix"], prefix);
-  EXPECT_EQ(status["shared"], true);
-  EXPECT_EQ(status["endpoint"], rill::test::S3Peers::shared().endpoint());
-  EXPECT_EQ(status["last"]["snapshot"], name);
-  EXPECT_EQ(status["last"]["ok"], true) << res.body;
-  EXPECT_EQ(status["last"]["error"], "");
-  EXPECT_TRUE(quill::test::isUtcStamp(status["last"]["finished_at"]));
-  EXPECT_EQ(status["schedule"]["daily_at"], "");
-  ASSERT_EQ(status["snapshots"].size(), 1u) << res.body;
-  EXPECT_EQ(status["snapshots"][0]["name"], name);
-  EXPECT_GE(status["snapshots"][0]["files"].asInt(), 3);
-  EXPECT_GT(status["snapshots"][0]["bytes"].asInt(), 0);
-  EXPECT_EQ(res.body.find("S3RVER"), std::string::npos) << "no credential in the status";
-
-  const std::string member = seedUser("mia", "member");
-  EXPECT_TRUE(isError(as(member, Req("GET", "/api/backups")), 403,
-                      "this operation requires the admin role"));
-  EXPECT_EQ(as(member, Req("POST", "/api/backup")).status, 403u);
-}
-
-TEST_F(BackupApiTest, ScheduleSettingsAreCheckedAndKeepTheOtherMember) {
-  auto put = [&](const std::string& body) {
-    return asAdmin(Req("PUT", "/api/backup/config").body(body));
-  };
-  EXPECT_TRUE(isError(put(R"({"keep":1})"), 503, text::kNotConfiguredHere));
-  test::configurePeerBackups(data().root(), dir() / "key");
-  const std::vector<std::pair<std::string, std::string>> refused = {
-      {"[]", text::kJsonObjectRequired},
-      {R"({"daily_at":730})", text::kDailyAtNotString},
-      {R"({"keep":"2"})", text::kKeepNotInteger},
-      {R"({"keep":2.5})", text::kKeepNotInteger},
-      {R"({"keep":2.0})", text::kKeepNotInteger},
-      {R"({"keep":4294967296})", text::kKeepNotInteger},
-      {R"({"keep":-1})", text::kNegativeKeep},
-      {R"({"daily_at":"7:30"})", text::kBadDailyAt},
-      {R"({"daily_at":"07:60"})", text::kBadDailyAt},
-      {R"({"daily_at":"24:00"})", text::kBadDailyAt},
-      {R"({"daily_at":"07-30"})", text::kBadDailyAt},
-  };
-  for (const auto& [body, message] : refused) EXPECT_TRUE(isError(put(body), 400, message)) << body;
-  EXPECT_EQ(put(R"({"daily_at":"23:59","keep":3})").body,
-            R"({"daily_at":"23:59","keep":3,"schema_version":1})");
-  EXPECT_EQ(put(R"({"daily_at":""})").body, R"({"daily_at":"","keep":3,"schema_version":1})");
-  EXPECT_TRUE(loadBackupConfig(configFile()));  // the settings are untouched
+  walk(R"(
+    GET /api/backups => 200 .configured=true ; .running=false ; .prefix="$prefix" ; .shared=true ; .endpoint="$ep" ; .last.snapshot="$name" ; .last.ok=true ; .last.error="" ; .last.finished_at~\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ ; .schedule.daily_at="" ; .snapshots.#=1 ; .snapshots.0.name="$name" ; !has:S3RVER
+    user mia member
+    mia GET /api/backups => 403 this operation requires the admin role
+    mia POST /api/backup => 403
+  )");
+  const Json::Value listed = quill::test::bodyOf(asAdmin({"GET", "/api/backups"}))["snapshots"][0];
+  EXPECT_TRUE(listed["files"].asInt() >= 3 && listed["bytes"].asInt() > 0) << listed;
 }
 
 TEST_F(BackupApiTest, TheScheduleFiresOncePerDayAtItsMinute) {
   const std::time_t now = std::time(nullptr);
   const LocalMinute minute = localMinuteOf(now);
+  auto& backups = ctx().backups;
   checkSchedule(ctx(), now);  // not configured: nothing
-  EXPECT_FALSE(ctx().backups.running.load());
-  test::configurePeerBackups(data().root(), dir() / "key");
-  ASSERT_TRUE(writeSchedule(configFile(), {minute.time, 1}));
-
-  ctx().backups.running = true;  // a run is active: skipped, and the day is not used up
+  EXPECT_FALSE(backups.running.load());
+  configure();
+  ASSERT_TRUE(writeSchedule(backupConfigPath(data().root()), {minute.time, 1}));
+  backups.running = true;  // a run is active: skipped, and the day is not used up
   checkSchedule(ctx(), now);
-  EXPECT_EQ(ctx().backups.lastScheduledDate, "");
-  ctx().backups.running = false;
-
+  EXPECT_EQ(backups.lastScheduledDate, "");
+  backups.running = false;
   checkSchedule(ctx(), now);
-  EXPECT_EQ(ctx().backups.lastScheduledDate, minute.date);
-  EXPECT_TRUE(ctx().backups.running.load());
+  EXPECT_TRUE(backups.lastScheduledDate == minute.date && backups.running.load());
   waitForRun();
-  EXPECT_EQ(readDoc(backupStatePath(data().root()))["ok"], true);
-  const std::string first = readDoc(backupStatePath(data().root()))["snapshot"].asString();
-  checkSchedule(ctx(), now);
-  EXPECT_FALSE(ctx().backups.running.load());
-  EXPECT_EQ(readDoc(backupStatePath(data().root()))["snapshot"], first);
-
-  EXPECT_FALSE(isScheduleDue(minute.time, {minute.time, "2026-01-02"}, "2026-01-02"));
-  EXPECT_TRUE(isScheduleDue(minute.time, {minute.time, "2026-01-02"}, "2026-01-01"));
-  EXPECT_FALSE(isScheduleDue(minute.time, {"xx:xx", "2026-01-02"}, "2026-01-01"));
+  walk("file backup-state.json .ok=true ; $first=.snapshot");
+  checkSchedule(ctx(), now);  // done for today
+  EXPECT_FALSE(backups.running.load());
+  walk(R"(file backup-state.json .snapshot="$first")");
+  EXPECT_FALSE(isScheduleDue("07:30", {"07:31", "2026-01-02"}, "2026-01-01"));
   EXPECT_FALSE(isScheduleDue("", {"", "2026-01-02"}, ""));
 }
 

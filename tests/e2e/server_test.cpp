@@ -1,164 +1,288 @@
-// The real binary serving on 127.0.0.1: start-up, the service routes and the error shape, and
-// clients that misbehave, none of which may stall others, end the process or make it reserve
-// memory it did not mean to.
+// One started server on 127.0.0.1: the service routes and the error shape; clients that
+// misbehave, none of which may stall others, end the process or make it reserve memory; a CI
+// build that anonymous readers fetch whole or cancel; refusals answered before an upload's body
+// is sent; uploads that break off or race; a cut download resumed by the real curl program; the
+// access log. And a graceful stop.
 
-#include <json/value.h>
+#include <signal.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <thread>
-#include <tuple>
+#include <sstream>
 
 #include "e2e/e2e_support.h"
 
 namespace quill::test {
 namespace {
 
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-
-std::string startUpText(const std::string& dir, std::uint16_t port, bool rillOnly) {
-  std::string text = "quillmoord 0.7.10+g1b83633\n  listening on http://127.0.0.1:" +
-                     std::to_string(port) + (rillOnly ? "  (Rill-only)" : "") +
-                     "\n  data dir: " + dir + "\n";
-  if (rillOnly) return text;  // a token exists there: no hint
-  return text +
-         "\n  No tokens exist yet - every request will be rejected with 401.\n"
-         "  Mint your first (admin) token with:\n\n"
-         "    quillmoord user create <name> --role admin --data-dir " + dir + "\n"
-         "    quillmoord token create <token-name> --user <name> --data-dir " + dir + "\n\n"
-         "  Configure clients with:  quillmoor config set token <token>\n\n";
-}
-
-TEST(StartUp, BannerHintLayoutAndDefaultDataDirectory) {
-  TempDir tmp;
-  const std::string fresh = (tmp.path() / "nested" / "data").string();
-  const std::string minted = (tmp.path() / "minted").string();
-  fs::create_directories(minted + "/tokens");
-  std::ofstream(minted + "/tokens/ci.json") << R"({"name":"ci","schema_version":1})";
-  for (const auto& [dir, rillOnly] : {std::pair{fresh, false}, {minted, true}}) {
-    std::vector<std::string> args{"--data-dir", dir};
-    if (rillOnly) args.push_back("--rill-only");
-    ServerProcess server(kBinary, args);
-    ASSERT_TRUE(server.waitUntilListening());
-    const std::string expected = startUpText(dir, server.port(), rillOnly);
-    for (int i = 0; i < 200 && server.output().size() < expected.size(); ++i) {
-      std::this_thread::sleep_for(10ms);
-    }
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(server.output(), expected);
-  }
-  for (const char* sub :
-       {"users", "tokens", "channels", "groups", "invites", "access-requests", "builds"}) {
-    EXPECT_TRUE(fs::is_directory(fs::path(fresh) / sub)) << sub;
-  }
-  ::setenv("LOCALAPPDATA", tmp.path().c_str(), 1);
-  ServerProcess byDefault(kBinary, {});
-  ::unsetenv("LOCALAPPDATA");
-  ASSERT_TRUE(byDefault.waitUntilListening());
-  EXPECT_TRUE(fs::is_directory(tmp.path() / "Quillmoor" / "quillmoord-data" / "users"));
-}
+const TempDir kLogs;
+const std::string kAgent = "User-Agent: quill-e2e";  // marks the access log lines of one test
 
 class ServedE2E : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    s = std::make_unique<Served>();
-    ASSERT_TRUE(s->up);
+    s = std::make_unique<Served>(Args{"--access-log", kLogs.path() / "log"});
   }
   static void TearDownTestSuite() { s.reset(); }
-  bool stillServing() {
-    return s->server->running() && client.fetch("GET", s->url("/api/version")).status == 200;
+  void SetUp() override { ASSERT_TRUE(s->up); }
+  static long put(const std::string& build, const std::string& path, const std::string& body) {
+    return s->admin("PUT", "/api/builds/" + build + "/files?path=" + path, body).status;
   }
+  static std::string get(const std::string& build, const std::string& path) {
+    return s->admin("GET", "/api/builds/" + build + "/files?path=" + path).body;
+  }
+  static Args staged() { return filesBelow(fs::path(s->data) / "builds" / "~incoming"); }
   static inline std::unique_ptr<Served> s;
-  Client client;
 };
 
 TEST_F(ServedE2E, ServiceRoutesAndErrorDocuments) {
-  std::ifstream in(QUILL_SOURCE_DIR "/src/app/resources/openapi.yaml", std::ios::binary);
   std::string openapi;  // served with CR LF line ends
-  for (char ch : std::string{std::istreambuf_iterator<char>(in), {}}) {
-    if (ch == '\n') openapi += '\r';
-    openapi += ch;
+  for (char c : readFile(QUILL_SOURCE_DIR "/src/app/resources/openapi.yaml")) {
+    openapi += c == '\n' ? "\r\n" : std::string(1, c);
   }
   const std::string html = "text/html; charset=utf-8", json = "application/json; charset=utf-8";
-  const struct {
-    const char* method;
-    const char* path;
-    long status;
-    std::string type;
-    std::vector<std::string> contains;
-  } cases[] = {
-      {"GET", "/", 200, html,
-       {"<title>Quillmoor server</title>", "This is a Quillmoor server.", "href=\"/api/docs\""}},
-      {"GET", "/api/docs", 200, html,
-       {"<title>Quillmoor API</title>", "spec-url=\"/api/openapi.yaml\"",
-        "JavaScript (and internet access for the viewer script) is needed\nto render this page - "
-        "the raw API description is at /api/openapi.yaml."}},
-      {"GET", "/api/openapi.yaml", 200, "text/plain; charset=utf-8", {openapi}},
+  const std::string error = "{\"error\":";
+  // clang-format off
+  const std::tuple<const char*, const char*, long, std::string, std::string> cases[] = {
+      {"GET", "/", 200, html, "<title>Quillmoor server</title>"},
+      {"GET", "/api/docs", 200, html, "spec-url=\"/api/openapi.yaml\""},
+      {"GET", "/api/openapi.yaml", 200, "text/plain; charset=utf-8", openapi},
       {"GET", "/api/version", 200, json,
-       {R"({"name":"quillmoord","schema_version":1,"version":"0.7.10+g1b83633"})"}},
-      {"GET", "/nowhere", 404, json, {}},
-      {"PATCH", "/api/version", 405, json, {}},
-      {"GET", "/api/version/", 404, json, {}},
-      {"POST", "/api/invites/redeem/x", 404, json, {}},
-  };
-  for (const auto& c : cases) {
-    auto r = client.fetch(c.method, s->url(c.path));
-    EXPECT_EQ(r.status, c.status) << c.path;
-    EXPECT_EQ(r.headers["content-type"], c.type) << c.path;
-    for (const auto& text : c.contains) EXPECT_NE(r.body.find(text), std::string::npos) << text;
-    if (c.status == 200) continue;
-    const Json::Value doc = parseJson(r.body);
-    EXPECT_EQ(doc.getMemberNames(), std::vector<std::string>{"error"}) << r.body;
-    EXPECT_TRUE(doc["error"].isString());
+       R"({"name":"quillmoord","schema_version":1,"version":"0.7.10+g1b83633"})"},
+      {"GET", "/nowhere", 404, json, error}, {"GET", "/api/version/", 404, json, error},
+      {"PATCH", "/api/version", 405, json, error},
+      {"POST", "/api/invites/redeem/x", 404, json, error}};
+  // clang-format on
+  for (const auto& [method, path, status, type, contains] : cases) {
+    auto r = s->client.fetch(method, s->url(path));
+    EXPECT_EQ(std::tie(r.status, r.headers["content-type"]), std::tie(status, type)) << path;
+    EXPECT_NE(r.body.find(contains), std::string::npos) << path;
+    const Args members = status == 200 ? Args{"error"} : parseJson(r.body).getMemberNames();
+    EXPECT_EQ(members, Args{"error"}) << r.body;  // an error is a document of one message
   }
-  EXPECT_EQ(client.fetch("GET", s->url("/api/openapi.yaml")).body, openapi);
-  auto r = client.fetch("OPTIONS", s->url("/api/storage"));
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(r.headers["allow"], "GET, HEAD, PUT, DELETE, OPTIONS");
+  EXPECT_EQ(s->client.fetch("GET", s->url("/api/openapi.yaml")).body, openapi);  // nothing more
+  auto r = s->client.fetch("OPTIONS", s->url("/api/storage"));
+  EXPECT_EQ(std::tie(r.status, r.headers["allow"]),
+            std::make_tuple(200L, std::string("GET, HEAD, PUT, DELETE, OPTIONS")));
 }
 
-TEST_F(ServedE2E, ASlowHeadDoesNotStallOthers) {
+TEST_F(ServedE2E, ASlowHeadStallsNoOneAndHugeAnnouncedBodiesReserveNothing) {
   RawConnection slow(s->server->port());
   const std::string head = "GET /api/version HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-  for (std::size_t i = 0; i < head.size(); ++i) {
+  for (std::size_t i = 0; i < head.size(); ++i, std::this_thread::sleep_for(15ms)) {
     ASSERT_TRUE(slow.send(head.substr(i, 1)));
-    if (i % 10 == 0) {
-      EXPECT_EQ(client.fetch("GET", s->url("/api/version")).status, 200);
-    }
-    std::this_thread::sleep_for(15ms);
+    EXPECT_EQ(i % 10 ? 200 : s->client.fetch("GET", s->url("/api/version")).status, 200);
   }
   EXPECT_NE(slow.readUntil("}", 5s).find("0.7.10+g1b83633"), std::string::npos);
-}
 
-// The process's address space in KiB (VmSize), or 0 when unreadable.
-long addressSpaceKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmSize:", 0) == 0) return std::stol(line.substr(7));
-  }
-  return 0;
-}
-
-TEST_F(ServedE2E, HugeAnnouncedBodiesOnEveryRouteReserveNothing) {
-  const long before = addressSpaceKiB(s->server->pid());
+  const auto addressSpaceKiB = [] {  // VmSize
+    std::ifstream status("/proc/" + std::to_string(s->server->pid()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("VmSize:")) return std::stol(line.substr(7));
+    }
+    return 0L;
+  };
+  const long before = addressSpaceKiB();
   std::vector<std::unique_ptr<RawConnection>> open;
-  std::ifstream table(QUILL_SOURCE_DIR "/tests/e2e/routes.txt");
-  for (std::string method, path; table >> method >> path;) {
+  std::ifstream routes(QUILL_SOURCE_DIR "/tests/e2e/routes.txt");
+  for (std::string method, path, access; routes >> method >> path >> access;) {
     path = std::regex_replace(path, std::regex("\\{[a-z]+\\}"), "x");
-    for (const std::string& auth : {std::string(), "Authorization: Bearer " + s->token + "\r\n"}) {
+    for (const std::string& auth : {std::string(), s->auth()}) {
       open.push_back(std::make_unique<RawConnection>(s->server->port()));
-      open.back()->send(method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + auth +
-                        "Content-Length: 2147483648\r\n\r\n" + std::string(4096, '{'));
+      open.back()->send(rawHead(method, path, 2147483648, auth) + std::string(4096, '{'));
     }
   }
   std::this_thread::sleep_for(500ms);
-  const long after = addressSpaceKiB(s->server->pid());
-  EXPECT_LT(after - before, 512L * 1024) << "address space grew from " << before << " to "
-                                         << after << " KiB";
+  EXPECT_LT(addressSpaceKiB() - before, 512L * 1024) << "KiB of address space reserved";
   open.clear();
-  EXPECT_TRUE(stillServing());
+  EXPECT_TRUE(s->server->running());
+  EXPECT_EQ(s->client.fetch("GET", s->url("/api/version")).status, 200);
+}
+
+TEST_F(ServedE2E, ACiBuildIsReadWholeOrCancelledByAnonymousReaders) {
+  const std::pair<std::string, std::string> files[] = {
+      {"Game%20Data%2Flevel%201.pak", randomBytes(70000, 8)},
+      {"bin%2Fgame.exe", randomBytes(64 * 1024 * 1024 + 123, 7)},
+      {"empty.dat", ""}};
+  for (const auto& [path, bytes] : files) ASSERT_EQ(put("ci-1042", path, bytes), 200) << path;
+  for (const char* step :
+       {"builds/ci-1042/finalize", "channels/stable", "channels/stable/promote?build=ci-1042",
+        "channels/stable/public?value=true"}) {
+    ASSERT_EQ(s->admin("POST", std::string("/api/") + step).status, 200) << step;
+  }
+  Client anonymous;
+  for (const auto& [path, bytes] : files) {
+    auto r = anonymous.fetch("GET", s->url("/api/builds/ci-1042/files?path=" + path));
+    EXPECT_TRUE(r.status == 200 && r.body == bytes) << path << r.error;
+    EXPECT_EQ(r.headers["content-length"], std::to_string(bytes.size())) << path;
+    EXPECT_TRUE(r.headers["content-disposition"].starts_with("attachment;")) << path;
+  }
+  // Readers that close with unread bytes: the server's next write meets a reset connection.
+  for (int i = 0; i < 8; ++i) {
+    RawConnection reader(s->server->port());
+    reader.send("GET /api/builds/ci-1042/files?path=bin%2Fgame.exe HTTP/1.1\r\nHost: x\r\n\r\n");
+    ASSERT_NE(reader.readUntil("\r\n\r\n", 5s).find("200 OK"), std::string::npos);
+  }
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(anonymous.fetch("GET", s->url("/api/version")).status, 200);
+}
+
+TEST_F(ServedE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
+  ASSERT_EQ(put("sealed", "a.bin", "a"), 200);
+  ASSERT_EQ(s->admin("POST", "/api/builds/sealed/finalize").status, 200);
+  Served rillOnly({"--rill-only"});
+  ASSERT_TRUE(rillOnly.up);
+  const std::tuple<Served*, std::string, std::string, std::string, std::string> cases[] = {
+      {s.get(), "sealed/files?path=a.bin", "409 Conflict", "build is finalized and immutable",
+       s->auth()},
+      {s.get(), "o/files?path=..%2Fx", "400 Bad Request", "missing or invalid ?path= parameter",
+       s->auth()},
+      {s.get(), "bad%20id/files?path=x", "400 Bad Request", "invalid build id", s->auth()},
+      {s.get(), "o/files?path=x", "401 Unauthorized", "missing or invalid token", ""},
+      {&rillOnly, "bad%20id/files", "403 Forbidden",
+       "this server is Rill-only: Barge uploads are not accepted", rillOnly.auth()}};
+  for (const auto& [server, target, status, error, auth] : cases) {
+    for (const std::string expect : {"", "Expect: 100-continue\r\n"}) {
+      RawConnection raw(server->server->port());
+      ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/" + target, 10 << 20, auth + expect)));
+      const std::string answer = raw.readUntil("\"}", 20s);
+      EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status + "\r\n")) << target << answer;
+      EXPECT_TRUE(answer.ends_with("{\"error\":\"" + error + "\"}")) << answer;
+    }
+  }
+  EXPECT_FALSE(fs::exists(fs::path(s->data) / "builds" / "o"));
+  EXPECT_EQ(filesBelow(fs::path(s->data) / "builds" / "sealed" / "files"), Args{"a.bin"});
+  // An acceptable upload is invited to send its body.
+  RawConnection raw(s->server->port());
+  ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/invited/files?path=x.bin", 300000,
+                               s->auth() + "Expect: 100-continue\r\n")));
+  EXPECT_EQ(raw.readUntil("\r\n\r\n", 20s), "HTTP/1.1 100 Continue\r\n\r\n");
+  const std::string body = randomBytes(300000, 3);
+  ASSERT_TRUE(raw.send(body));
+  const std::string answer = raw.readUntil("}", 20s);
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 OK\r\n")) << answer;
+  EXPECT_TRUE(answer.ends_with(R"({"build":"invited","path":"x.bin","size":300000})")) << answer;
+  EXPECT_TRUE(get("invited", "x.bin") == body);
+}
+
+TEST_F(ServedE2E, UploadsCutShortLeaveNothingAndRacingUploadsEachLandWhole) {
+  const std::string v1 = randomBytes(5000, 11);
+  ASSERT_EQ(put("cut", "keep%2Fover.bin", v1), 200);
+  for (const std::string target :
+       {"cut/files?path=keep%2Fover.bin", "cut/files?path=new%2Fpart", "fresh/files?path=a.bin"}) {
+    {
+      RawConnection raw(s->server->port());
+      ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/" + target, 10000000, s->auth()) +
+                           randomBytes(1000 * 1000, 12)));
+      ASSERT_TRUE(eventually([] { return !staged().empty(); })) << "the body is being stored";
+    }  // the connection closes here, 9 MB short
+    ASSERT_TRUE(eventually([] { return staged().empty(); })) << "the partial body is removed";
+  }
+  EXPECT_FALSE(fs::exists(fs::path(s->data) / "builds" / "fresh")) << "no build made";
+  EXPECT_TRUE(get("cut", "keep%2Fover.bin") == v1);
+  EXPECT_EQ(s->admin("GET", "/api/builds/cut/files?path=new%2Fpart").status, 404);
+  ASSERT_EQ(put("cut", "later.txt", "later"), 200);
+  const Json::Value manifest = parseJson(s->admin("POST", "/api/builds/cut/finalize").body);
+  EXPECT_EQ(manifest["file_count"], 2);
+  EXPECT_EQ(manifest["total_size"].asUInt64(), v1.size() + 5);
+
+  const std::string bodies[2] = {randomBytes(4 << 20, 21), randomBytes(4 << 20, 22)};
+  const std::string blob = s->url("/api/builds/race/files?path=d%2Fblob");
+  for (int round = 0; round < 3; ++round) {
+    long statuses[2] = {0, 0};
+    auto race = [&](int i) {
+      statuses[i] = Client().fetch("PUT", blob, bodies[i], bearer(s->token)).status;
+    };
+    std::thread a(race, 0), b(race, 1);
+    a.join(), b.join();
+    EXPECT_EQ(std::tie(statuses[0], statuses[1]), std::make_tuple(200L, 200L)) << round;
+    const std::string landed = s->client.fetch("GET", blob, "", bearer(s->token)).body;
+    EXPECT_TRUE(landed == bodies[0] || landed == bodies[1]) << round << ": neither upload whole";
+  }
+  EXPECT_TRUE(eventually([] { return staged().empty(); }));
+  EXPECT_EQ(filesBelow(fs::path(s->data) / "builds" / "race" / "files"), Args{"d/blob"});
+}
+
+TEST_F(ServedE2E, CurlResumesACutDownloadAndLeavesACompleteOneAlone) {
+  const std::string bytes = randomBytes(3 * 1024 * 1024 + 17, 7);
+  ASSERT_EQ(put("b1", "game.pak", bytes), 200);
+  ASSERT_EQ(s->admin("POST", "/api/builds/b1/finalize").status, 200);
+  const fs::path out = s->tmp.path() / "game.pak";
+  writeFile(out, bytes.substr(0, 1024 * 1024 + 5));  // the line broke here
+  // The second time the file is complete: curl takes the 416 as done unless told -f.
+  for (const std::string failOnError : {"-f", "-s"}) {
+    auto run =
+        runProcess("/usr/bin/curl", {"-sS", failOnError, "-C", "-", "-H", bearer(s->token)[0], "-o",
+                                     out, s->url("/api/builds/b1/files?path=game.pak")});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(readFile(out) == bytes);
+  }
+}
+
+TEST_F(ServedE2E, AccessLogLinesHoldNoSecretAndFollowARotation) {
+  ASSERT_EQ(put("log", "a.txt", "hello"), 200);
+  // A request, a header it carries, and what its line holds around the time stamp.
+  const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
+      {"GET /api/builds/log/files?path=a.txt", bearer(s->token)[0], "127.0.0.1 - ci", " 200"},
+      {"POST /api/invites/redeem?code=SECRETINVITE42&machine=pc", kAgent, "127.0.0.1 - -", " 404"},
+      {"GET /api/sso/callback?code=SECRETCODE42&state=SECRETSTATE42", kAgent, "127.0.0.1 - -",
+       " 400"},
+      {"GET /api/me", "X-Forwarded-For: 203.0.113.9, 10.0.0.1", "203.0.113.9 - -", " 401"}};
+  std::string expected;
+  for (const auto& [request, header, who, status] : rows) {
+    const auto space = request.find(' ');
+    s->client.fetch(request.substr(0, space), s->url(request.substr(space + 1)), "",
+                    {header, kAgent});
+    expected += who + " \"" +
+                std::regex_replace(request, std::regex("(code|state)=[A-Z0-9]+"), "$1=-") +
+                " HTTP/1.1\"" + status + " \"-\" \"quill-e2e\"\n";
+  }
+  const fs::path log = kLogs.path() / "log";
+  const std::regex varying(R"re( \[[0-9]{2}/[A-Z][a-z]{2}/[0-9]{4}(:[0-9]{2}){3} \+0000\])re"
+                           R"re(| [0-9]+(?= "-")| [0-9]+\.[0-9]{3}$)re");
+  std::string got;
+  EXPECT_TRUE(eventually([&] {  // these requests' lines without time, length and seconds
+    std::istringstream lines(readFile(log));
+    got.clear();
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find("\"quill-e2e\"") != std::string::npos)
+        got += std::regex_replace(line, varying, "") + "\n";
+    }
+    return got == expected;
+  })) << got;
+  const std::string text = readFile(log);
+  EXPECT_NE(text.find("a.txt HTTP/1.1\" 200 5 \"-\""), std::string::npos);
+  EXPECT_EQ(text.find("SECRET"), std::string::npos);
+  EXPECT_EQ(text.find(s->token), std::string::npos);
+  // A failed sign-in is one line on standard error, without the request's secrets.
+  EXPECT_NE(s->server->errors().find("sign-in failed (400)"), std::string::npos);
+  EXPECT_EQ(s->server->errors().find("SECRET"), std::string::npos);
+  // logrotate moves the file and sends SIGHUP: the next lines go to a new file.
+  fs::rename(log, kLogs.path() / "log.1");
+  ASSERT_EQ(::kill(s->server->pid(), SIGHUP), 0);
+  EXPECT_TRUE(eventually([&] {
+    s->client.fetch("GET", s->url("/api/version"));
+    return readFile(log).find("\"GET /api/version HTTP/1.1\" 200") != std::string::npos;
+  }));
+  EXPECT_TRUE(readFile(kLogs.path() / "log.1").starts_with(text));
+}
+
+TEST(GracefulStop, SigtermLetsAnUploadInFlightFinishThenExitsZero) {
+  Served s;
+  ASSERT_TRUE(s.up);
+  const std::string bytes = randomBytes(4 * 1024 * 1024, 9);
+  RawConnection idle(s.server->port()), upload(s.server->port());
+  ASSERT_TRUE(upload.send(rawHead("PUT", "/api/builds/b2/files?path=big", bytes.size(), s.auth()) +
+                          bytes.substr(0, 1 << 20)));
+  std::this_thread::sleep_for(300ms);  // the head is judged and the body is arriving
+  ASSERT_EQ(::kill(s.server->pid(), SIGTERM), 0);
+  EXPECT_TRUE(idle.closedByPeer(5s));  // waiting for a request: closed at once
+  EXPECT_TRUE(eventually([&] { return !RawConnection(s.server->port()).connected(); }));
+  ASSERT_TRUE(upload.send(bytes.substr(1 << 20)));
+  const std::string answer = upload.readAll(10s);
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 ")) << answer;
+  EXPECT_NE(answer.find("Connection: close"), std::string::npos) << answer;
+  EXPECT_EQ(s.server->waitForExit(10s), 0);
+  EXPECT_TRUE(readFile(fs::path(s.data) / "builds/b2/files/big") == bytes);
 }
 
 }  // namespace

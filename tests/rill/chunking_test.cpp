@@ -1,264 +1,309 @@
-// Chunking: the cut points against their byte-wise definition, whole files, and trees.
+// The chunks floor: cut points against their byte-wise definition, streamed, over files and
+// trees; the manifest's stored form, its signature and the chunk objects, as a reader accepts and
+// refuses them; and the sync descriptor as written piece by piece and read back by a client.
 
-#include <algorithm>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <random>
-#include <vector>
+#include <json/writer.h>
+#include <zstd.h>
 
+#include "base/json_reader.h"
+#include "rill/chunks/chunk_codec.h"
 #include "rill/chunks/chunk_id.h"
-#include "rill/chunks/chunker.h"
-#include "rill/chunks/file_chunker.h"
 #include "rill/chunks/gear.h"
-#include "rill/chunks/tree_scan.h"
+#include "rill/chunks/manifest_signature.h"
+#include "rill/ops/sync_descriptor.h"
+#include "rill/providers/storage_provider.h"
 #include "rill_trees.h"
 #include "support/temp_dir_test_base.h"
 
 namespace quill::rill {
 namespace {
 
-// The cut-point search exactly as the algorithm is defined, one byte at a time, to hold the
-// optimised and streaming versions to.
+namespace fs = std::filesystem;
+using Cuts = std::vector<std::uint64_t>;
+using Paths = std::vector<std::string>;
+using Rows = std::vector<std::pair<std::string, std::string>>;
+using ChunkingFiles = quill::test::TempDirTest;
+const ChunkerParams kSmall{64, 256, 1024};  // a few KiB make several chunks
+
+const auto* bytesOf(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+
+// The cut-point search exactly as the algorithm defines it, one byte at a time.
 std::uint64_t referenceCut(const std::uint8_t* data, std::uint64_t len, const ChunkerParams& p) {
   if (len <= p.min) return len;
-  const std::uint64_t limit = std::min(len, p.max);
-  const std::uint64_t normal = p.avg <= limit ? p.avg : limit;
+  const std::uint64_t limit = std::min(len, p.max), normal = std::min(p.avg, limit);
   const ChunkMasks masks = chunkMasks(p.avg);
-  std::uint64_t h = 0;
-  for (std::uint64_t i = p.min; i < limit; ++i) {
+  for (std::uint64_t i = p.min, h = 0; i < limit; ++i) {
     h = (h << 1) + gearTable()[data[i]];
     if ((h & (i < normal ? masks.strict : masks.loose)) == 0) return i + 1;
   }
   return limit;
 }
 
-std::vector<std::uint8_t> randomBytes(std::size_t n, unsigned seed) {
-  std::mt19937_64 rng(seed);
-  std::vector<std::uint8_t> bytes(n);
-  for (auto& b : bytes) b = static_cast<std::uint8_t>(rng());
-  return bytes;
-}
-
-// All cuts of `data` by repeated whole-buffer searches.
-std::vector<std::uint64_t> cutsOf(const std::vector<std::uint8_t>& data, const ChunkerParams& p,
-                                  bool reference) {
-  std::vector<std::uint64_t> cuts;
-  for (std::uint64_t at = 0; at < data.size(); cuts.push_back(at)) {
-    const std::uint64_t len = data.size() - at;
-    at += reference ? referenceCut(data.data() + at, len, p) : findCutPoint(data.data() + at, len, p);
-  }
+// Every cut of `data` by repeated whole-buffer searches.
+Cuts cutsOf(const std::string& data, const ChunkerParams& p, bool reference = false) {
+  Cuts cuts;
+  for (std::uint64_t at = 0; at < data.size(); cuts.push_back(at))
+    at += (reference ? referenceCut : findCutPoint)(bytesOf(data) + at, data.size() - at, p);
   return cuts;
 }
 
+std::vector<ChunkRef> refsOf(const std::string& data, const ChunkerParams& p) {
+  std::vector<ChunkRef> refs;
+  for (std::uint64_t at = 0; const std::uint64_t cut : cutsOf(data, p))
+    refs.push_back({chunkId(data.substr(at, cut - at)), cut - at}), at = cut;
+  return refs;
+}
+
+Paths paths(const Result<TreeScan>& scan) {
+  Paths out;
+  for (const auto& file : scan.value().files) out.push_back(file.path);
+  return out;
+}
+
 TEST(Chunker, GearTableMasksAndParameters) {
-  const GearTable& gear = gearTable();  // the SplitMix64 sequence, bit for bit
-  EXPECT_EQ(gear[0], 0x157A3807A48FAA9DULL);
-  EXPECT_EQ(gear[1], 0xD573529B34A1D093ULL);
-  EXPECT_EQ(gear[255], 0x293D194EEE358FF8ULL);
-  const struct {
-    std::uint64_t avg, strict, loose;
-  } masks[] = {
-      {4194304, (1ULL << 24) - 1, (1ULL << 20) - 1},
-      {4194305, (1ULL << 25) - 1, (1ULL << 21) - 1},  // not a power of two: rounds up
-      {1, 3, 0}, {0, 3, 0}, {1ULL << 62, ~0ULL, (1ULL << 60) - 1},
-  };
-  for (const auto& m : masks) {
-    EXPECT_EQ(chunkMasks(m.avg).strict, m.strict) << m.avg;
-    EXPECT_EQ(chunkMasks(m.avg).loose, m.loose) << m.avg;
-  }
-  EXPECT_FALSE(checkChunkerParams({}));
-  EXPECT_FALSE(checkChunkerParams({4, 4, 4}));
-  for (const ChunkerParams& p : {ChunkerParams{0, 0, 0}, {8, 4, 16}, {1, 32, 16}}) {
-    EXPECT_TRUE(checkChunkerParams(p)) << p.min << " " << p.avg << " " << p.max;
-  }
+  EXPECT_EQ((Cuts{gearTable()[0], gearTable()[1], gearTable()[255]}),  // SplitMix64, bit for bit
+            (Cuts{0x157A3807A48FAA9DULL, 0xD573529B34A1D093ULL, 0x293D194EEE358FF8ULL}));
+  const std::uint64_t masks[][3] = {  // avg, strict, loose; an avg not a power of two rounds up
+      {4194304, (1ULL << 24) - 1, (1ULL << 20) - 1}, {4194305, (1ULL << 25) - 1, (1ULL << 21) - 1},
+      {1, 3, 0}, {0, 3, 0}, {1ULL << 62, ~0ULL, (1ULL << 60) - 1}};
+  for (const auto& [avg, strict, loose] : masks)
+    EXPECT_EQ((Cuts{chunkMasks(avg).strict, chunkMasks(avg).loose}), (Cuts{strict, loose})) << avg;
+  EXPECT_FALSE(checkChunkerParams({}) || checkChunkerParams({4, 4, 4}));
+  EXPECT_TRUE(checkChunkerParams({0, 0, 0}) && checkChunkerParams({8, 4, 16}) &&
+              checkChunkerParams({1, 32, 16}));
 }
 
-TEST(Chunker, CutPointsMatchTheByteWiseDefinition) {
+TEST(Chunker, CutsMatchTheByteWiseDefinitionWholeOrStreamed) {
   // Small sizes give many cuts in both mask regions, at the forced maximum and in short tails.
-  for (const ChunkerParams& p : {ChunkerParams{64, 256, 1024}, ChunkerParams{0, 16, 64},
-                                 ChunkerParams{100, 100, 100}, ChunkerParams{1, 1, 3},
-                                 ChunkerParams{512, 4096, 4096}}) {
+  for (const ChunkerParams p : {kSmall, {0, 16, 64}, {100, 100, 100}, {1, 1, 3}, {512, 4096, 4096}})
     for (unsigned seed = 0; seed < 4; ++seed) {
-      const auto data = randomBytes(200000 + seed * 37, seed);
-      EXPECT_EQ(cutsOf(data, p, false), cutsOf(data, p, true))
-          << "min " << p.min << " avg " << p.avg << " max " << p.max << " seed " << seed;
+      const std::string data = test::randomBytes(200000 + seed * 37, seed);
+      EXPECT_EQ(cutsOf(data, p), cutsOf(data, p, true)) << p.min << " " << p.avg << " " << seed;
     }
-  }
-  const auto data = randomBytes(100, 1);
-  for (std::uint64_t len : {0u, 10u, 64u}) {  // up to min: one chunk
-    EXPECT_EQ(findCutPoint(data.data(), len, ChunkerParams{64, 256, 1024}), len);
-  }
-  // Default sizes: random data is cut by content, not only at max; zeros at max.
-  const auto big = randomBytes(24u << 20, 7);
-  const auto cuts = cutsOf(big, {}, false);
-  EXPECT_EQ(cuts, cutsOf(big, {}, true));
-  EXPECT_GT(cuts.size(), 3u);
-  EXPECT_EQ(cutsOf(std::vector<std::uint8_t>(40u << 20, 0), {}, false),
-            (std::vector<std::uint64_t>{16u << 20, 32u << 20, 40u << 20}));
-}
-
-TEST(Chunker, StreamingInPiecesGivesTheWholeBufferCuts) {
-  const ChunkerParams p{64, 256, 1024};
-  const auto data = randomBytes(300000, 3);
-  const auto expected = cutsOf(data, p, false);
+  const std::string data = test::randomBytes(300000, 3), big = test::randomBytes(24u << 20, 7);
+  for (std::uint64_t len : {0u, 10u, 64u}) EXPECT_EQ(findCutPoint(bytesOf(data), len, kSmall), len);
+  // Default sizes: random data is cut by content, not only at the maximum.
+  EXPECT_EQ(cutsOf(big, {}), cutsOf(big, {}, true));
+  EXPECT_GT(cutsOf(big, {}).size(), 3u);
   std::mt19937 rng(11);
-  for (int round = 0; round < 20; ++round) {
-    CutFinder finder(p);
-    std::vector<std::uint64_t> cuts;
+  for (int round = 0; round < 20; ++round) {  // in pieces of 1 byte to several chunks
+    CutFinder finder(kSmall);
+    Cuts cuts;
     for (std::size_t at = 0, piece = 0; at < data.size(); at += piece) {
-      // Pieces of 1 byte up to several chunks, so cuts land at piece edges too.
       piece = std::min<std::size_t>(data.size() - at, 1 + rng() % 3000);
-      for (std::size_t used = 0; used < piece;) {
-        const auto cut = finder.next(data.data() + at + used, piece - used);
+      for (std::size_t used = 0; used < piece; cuts.push_back(at + used)) {
+        const auto cut = finder.next(bytesOf(data) + at + used, piece - used);
         if (!cut) break;
         used += *cut;
-        cuts.push_back(at + used);
       }
     }
     if (finder.finish()) cuts.push_back(data.size());
-    ASSERT_EQ(cuts, expected) << "round " << round;
+    ASSERT_EQ(cuts, cutsOf(data, kSmall)) << "round " << round;
     EXPECT_FALSE(finder.finish());
   }
 }
 
-class FileChunkerTest : public quill::test::TempDirTest {};
-
-TEST_F(FileChunkerTest, FilesAreChunkedAsTheWholeBufferWouldBe) {
+TEST_F(ChunkingFiles, FilesAreChunkedAsTheWholeBufferWouldBe) {
   // Below and above the size where hashing moves to a second thread; small chunk sizes put cuts
-  // inside blocks, at block edges and across several blocks. Empty: no chunks; zeros: cut at max.
-  const struct {
-    ChunkerParams p;
-    std::size_t size;
-    bool zeros;
-  } cases[] = {
-      {{}, 0, false}, {{}, 3, false}, {{}, 40u << 20, true}, {{}, 3u << 20, false},
-      {{}, (20u << 20) + 5, false}, {{4096, 65536, 1u << 20}, 3u << 20, false},
-      {{4096, 65536, 1u << 20}, 16u << 20, false}, {{1u << 20, 1u << 20, 1u << 20}, 20u << 20, false},
-  };
-  for (const auto& c : cases) {
-    const std::string bytes = c.zeros ? std::string(c.size, '\0') : test::randomBytes(c.size, 7);
-    std::vector<Chunk> expected;
-    const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
-    for (std::uint64_t at = 0, len = 0; at < bytes.size(); at += len) {
-      len = findCutPoint(data + at, bytes.size() - at, c.p);
-      expected.push_back({at, len, chunkId(data + at, len)});
-    }
+  // inside blocks, at block edges and across several blocks (all forced at max in the last).
+  const ChunkerParams kib{4096, 65536, 1u << 20}, mib{1u << 20, 1u << 20, 1u << 20};
+  for (const auto& [p, size] : std::vector<std::pair<ChunkerParams, std::size_t>>{
+           {{}, 0}, {{}, 3}, {{}, 3u << 20}, {{}, (20u << 20) + 5}, {kib, 3u << 20},
+           {kib, 16u << 20}, {mib, 20u << 20}}) {
+    const std::string bytes = test::randomBytes(size, 7);
+    std::vector<Chunk> chunks;
+    for (std::uint64_t at = 0; const ChunkRef& ref : refsOf(bytes, p))
+      chunks.push_back({at, ref.n, ref.h}), at += ref.n;
     test::writeFile(dir() / "f", bytes);
-    auto chunks = chunkFile(dir() / "f", c.p);
-    ASSERT_TRUE(chunks) << chunks.error();
-    EXPECT_EQ(chunks.value(), expected) << "size " << bytes.size() << " avg " << c.p.avg;
+    EXPECT_EQ(chunkFile(dir() / "f", p).value(), chunks) << size << " " << p.avg;
   }
-  EXPECT_EQ(chunkFile(dir() / "missing", {}).error(), "cannot open " + (dir() / "missing").string());
+  EXPECT_EQ(chunkFile(dir() / "none", {}).error(), "cannot open " + (dir() / "none").string());
   EXPECT_EQ(chunkFile(dir(), {}).error(), "read error on " + dir().string());
 }
 
-namespace fs = std::filesystem;
-
-class TreeScanTest : public quill::test::TempDirTest {
- protected:
-  void write(const fs::path& root, const std::string& relative, const std::string& bytes) {
-    const fs::path path = root / relative;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
-
-  static std::vector<std::string> paths(const TreeScan& scan) {
-    std::vector<std::string> out;
-    for (const auto& file : scan.files) out.push_back(file.path);
-    return out;
-  }
-
-  // Chunk sizes small enough that a few KiB of text make several chunks.
-  const ChunkerParams small_{64, 256, 1024};
-};
-
-TEST_F(TreeScanTest, ListsRegularFilesInByteOrderWithForwardSlashes) {
-  const fs::path root = dir() / "tree";
-  write(root, "b.txt", "b");
-  write(root, "a/z.txt", "z");
-  write(root, "a/Y.txt", "Y");
-  write(root, "B.txt", "B");
-  write(root, "a-b", "-");
+TEST_F(ChunkingFiles, TreesListFilesInByteOrderFollowOnlyTheLinksToldAndCountChunksOnce) {
+  const fs::path root = dir() / "tree", volume = dir() / "volume";
+  for (const fs::path& file : {root / "b.txt", root / "a/z.txt", root / "a/Y.txt", root / "B.txt",
+                               root / "a-b", volume / "shelf/b/files/x.bin",
+                               volume / "b2/files/sub/y.bin", volume / "stray/z.bin"})
+    test::writeFile(file, "x");
   fs::create_directories(root / "empty-dir");
-  fs::create_symlink(root / "b.txt", root / "link");
-
-  auto scan = scanTree(root, small_);
-  ASSERT_TRUE(scan) << scan.error();
-  EXPECT_EQ(paths(scan.value()),
-            (std::vector<std::string>{"B.txt", "a-b", "a/Y.txt", "a/z.txt", "b.txt"}));
-  EXPECT_EQ(scanTree(dir() / "nope", small_).error(),
-            "path not found: " + (dir() / "nope").string());
-}
-
-TEST_F(TreeScanTest, FollowsOnlyTheLinksItIsToldToAndNeverInCircles) {
-  const fs::path root = dir() / "tree";
-  const fs::path volume = dir() / "volume";
-  write(root, "a.txt", "a");
-  write(volume, "shelf/b/files/x.bin", "x");
-  write(volume, "b2/files/sub/y.bin", "y");
-  write(volume, "stray/z.bin", "z");
-  fs::create_symlink(volume / "shelf", root / "builds");
-  fs::create_symlink(volume / "b2", volume / "shelf" / "b2");
-  fs::create_symlink(volume / "stray", root / "stray");
-  fs::create_symlink(volume / "stray/z.bin", root / "z.bin");
-  // Asked to be followed, but back to a directory the walk is already inside.
-  fs::create_symlink(root, volume / "b2" / "files" / "loop");
-  fs::create_symlink(volume / "shelf", volume / "b2" / "files" / "up");
-
-  std::vector<std::string> asked;
+  const std::pair<fs::path, fs::path> links[] = {  // target, link; the last two lead back inside
+      {volume / "shelf", root / "builds"}, {volume / "b2", volume / "shelf/b2"},
+      {volume / "stray", root / "stray"}, {volume / "stray/z.bin", root / "z.bin"},
+      {root, volume / "b2/files/loop"}, {volume / "shelf", volume / "b2/files/up"}};
+  for (const auto& [target, link] : links) fs::create_symlink(target, link);
+  Paths asked, followed{"B.txt", "a-b", "a/Y.txt", "a/z.txt", "b.txt"};
+  EXPECT_EQ(paths(scanTree(root, kSmall)), followed);  // without the option no link is taken
   ScanOptions options;
   options.followLink = [&](std::string_view relative) {
     asked.emplace_back(relative);
     return relative != "stray" && relative != "z.bin";
   };
-  auto scan = scanTree(root, small_, {}, options);
-  ASSERT_TRUE(scan) << scan.error();
-  EXPECT_EQ(paths(scan.value()), (std::vector<std::string>{"a.txt", "builds/b/files/x.bin",
-                                                           "builds/b2/files/sub/y.bin"}));
+  followed.insert(followed.end(), {"builds/b/files/x.bin", "builds/b2/files/sub/y.bin"});
+  EXPECT_EQ(paths(scanTree(root, kSmall, {}, options)), followed);
   std::sort(asked.begin(), asked.end());
-  EXPECT_EQ(asked, (std::vector<std::string>{"builds", "builds/b2", "builds/b2/files/loop",
-                                             "builds/b2/files/up", "stray", "z.bin"}));
-  // Without the option no link is followed.
-  EXPECT_EQ(paths(scanTree(root, small_).value()), std::vector<std::string>{"a.txt"});
-}
-
-TEST_F(TreeScanTest, CountsDuplicateChunksOnceAndListsEmptyFiles) {
-  const fs::path root = dir() / "tree";
-  std::string text;
+  EXPECT_EQ(asked, (Paths{"builds", "builds/b2", "builds/b2/files/loop", "builds/b2/files/up",
+                          "stray", "z.bin"}));
+  EXPECT_EQ(scanTree(dir() / "no", kSmall).error(), "path not found: " + (dir() / "no").string());
+  // Chunks found twice, in two files or in one, count once; empty files are listed.
+  std::string text, zeros(3000, '\0');  // zeros are cut at max: two equal chunks and a tail
   for (int i = 0; i < 400; ++i) text += "line " + std::to_string(i * 7919) + "\n";
-  write(root, "one", text);
-  write(root, "copy/one", text);
-  write(root, "empty", "");
-
-  auto scan = scanTree(root, small_);
-  ASSERT_TRUE(scan) << scan.error();
-  const auto& files = scan.value().files;
-  ASSERT_EQ(files.size(), 3u);
-  EXPECT_EQ(files[1], (ScannedFile{"empty", 0, {}}));
-  EXPECT_EQ(files[0].chunks, files[2].chunks);
-  ASSERT_GT(files[0].chunks.size(), 3u);
-
-  std::uint64_t covered = 0;
-  for (const ChunkRef& c : files[0].chunks) covered += c.n;
-  EXPECT_EQ(covered, text.size());
-  EXPECT_EQ(files[0].chunks.front().h, chunkId(text.substr(0, files[0].chunks.front().n)));
-
-  const ScanStats& stats = scan.value().stats;
-  EXPECT_EQ(stats.files, 3u);
-  EXPECT_EQ(stats.total_bytes, 2 * text.size());
-  EXPECT_EQ(stats.unique_bytes, text.size());
-  EXPECT_EQ(stats.unique_chunks, files[0].chunks.size());
+  for (const auto& [file, bytes] :
+       {std::pair{"one", text}, {"copy/one", text}, {"empty", ""}, {"zeros", zeros}})
+    test::writeFile(dir() / "dup" / file, bytes);
+  const auto scan = scanTree(dir() / "dup", kSmall);
+  const auto textRefs = refsOf(text, kSmall), zeroRefs = refsOf(zeros, kSmall);
+  ASSERT_GT(textRefs.size(), 3u);
+  EXPECT_EQ(scan.value().files,
+            (std::vector<ScannedFile>{{"copy/one", text.size(), textRefs}, {"empty", 0, {}},
+                                      {"one", text.size(), textRefs}, {"zeros", 3000, zeroRefs}}));
+  EXPECT_EQ(zeroRefs[0], zeroRefs[1]);
+  EXPECT_EQ(scan.value().stats,
+            (ScanStats{4, textRefs.size() + 2, 2 * text.size() + 3000, text.size() + 1024 + 952}));
 }
 
-TEST_F(TreeScanTest, RepeatedChunksInsideOneFileCountOnce) {
-  const fs::path root = dir() / "tree";
-  write(root, "zeros", std::string(40u << 20, '\0'));
-  auto scan = scanTree(root, ChunkerParams{});
-  ASSERT_TRUE(scan) << scan.error();
-  const auto& chunks = scan.value().files[0].chunks;
-  ASSERT_EQ(chunks.size(), 3u);
-  EXPECT_EQ(chunks[0], chunks[1]);
-  EXPECT_EQ(scan.value().stats, (ScanStats{1, 2, 40u << 20, 24u << 20}));
+const std::string kDeep = std::string(200000, '[') + std::string(200000, ']');
+const std::string kMissing = "sync descriptor: manifest_url and chunks required";
+
+Manifest sample(std::vector<ScannedFile> files = {{"dir/x.bin", 4, {{chunkId("aaaa"), 4}}},
+                                                  {"empty", 0, {}}}) {
+  return {{}, "nightly", "b-1", "2026-01-02T03:04:05Z", {std::move(files), {2, 1, 4, 4}}};
+}
+
+// `text` with each `from` replaced by its `to` (out_of_range when it is not there).
+std::string edited(std::string text, const Rows& edits) {
+  for (const auto& [from, to] : edits) text.replace(text.find(from), from.size(), to);
+  return text;
+}
+
+TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAndSyncDescriptorsAreRead) {
+  const std::string good = serializeManifest(sample()), e = "manifest parse error: ";
+  EXPECT_NE(good.find("\n  \"build\" : \"b-1\""), std::string::npos) << good;
+  EXPECT_NE(good.find("\"algo\" : \"fastcdc-gear\""), std::string::npos);
+  const Manifest back = parseManifest(good).value();
+  EXPECT_EQ(back.tree.files, sample().tree.files);
+  EXPECT_EQ(back.tree.stats, sample().tree.stats);
+  EXPECT_EQ(back.created, "2026-01-02T03:04:05Z");
+  EXPECT_EQ(serializeManifest(back), good);
+  const std::string n = "\"n\" : 4", size = "\"size\" : 4", huge = "18446744073709551615",
+                   min = "\"min\" : 1048576", avg = "\"avg\" : 4194304", max = "\"max\" : 16777216";
+  for (const auto& [text, error] : Rows{  // the text, the start of the error
+           {edited(good, {{"\"schema\" : 1", "\"schema\" : 2"}}), "unsupported manifest schema"},
+           {"not json", e}, {"[1]", e + "not a JSON object"},
+           {edited(good, {{size, "\"size\" : 5"}}), e + "files[0] chunks"},
+           {edited(good, {{n, "\"n\" : \"4\""}}), e + "files[0] has a"},
+           {edited(good, {{chunkId("aaaa"), "ABC"}}), e + "files[0] has a"},
+           {edited(good, {{"\"channel\" : \"nightly\"", "\"channel\" : 7"}}), e},
+           {edited(good, {{min, "\"min\" : 99999999"}}), e + "chunker"},
+           // What a hostile store could use to make a reader allocate or work without bound.
+           {edited(good, {{min, "\"min\" : 1"}, {avg, "\"avg\" : 1"}, {max, "\"max\" : 1"}}),
+            e + "chunker: sizes must lie between 1024 and 67108864 bytes"},
+           {edited(good, {{max, "\"max\" : 1099511627776"}}), e + "chunker: sizes"},
+           {edited(good, {{n, "\"n\" : 1099511627776"}, {size, "\"size\" : 1099511627776"}}),
+            e + "files[0] has a chunk longer than the chunker's max"},
+           {edited(good, {{n, "\"n\" : " + huge}, {size, "\"size\" : " + huge}}),
+            e + "files[0] has a chunk longer"},
+           {"{\"files\":" + kDeep + "}", e + "nested too deep"},
+           {std::string(kMaxManifestBytes + 1, ' '), e + "too large"},
+           {serializeManifest(sample({{"a", 0, {}}, {"a", 0, {}}})), e + "path a is named twice"},
+           {serializeManifest(sample({{"a", 0, {}}, {"a-b", 0, {}}, {"a/b", 0, {}}})),
+            e + "path a is both a file and a directory"},
+           // A sync descriptor, as a server answered it, fails as cleanly.
+           {"", "sync descriptor: "}, {kDeep, "sync descriptor: nested too deep"},
+           {"[1]", "sync descriptor: not a JSON object"}, {R"({"chunks": {}})", kMissing},
+           {R"({"manifest_url": "u", "chunks": []})", kMissing},
+           {R"({"manifest_url": "u", "chunks": {"a": 1}})",
+            "sync descriptor: chunk links must be strings"}}) {
+    const bool sync = error.starts_with("sync");
+    const std::string got = sync ? parseSyncDescriptor(text).error() : parseManifest(text).error();
+    EXPECT_TRUE(got.starts_with(error)) << text.substr(0, 40) << ": " << got;
+  }
+  Manifest beta = sample();
+  beta.channel = "beta";
+  EXPECT_EQ(checkManifestChannel(beta, "nightly").error(),
+            "manifest is for channel 'beta', not 'nightly'");
+  for (const char* path : {"a", "a/b.txt", "dir/.hidden", "x..y", "ab:c"})
+    EXPECT_TRUE(isSafeManifestPath(path)) << path;
+  for (const char* path :
+       {"", "/etc/passwd", "../x", "a/../../x", "a//b", "a/./b", "a/", "C:/x", "a\\..\\x", "."})
+    EXPECT_FALSE(isSafeManifestPath(path)) << path;
+}
+
+TEST(Manifest, SignaturesCoverTheExactBytes) {
+  const SigningKeyPair keys = generateSigningKeyPair();
+  EXPECT_EQ(keys.secretKeyHex.size(), 128u);
+  EXPECT_EQ(publicKeyOf(keys.secretKeyHex).value(), keys.publicKeyHex);
+  const std::string signature = signManifest("bytes", keys.secretKeyHex).value();
+  EXPECT_TRUE(verifyManifest("bytes", signature + "\n", keys.publicKeyHex));
+  for (const auto& [message, key] : Rows{{"bytes ", keys.publicKeyHex},
+                                         {"bytes", generateSigningKeyPair().publicKeyHex}})
+    EXPECT_EQ(verifyManifest(message, signature, key).error(), "signature does not verify");
+  for (const std::string& bad : {keys.secretKeyHex.substr(2), "zz" + keys.secretKeyHex.substr(2)})
+    EXPECT_EQ(signManifest("m", bad).error(), "bad secret key (need 64-byte hex)");
+  EXPECT_EQ(verifyManifest("m", signature, keys.secretKeyHex).error(), "bad public key");
+  EXPECT_EQ(verifyManifest("m", signature.substr(1), keys.publicKeyHex).error(), "bad signature");
+}
+
+TEST(Manifest, EveryStoredChunkFormDecodesAndVerifies) {
+  std::string text, noise = test::randomBytes(300 * 1024, 2);
+  for (int i = 0; i < 3000; ++i) text += "line " + std::to_string(i) + " of a text file\n";
+  const ChunkRef textRef{chunkId(text), text.size()}, noiseRef{chunkId(noise), noise.size()};
+  std::string packed = encodeChunk(text, true), raw = encodeChunk(noise, true);
+  EXPECT_LT(packed.size(), text.size() / 4);
+  // Noise is not worth compressing: raw blocks a few bytes over the chunk, for any zstd decoder.
+  EXPECT_LE(raw.size(), noise.size() + 9 + 3 * 3);
+  std::string plain(noise.size(), '\0');
+  EXPECT_EQ(ZSTD_decompress(plain.data(), plain.size(), raw.data(), raw.size()), noise.size());
+  EXPECT_EQ(plain, noise);
+  EXPECT_EQ(rawZstdFrame("").size(), 12u);
+  for (const auto& [object, ref] :
+       {std::pair{packed, textRef}, {raw, noiseRef}, {encodeChunk(text, false), textRef}})
+    EXPECT_EQ(chunkId(decodeChunk(object, ref).value()), ref.h);
+  raw[raw.size() / 2] ^= 1;
+  EXPECT_EQ(decodeChunk(raw, noiseRef).error(),
+            "chunk " + noiseRef.h + " failed to decode/verify (corrupt or tampered)");
+  EXPECT_EQ(decodeChunk(packed, {textRef.h, text.size() + 1}).error(),
+            "chunk size mismatch for " + textRef.h);
+  // A frame that claims more than the manifest's length is refused, not decoded into a huge buffer.
+  EXPECT_FALSE(decodeChunk(packed, {textRef.h, 10}));
+}
+
+TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounded) {
+  const S3Client bucket({"http://127.0.0.1:9", "", "b", "key", "secret"});
+  const auto write = [&](const Manifest& m, std::string& text, std::uint64_t maxBytes) {
+    const auto sink = [&](std::string_view piece) { return text += piece, true; };
+    return writeSyncDescriptor(bucket, "ch", m, 300, sink, maxBytes);
+  };
+  Json::StreamWriterBuilder styled;  // what the JSON writer makes of the same document
+  styled["indentation"] = "  ";
+  styled["emitUTF8"] = true;
+  const auto ref = [](char digit) { return ChunkRef{std::string(64, digit), 1}; };
+  for (Manifest m : {sample({}), sample({{"f", 2, {ref('b'), ref('a')}}, {"g", 1, {ref('b')}}})}) {
+    m.channel = "ch\"an\\nel\n\x01 \xc3\xa9 \xff";  // every kind of character the writer escapes
+    std::string text;
+    const auto written = write(m, text, kMaxSyncDescriptorBytes);
+    EXPECT_EQ(written.value(), text.size());
+    EXPECT_EQ(text, Json::writeString(styled, base::parseJson(text).value_or(0)) + "\n");
+    const PresignedLinks links = parseSyncDescriptor(text).value();
+    EXPECT_EQ(links.chunks.size(), m.tree.files.empty() ? 0u : 2u);
+    for (const auto& [id, url] : links.chunks)
+      EXPECT_TRUE(url.starts_with("http://127.0.0.1:9/b/" + defaultChunkKey(id) + "?")) << url;
+    const std::string manifest = "http://127.0.0.1:9/b/channels/ch/manifest.json";
+    EXPECT_TRUE(links.manifestUrl.starts_with(manifest + "?")) << links.manifestUrl;
+    EXPECT_TRUE(links.signatureUrl.starts_with(manifest + ".sig?")) << links.signatureUrl;
+  }
+  const Manifest m = sample({{"f", 3, {ref('a'), ref('b'), ref('c')}}});
+  std::string whole, cut;
+  ASSERT_TRUE(write(m, whole, kMaxSyncDescriptorBytes));
+  EXPECT_EQ(write(m, cut, whole.size() - 1).error(),
+            "sync descriptor larger than " + std::to_string(whole.size() - 1) + " bytes");
+  EXPECT_LT(cut.size(), whole.size());
+  int pieces = 0;
+  EXPECT_EQ(writeSyncDescriptor(bucket, "ch", m, 300, [&](auto) { return ++pieces < 3; }).error(),
+            "cannot write sync descriptor");
+  EXPECT_EQ(pieces, 3);
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #pragma once
-// The S3 test peers: s3rver behind a signature-verifying front (tests/rill-peers/peers.mjs), both
-// on 127.0.0.1, started once per test program on first use and stopped when it exits. The node
-// process also exits by itself when this process dies, because its standard input closes.
+// The S3 test peers (tests/rill-peers/peers.mjs, installed by scripts/install-deps.sh): s3rver
+// behind a front that verifies signatures, on 127.0.0.1, started once per test program on first
+// use. They exit with it, as their standard input closes.
 
-#include <filesystem>
 #include <memory>
-#include <string>
 
 #include "rill/transport/s3_client.h"
 #include "support/node_peer.h"
@@ -13,29 +11,20 @@
 
 namespace quill::rill::test {
 
-inline const std::string kPeerBucket = "quill-test";
-inline const std::string kPeerAccessKey = "S3RVER";
-inline const std::string kPeerSecretKey = "S3RVER";
-// Every listing through the front is paged this small, so continuation tokens are always used.
-inline constexpr int kPeerPageSize = 2;
+inline const std::string kPeerBucket = "quill-test", kPeerAccessKey = "S3RVER",
+                         kPeerSecretKey = "S3RVER";
+inline constexpr int kPeerPageSize = 2;  // every listing is paged this small: tokens are used
 
 class S3Peers {
  public:
-  // The running peers, started on the first call. `skipReason` is set instead when node is not
-  // installed; a peer that fails to start is reported in `failure`.
+  // The running peers; `skipReason` is set when node is missing, `failure` when they did not start.
   static S3Peers& shared() {
     static S3Peers peers;
     return peers;
   }
-
-  S3Peers(const S3Peers&) = delete;
-  S3Peers& operator=(const S3Peers&) = delete;
-
   const std::string& skipReason() const { return skipReason_; }
-  const std::string& failure() const { return failure_; }
-
+  const std::string& failure() const { return peer_ ? peer_->failure() : skipReason_; }
   std::string endpoint() const { return peer_ ? peer_->origin() : ""; }
-
   S3Settings settings(const std::string& secretKey = kPeerSecretKey) const {
     return {endpoint(), "", kPeerBucket, kPeerAccessKey, secretKey};
   }
@@ -46,23 +35,16 @@ class S3Peers {
       skipReason_ = "node is not installed; the S3 tests need it (scripts/install-deps.sh)";
       return;
     }
-    const auto peers = std::filesystem::path(QUILL_SOURCE_DIR) / "tests" / "rill-peers";
-    if (!std::filesystem::exists(peers / "node_modules" / "s3rver")) {
-      failure_ = "s3rver is not installed in " + peers.string() + " (run scripts/install-deps.sh)";
-      return;
-    }
     peer_ = std::make_unique<quill::test::NodePeer>(
-        peers / "peers.mjs",
+        std::filesystem::path(QUILL_SOURCE_DIR) / "tests/rill-peers/peers.mjs",
         std::vector<std::string>{"--dir", data_.path().string(), "--bucket", kPeerBucket,
                                  "--max-keys", std::to_string(kPeerPageSize)},
         std::vector<std::string>{"--openssl-legacy-provider"});
-    failure_ = peer_->failure();
   }
 
   quill::test::TempDir data_;
   std::unique_ptr<quill::test::NodePeer> peer_;
   std::string skipReason_;
-  std::string failure_;
 };
 
 // Skips the current test when node is missing; fails it when the peers could not start.

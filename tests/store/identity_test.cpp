@@ -1,15 +1,14 @@
+// Users and their tokens. Every lookup goes through the token index and through the plain scan of
+// the token files, which must agree whatever happened to the token directory since.
+
 #include <gtest/gtest.h>
-#include <json/writer.h>
 
-#include <cctype>
-#include <ctime>
-#include <functional>
-#include <set>
-#include <string>
-#include <tuple>
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <thread>
 
-#include "base/json_reader.h"
-#include "store/data_dir.h"
 #include "store/documents.h"
 #include "store/groups.h"
 #include "store/token_index.h"
@@ -17,250 +16,196 @@
 #include "store/users.h"
 #include "store/utc_time.h"
 #include "support/api_fixture.h"
+#include "support/numbered.h"
 
 namespace quill::store {
 namespace {
 
+using test::parseJson;
+using namespace std::chrono_literals;
+
 class IdentityTest : public test::TempDirTest {
  protected:
-  void SetUp() override {
-    const auto prepared = data.prepare();
-    ASSERT_TRUE(prepared) << prepared.error();
+  void SetUp() override { ASSERT_TRUE(data.prepare()); }
+  // A user as made, then with `members` (JSON) set.
+  Json::Value user(const std::string& name, const std::string& role = "member",
+                   const std::string& members = "{}") {
+    Json::Value record = createUser(data, NewUser{name, role, {}, "", "", false}).value();
+    const Json::Value more = parseJson(members);
+    for (const auto& key : more.getMemberNames()) record[key] = more[key];
+    EXPECT_TRUE(saveUser(data, record));
+    return record;
   }
-
-  Json::Value user(const std::string& name, const std::string& role,
-                   std::vector<std::string> channels = {}) {
-    NewUser u;
-    u.name = name;
-    u.role = role;
-    u.channels = std::move(channels);
-    auto record = createUser(data, u);
-    EXPECT_TRUE(record.has_value()) << name;
-    return record.value_or(Json::Value());
+  // A token file as another program may leave it: `doc` with ' for " and # for the hash of
+  // `text`, put in place by a rename or else rewritten in place.
+  std::string writeToken(const std::string& name, std::string doc, const std::string& text,
+                         bool renamed = true) {
+    std::replace(doc.begin(), doc.end(), '\'', '"');
+    if (const auto at = doc.find('#'); at != std::string::npos) doc.replace(at, 1, hashToken(text));
+    if (!renamed) std::ofstream(token(name), std::ios::trunc) << doc;
+    EXPECT_TRUE(!renamed || writeFileAtomic(token(name), doc));
+    return doc;
   }
-
-  // A token file written by hand, as an older server or another tool would leave it; `edit`
-  // changes the record before it is written.
-  void writeToken(const std::string& name, const std::string& text, const std::string& owner,
-                  const std::function<void(Json::Value&)>& edit = {}) {
-    Json::Value record(Json::objectValue);
-    record["schema_version"] = 1;
-    record["name"] = name;
-    if (!owner.empty()) record["user"] = owner;
-    record["token_hash"] = hashToken(text);
-    record["created_at"] = "2026-01-01T00:00:00Z";
-    if (edit) edit(record);
-    ASSERT_TRUE(writeJsonFile(tokenPath(name), record));
+  fs::path token(const std::string& name) const { return DataDir::recordPath(data.tokens(), name); }
+  std::string owner(const std::string& text) {  // "" for nothing
+    const auto viaIndex = resolveToken(data, text, &index);
+    EXPECT_EQ(viaIndex, resolveToken(data, text)) << "index and scan disagree on " << text;
+    return viaIndex ? (*viaIndex)["name"].asString() : "";
   }
-
-  // An SSO token of "sam" last validated at `validatedAt` (raw text).
-  void ssoToken(const std::string& name, const std::string& text, const std::string& validatedAt) {
-    writeToken(name, text, "sam", [&](Json::Value& r) {
-      r["sso"] = true;
-      r["sso_validated_at"] = validatedAt;
-    });
-  }
-
-  fs::path tokenPath(const std::string& name) const {
-    return DataDir::recordPath(data.tokens(), name);
-  }
-
-  // Resolves with and without the index; both must agree.
-  std::optional<Json::Value> resolve(const std::string& text) {
-    auto viaIndex = resolveToken(data, text, &index);
-    auto viaScan = resolveToken(data, text);
-    EXPECT_EQ(viaIndex, viaScan) << text;
-    return viaIndex;
-  }
-
+  // The token directory untouched for an hour, as on a running server: the index may trust it.
+  void settle() { fs::last_write_time(data.tokens(), fs::file_time_type::clock::now() - 1h); }
   DataDir data{dir() / "data"};
   TokenIndex index;
 };
 
-TEST_F(IdentityTest, HashTokenIsLowerCaseHexBlake3) {
+TEST_F(IdentityTest, ATokenResolvesToItsOwnerOnlyWhileEverythingAboutItHolds) {
   EXPECT_EQ(hashToken("abc"), "6437b3ac38465133ffb63b75273a8db548c558465d79db03fd359c6cd5bd9d85");
   EXPECT_EQ(hashToken(""), "af1349b9f5f9a1a6a0404dea36dcc9499bcb25c9adc112b7cc9a93cae41f3262");
   EXPECT_NE(hashToken(std::string("a\0b", 3)), hashToken("a"));
-}
-
-TEST_F(IdentityTest, AMintedTokenIsShownOnceAndStoredOnlyAsItsHash) {
-  user("ci", "publisher");
-  std::set<std::string> seen;
-  for (const std::string name : {"t0", "t1"}) {
-    const std::string text = mintToken(data, name, "ci");
-    ASSERT_EQ(text.size(), kTokenLength);
-    for (char c : text) ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << text;
-    EXPECT_TRUE(seen.insert(text).second);
-    EXPECT_EQ(test::readBytes(tokenPath(name)).find(text), std::string::npos);
-    auto record = findToken(data, name);
-    ASSERT_TRUE(record);
-    EXPECT_EQ(
-        record->getMemberNames(),
-        (std::vector<std::string>{"created_at", "name", "schema_version", "token_hash", "user"}));
-    EXPECT_EQ((*record)["token_hash"], hashToken(text));
-    EXPECT_EQ((*record)["user"], "ci");
-    ASSERT_TRUE(resolve(text));
-    EXPECT_EQ((*resolve(text))["name"], "ci");
+  user("alice", "publisher"), user("sam"), user("omar");
+  user("dora", "member", R"({"disabled":true})");
+  user("dina", "member", R"({"disabled":"true"})");  // only a boolean true disables
+  // Shown once, stored only as its hash.
+  const std::string t0 = mintToken(data, "t0", "alice"), t1 = mintToken(data, "t1", "alice");
+  EXPECT_NE(t0, t1);
+  EXPECT_EQ(t1.size(), kTokenLength);
+  Json::Value record = parseJson(R"({"schema_version":1,"name":"t1","user":"alice"})");
+  record["token_hash"] = hashToken(t1);
+  record["created_at"] = (*findToken(data, "t1"))["created_at"];
+  EXPECT_EQ(findToken(data, "t1"), record);
+  std::string upper = hashToken("w");
+  for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  const std::time_t now = std::time(nullptr);
+  const std::string sso = "{'user':'sam','token_hash':'#','sso':true,'sso_validated_at':'";
+  const std::tuple<const char*, std::string, const char*, const char*, bool> rows[] = {
+      // token file, its record, text presented, owner answered, file kept
+      {"nohash", "{'user':'alice'}", "y", "", true},
+      {"numeric", "{'user':'alice','token_hash':12}", "z", "", true},
+      {"upper", "{'user':'alice','token_hash':'" + upper + "'}", "w", "", true},
+      {"orphan", "{'user':'ghost','token_hash':'#'}", "secret", "", true},
+      {"badname", "{'user':'../users/x','token_hash':'#'}", "secret2", "", true},
+      {"d1", "{'user':'dora','token_hash':'#'}", "d1", "", true},
+      {"d2", "{'user':'dina','token_hash':'#'}", "d2", "dina", true},
+      // Single sign-on: good for a day after the last sign-on; an expired token is removed, a
+      // time that cannot be read is refused but the token kept. Other tokens never expire.
+      {"stale", sso + formatUtc(now - 86401) + "'}", "s1", "", false},
+      {"future", sso + formatUtc(now + 7 * 86400) + "'}", "s2", "sam", true},
+      {"words", sso + "yesterday'}", "s3", "", true},
+      {"odd", sso + "2026--2147483648-01T00:00:00'}", "s6", "", false},  // six numbers, no date
+      {"missing", "{'user':'sam','token_hash':'#','sso':true}", "s7", "", true},
+      {"plain", "{'user':'sam','token_hash':'#','sso_validated_at':'2000-01-01T00:00:00Z'}", "s8",
+       "sam", true},
+      // A token without `user` (or with an empty one) predates per-user tokens: it belongs to an
+      // admin named like it, made unless it exists, if a user may have that name.
+      {"nadia", "{'name':'nadia','token_hash':'#'}", "legacy-1", "nadia", true},
+      {"omar", "{'name':'omar','user':'','token_hash':'#'}", "legacy-2", "omar", true},
+      {"con", "{'name':'con','token_hash':'#'}", "legacy-3", "", true},
+      {"dots", "{'name':'..','token_hash':'#'}", "legacy-4", "", true}};
+  ASSERT_TRUE(writeFileAtomic(data.tokens() / "notes.txt", "hello"));
+  fs::create_directory(data.tokens() / "sub.json");
+  for (const auto& [file, doc, text, expected, kept] : rows) {
+    const std::string bytes = writeToken(file, doc, text);
+    EXPECT_EQ(owner(text), expected) << file;
+    EXPECT_EQ(fs::exists(token(file)), kept) << file;
+    // Untouched, but for the upgraded legacy tokens (named like their owner).
+    const bool changed = !kept || file == std::string(expected);
+    EXPECT_EQ(changed ? bytes : test::readBytes(token(file)), bytes) << file;
   }
-}
-
-TEST_F(IdentityTest, UnknownMalformedAndOrphanTokensResolveToNothing) {
-  user("alice", "member");
-  const std::string text = mintToken(data, "good", "alice");
-  ASSERT_TRUE(writeFileAtomic(tokenPath("broken"), "{\"token_hash\": "));
-  writeToken("nohash", "y", "alice", [](Json::Value& r) { r.removeMember("token_hash"); });
-  writeToken("numeric", "z", "alice", [](Json::Value& r) { r["token_hash"] = 12; });
-  writeToken("upper", "w", "alice", [](Json::Value& r) {
-    std::string hash = r["token_hash"].asString();
-    for (char& c : hash) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    r["token_hash"] = hash;
-  });
-  // Files that are not objects are skipped.
-  ASSERT_TRUE(writeFileAtomic(tokenPath("array"), "[\"" + hashToken("x") + "\"]"));
-  // Owners that do not exist, or cannot.
-  writeToken("orphan", "secret", "ghost");
-  writeToken("badname", "secret2", "../users/x");
-
-  for (const char* bad : {"", "x", "y", "z", "w", "good", "secret", "secret2"}) {
-    EXPECT_FALSE(resolve(bad)) << bad;
-  }
-  ASSERT_TRUE(resolve(text));
-  EXPECT_EQ((*resolve(text))["name"], "alice");
-}
-
-TEST_F(IdentityTest, ALegacyTokenIsUpgradedToAnAdminNamedLikeIt) {
-  writeToken("nadia", "legacy-1", "");
-  auto resolved = resolveToken(data, "legacy-1", &index);
-  ASSERT_TRUE(resolved);
-  EXPECT_EQ((*resolved)["name"], "nadia");
-  EXPECT_EQ((*resolved)["role"], "admin");
-  EXPECT_EQ((*resolved)["groups"], Json::Value(Json::arrayValue));
-  EXPECT_EQ(findUser(data, "nadia"), resolved);
-  EXPECT_EQ((*findToken(data, "nadia"))["user"], "nadia");
-  EXPECT_EQ(resolve("legacy-1"), resolved);
-
-  // An existing user of that name is left as it is, and an empty `user` counts as absent.
-  user("omar", "member");
-  writeToken("omar", "legacy-2", "", [](Json::Value& r) { r["user"] = ""; });
-  ASSERT_TRUE(resolve("legacy-2"));
+  EXPECT_EQ(owner(t0) + "|" + owner("") + owner("t0") + owner("secret") + owner("hello"), "alice|");
+  const Json::Value nadia = findUser(data, "nadia").value();
+  EXPECT_EQ(nadia, resolveToken(data, "legacy-1"));
+  EXPECT_EQ(nadia["role"].asString() + nadia["groups"].toStyledString(), "admin[]\n");
   EXPECT_EQ((*findUser(data, "omar"))["role"], "member");
-  EXPECT_EQ((*findToken(data, "omar"))["user"], "omar");
-
-  // A name no user may have resolves to nothing and is not upgraded.
-  writeToken("con", "legacy-con", "");
-  writeToken("dots", "legacy-dots", "", [](Json::Value& r) { r["name"] = ".."; });
-  EXPECT_FALSE(resolve("legacy-con"));
-  EXPECT_FALSE(resolve("legacy-dots"));
+  for (const char* name : {"nadia", "omar"}) EXPECT_EQ((*findToken(data, name))["user"], name);
   EXPECT_FALSE(findToken(data, "con")->isMember("user"));
-}
-
-TEST_F(IdentityTest, DisablingAUserSuspendsItsTokensWithoutTouchingThem) {
-  Json::Value alice = user("alice", "admin");
-  const std::string first = mintToken(data, "a1", "alice");
-  const std::string before = test::readBytes(tokenPath("a1"));
-  alice["disabled"] = true;
-  ASSERT_TRUE(saveUser(data, alice));
-  EXPECT_FALSE(resolve(first));
-  EXPECT_EQ(test::readBytes(tokenPath("a1")), before);
-  // Only a boolean true disables.
-  alice["disabled"] = "true";
-  ASSERT_TRUE(saveUser(data, alice));
-  EXPECT_TRUE(resolve(first));
-}
-
-TEST_F(IdentityTest, SsoTokenIsGoodForOneDayAfterItsLastSignOn) {
-  user("sam", "member");
-  // The boundary second must not tick between writing and resolving; retry if it did.
+  // Exactly a day is still good; retry if the second ticked between writing and resolving.
   bool checked = false;
   for (int attempt = 0; attempt < 5 && !checked; ++attempt) {
-    const std::time_t now = std::time(nullptr);
-    ssoToken("day", "sso-day", formatUtc(now - 86400));
-    const bool accepted = resolveToken(data, "sso-day", &index).has_value();
-    checked = std::time(nullptr) == now;
+    const std::time_t start = std::time(nullptr);
+    writeToken("day", sso + formatUtc(start - 86400) + "'}", "day");
+    const bool accepted = resolveToken(data, "day", &index).has_value();
+    checked = std::time(nullptr) == start;
     EXPECT_TRUE(accepted || !checked);
   }
   EXPECT_TRUE(checked);
-
-  // Expired tokens are removed; a time that cannot be read is refused but the token kept.
-  const std::time_t now = std::time(nullptr);
-  const std::tuple<std::string, std::string, bool, bool> rows[] = {
-      // name, time, accepted, kept
-      {"stale", formatUtc(now - 86401), false, false},
-      {"future", formatUtc(now + 7 * 86400), true, true},
-      {"words", "yesterday", false, true},
-      {"short", "2026-01-01T00:00", false, true},
-      {"blank", "", false, true},
-      // Six numbers are read, but no calendar time has this month.
-      {"odd", "2026--2147483648-01T00:00:00", false, false},
-  };
-  for (const auto& [name, validatedAt, accepted, kept] : rows) {
-    ssoToken(name, "sso-" + name, validatedAt);
-    EXPECT_EQ(resolveToken(data, "sso-" + name, &index).has_value(), accepted) << name;
-    EXPECT_EQ(fs::exists(tokenPath(name)), kept) << name;
-  }
-  writeToken("missing", "sso-missing", "sam", [](Json::Value& r) { r["sso"] = true; });
-  EXPECT_FALSE(resolve("sso-missing"));
-  EXPECT_TRUE(fs::exists(tokenPath("missing")));
-
-  // A token not marked sso never expires, whatever its time stamp says.
-  writeToken("plain", "not-sso", "sam",
-             [](Json::Value& r) { r["sso_validated_at"] = "2000-01-01T00:00:00Z"; });
-  EXPECT_TRUE(resolve("not-sso"));
 }
 
-TEST_F(IdentityTest, CreateUserNeverReplacesARecord) {
-  Json::Value listed = user("lister", "member", {"beta"});
-  EXPECT_EQ(listed["channels"].size(), 1u);  // a list given to any role is kept
+TEST_F(IdentityTest, UserRules) {
+  // A channel list given to any role is kept, and an existing record is never replaced.
+  const auto lister = createUser(data, NewUser{"lister", "member", {"beta"}, "", "", false});
+  EXPECT_EQ(lister.value()["channels"], test::strings({"beta"}));
   const std::string before = test::readBytes(DataDir::recordPath(data.users(), "lister"));
-  NewUser again;
-  again.name = "lister";
-  again.role = "admin";
-  EXPECT_FALSE(createUser(data, again));
+  EXPECT_FALSE(createUser(data, NewUser{"lister", "admin", {}, "", "", false}));
   EXPECT_EQ(test::readBytes(DataDir::recordPath(data.users(), "lister")), before);
-}
-
-TEST_F(IdentityTest, CountAdminsCountsExactRoleIncludingDisabled) {
-  EXPECT_EQ(countAdmins(data), 0);
-  EXPECT_FALSE(anyAdminExists(data));
-  user("a1", "admin");
-  Json::Value a2 = user("a2", "admin");
-  a2["disabled"] = true;
-  ASSERT_TRUE(saveUser(data, a2));
-  user("m", "member");
-  user("p", "publisher");
-  Json::Value odd = user("odd", "member");
-  odd["role"] = "Admin";
-  ASSERT_TRUE(saveUser(data, odd));
-  EXPECT_EQ(countAdmins(data), 2);
-  EXPECT_TRUE(anyAdminExists(data));
-}
-
-TEST_F(IdentityTest, ProfileTextIsCutToBytesThenControlBytesBecomeSpaces) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"Ada\tLovelace\r\n", "Ada Lovelace  "},
-      {std::string("a\0b\x1f\x7f", 5), "a b \x7f"},
-      {"  kept as is  ", "  kept as is  "},
-      {std::string(300, 'x'), std::string(256, 'x')},
-      {std::string(256, 'y'), std::string(256, 'y')},
-      // The cut ignores UTF-8 boundaries, and comes before control bytes are considered.
-      {std::string(255, 'x') + "\xC3\xA9tail", std::string(255, 'x') + "\xC3"},
-      {std::string(256, 'z') + "\n", std::string(256, 'z')},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(profileText(text), expected) << text;
-}
-
-TEST_F(IdentityTest, EffectiveChannelsAreFollowsThenGroupChannelsFirstOccurrenceOnly) {
-  auto json = [](const std::string& text) { return (*base::parseJsonObject(text))["v"]; };
+  // Admins are the records whose role is exactly "admin", disabled ones included.
+  EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(0, false));
+  user("a1", "admin"), user("p", "publisher");
+  user("a2", "admin", R"({"disabled":true})");
+  user("odd", "admin", R"({"role":"Admin"})");
+  EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(2, true));
+  // Profile texts are cut to 256 bytes (UTF-8 aside), then control bytes become spaces.
+  const std::string k(255, 'k'), nul("a\0b\x1f\x7f", 5);
+  // clang-format off
+  const std::map<std::string, std::string> texts = {
+      {"Ada\tLovelace\r\n", "Ada Lovelace  "}, {nul, "a b \x7f"}, {"  as is  ", "  as is  "},
+      {k + "xx", k + "x"}, {k + "y", k + "y"}, {k + "\xC3\xA9tail", k + "\xC3"}, {k + "z\n", k + "z"}};
+  // clang-format on
+  for (const auto& [text, expected] : texts) EXPECT_EQ(profileText(text), expected) << text;
+  // Effective channels: the follows, then each group's channels, first occurrences only.
   for (const auto& [name, channels] : {std::pair{"g1", R"(["a","c"])"}, {"g2", R"(["c","d"])"}}) {
     Json::Value group = newGroupRecord(name);
-    group["channels"] = json(std::string(R"({"v":)") + channels + "}");
+    group["channels"] = parseJson(channels);
     ASSERT_TRUE(saveGroup(data, group));
   }
-  Json::Value u = user("u", "member");
-  u["follows"] = json(R"({"v":["b","a",7,"b"]})");
-  u["groups"] = json(R"({"v":["g1","gone","g2"]})");
-  EXPECT_EQ(effectiveChannels(data, u), json(R"({"v":["b","a","c","d"]})"));
-  EXPECT_EQ(effectiveChannels(data, user("bare", "member")), Json::Value(Json::arrayValue));
+  const Json::Value u =
+      user("u", "member", R"({"follows":["b","a",7,"b"],"groups":["g1","x","g2"]})");
+  EXPECT_EQ(effectiveChannels(data, u), test::strings({"b", "a", "c", "d"}));
+  EXPECT_EQ(effectiveChannels(data, user("bare")), Json::Value(Json::arrayValue));
+}
+
+TEST_F(IdentityTest, TheIndexSeesTokenFilesComeChangeAndGo) {
+  user("alice"), user("bob");
+  fs::remove_all(data.tokens());  // it may appear later
+  EXPECT_EQ(owner("anything"), "");
+  const std::string first = mintToken(data, "t1", "alice");
+  settle();
+  EXPECT_EQ(owner("not-yet") + owner("not-yet"), "");  // the second is a trusted miss
+  EXPECT_EQ(owner(first), "alice");
+  EXPECT_EQ(owner(mintToken(data, "t2", "bob")), "bob");
+  settle();
+  EXPECT_EQ(owner("still-not"), "");
+  writeToken("t3", "{'user':'alice','token_hash':'#'}", "fresh-file", false);  // a new file
+  EXPECT_EQ(owner("fresh-file"), "alice");
+  // Replaced by a rename, by another owner; then only the owner changes.
+  writeToken("t1", "{'user':'bob','token_hash':'#'}", "second");
+  EXPECT_EQ(owner(first) + "|" + owner("second"), "|bob");
+  writeToken("t1", "{'user':'alice','token_hash':'#'}", "second");
+  EXPECT_EQ(owner("second"), "alice");
+  // Rewriting an existing file in place leaves the directory's modification time alone.
+  settle();
+  EXPECT_EQ(owner("unknown"), "");
+  writeToken("t1", "{'user':'bob','token_hash':'#'}", "rewritten", false);
+  EXPECT_EQ(owner("rewritten") + "|" + owner("second"), "bob|");
+  // Many tokens come and go while other threads look up two that stay; deletions stop a token at
+  // once. The scan is quadratic: compare it on a sample.
+  const std::string stable[] = {"fresh-file", "rewritten"};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      for (int n = 0; n < 2000; ++n) wrong += resolveToken(data, stable[n % 2], &index) ? 0 : 1;
+    });
+  }
+  std::vector<std::string> texts;
+  for (int i = 0; i < 300; ++i) texts.push_back(mintToken(data, test::numbered("n", i), "bob"));
+  settle();
+  for (int i = 0; i < 300; i += 30) EXPECT_EQ(owner(texts[i]), "bob");
+  for (int i = 0; i < 300; i += 3) ASSERT_TRUE(removeFile(token(test::numbered("n", i))));
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_EQ(resolveToken(data, texts[i], &index).has_value(), i % 3 != 0) << i;
+  }
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

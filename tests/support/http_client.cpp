@@ -2,19 +2,13 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 
 namespace quill::test {
-
 namespace {
-
-CURL* handle(void* p) { return static_cast<CURL*>(p); }
 
 size_t collectBody(char* data, size_t size, size_t count, void* out) {
   static_cast<std::string*>(out)->append(data, size * count);
@@ -22,17 +16,14 @@ size_t collectBody(char* data, size_t size, size_t count, void* out) {
 }
 
 size_t collectHeader(char* data, size_t size, size_t count, void* out) {
-  std::string line(data, size * count);
-  auto colon = line.find(':');
-  if (colon != std::string::npos) {
-    std::string name = line.substr(0, colon);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    std::string value = line.substr(colon + 1);
-    value.erase(0, value.find_first_not_of(" \t"));
-    value.erase(value.find_last_not_of("\r\n \t") + 1);
-    (*static_cast<std::map<std::string, std::string>*>(out))[name] = value;
-  }
+  const std::string line(data, size * count);
+  const auto colon = line.find(':');
+  if (colon == std::string::npos) return size * count;
+  std::string name = line.substr(0, colon), value = line.substr(colon + 1);
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  value.erase(0, value.find_first_not_of(" \t"));
+  value.erase(value.find_last_not_of("\r\n \t") + 1);
+  (*static_cast<std::map<std::string, std::string>*>(out))[name] = value;
   return size * count;
 }
 
@@ -47,16 +38,16 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 Client::Client() : curl_(curl_easy_init()) {}
-Client::~Client() { curl_easy_cleanup(handle(curl_)); }
+Client::~Client() { curl_easy_cleanup(static_cast<CURL*>(curl_)); }
 
 Fetched Client::fetch(const std::string& method, const std::string& url, const std::string& body,
                       const std::vector<std::string>& headers) {
   Fetched out;
-  CURL* c = handle(curl_);
+  CURL* c = static_cast<CURL*>(curl_);
   curl_easy_reset(c);
   curl_easy_setopt(c, CURLOPT_URL, url.c_str());
   curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
-  if (method == "HEAD") curl_easy_setopt(c, CURLOPT_NOBODY, 1L);
+  curl_easy_setopt(c, CURLOPT_NOBODY, method == "HEAD" ? 1L : 0L);
   if (!body.empty() || method == "POST" || method == "PUT") {
     curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.data());
     curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
@@ -69,32 +60,25 @@ Fetched Client::fetch(const std::string& method, const std::string& url, const s
   curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collectHeader);
   curl_easy_setopt(c, CURLOPT_HEADERDATA, &out.headers);
   curl_easy_setopt(c, CURLOPT_TIMEOUT, 20L);
-  CURLcode rc = curl_easy_perform(c);
-  if (rc != CURLE_OK) out.error = curl_easy_strerror(rc);
+  if (CURLcode rc = curl_easy_perform(c); rc != CURLE_OK) out.error = curl_easy_strerror(rc);
   curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &out.status);
   curl_easy_getinfo(c, CURLINFO_NUM_CONNECTS, &out.newConnections);
   curl_slist_free_all(list);
   return out;
 }
 
-RawConnection::RawConnection(std::uint16_t port) {
-  fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd_ < 0) return;
+RawConnection::RawConnection(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
   sockaddr_in addr = loopback(port);
-  if (::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return;
+  ::close(fd_);
+  fd_ = -1;
 }
 
-RawConnection::~RawConnection() {
-  if (fd_ >= 0) ::close(fd_);
-}
+RawConnection::~RawConnection() { ::close(fd_); }
 
 bool RawConnection::send(const std::string& bytes) {
-  std::size_t sent = 0;
-  while (sent < bytes.size()) {
-    ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+  for (std::size_t sent = 0; sent < bytes.size();) {
+    const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) return false;
     sent += static_cast<std::size_t>(n);
   }
@@ -103,15 +87,14 @@ bool RawConnection::send(const std::string& bytes) {
 
 std::string RawConnection::readUntil(const std::string& marker, std::chrono::milliseconds timeout) {
   std::string data;
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (marker.empty() || data.find(marker) == std::string::npos) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    pollfd p{fd_, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
-    char buf[65536];
-    ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+  char buf[65536];
+  pollfd p{fd_, POLLIN, 0};
+  using Clock = std::chrono::steady_clock;
+  for (auto end = Clock::now() + timeout;
+       marker.empty() || data.find(marker) == std::string::npos;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+    const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
     if (n <= 0) break;
     data.append(buf, static_cast<std::size_t>(n));
   }
@@ -123,22 +106,20 @@ std::string RawConnection::readAll(std::chrono::milliseconds timeout) {
 }
 
 bool RawConnection::closedByPeer(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd p{fd_, POLLIN, 0};
-    if (::poll(&p, 1, 50) <= 0) continue;
-    char buf[65536];
-    ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
-    if (n <= 0) return true;
+  char buf[65536];
+  pollfd p{fd_, POLLIN, 0};
+  using Clock = std::chrono::steady_clock;
+  for (auto end = Clock::now() + timeout; Clock::now() < end;) {
+    if (::poll(&p, 1, 50) > 0 && ::recv(fd_, buf, sizeof buf, 0) <= 0) return true;
   }
   return false;
 }
 
 std::uint16_t freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr = loopback(0);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   socklen_t len = sizeof addr;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
   ::close(fd);
   return ntohs(addr.sin_port);

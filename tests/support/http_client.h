@@ -24,7 +24,6 @@ class Client {
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
-
   Fetched fetch(const std::string& method, const std::string& url, const std::string& body = "",
                 const std::vector<std::string>& headers = {});
 
@@ -39,7 +38,6 @@ class RawConnection {
   ~RawConnection();
   RawConnection(const RawConnection&) = delete;
   RawConnection& operator=(const RawConnection&) = delete;
-
   bool connected() const { return fd_ >= 0; }
   bool send(const std::string& bytes);
   // Reads until the peer closes or `timeout` passes; returns what arrived.

@@ -14,26 +14,28 @@
 extern char** environ;
 
 namespace quill::test {
-
 namespace {
 
-std::string slurp(const std::filesystem::path& p) {
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+std::string slurp(const fs::path& p) {
   std::ifstream in(p, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-std::filesystem::path scratchFile(const char* tag) {
+fs::path scratchFile() {
   static int counter = 0;
-  return std::filesystem::temp_directory_path() /
-         ("quill-proc-" + std::to_string(::getpid()) + "-" + std::to_string(++counter) + tag);
+  return fs::temp_directory_path() /
+         ("quill-proc-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
 }
 
-// Runs `program` with standard output and error into the given files.
-pid_t spawnInto(const std::string& program, std::vector<std::string> args,
-                const std::filesystem::path& out, const std::filesystem::path& err) {
+// Runs `program` with standard output into `out` and standard error into `out`.err.
+pid_t spawnInto(const std::string& program, std::vector<std::string> args, const fs::path& out) {
   args.insert(args.begin(), program);
-  const int outFd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const int errFd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  const int outFd = ::open(out.c_str(), flags, 0600);
+  const int errFd = ::open((out.string() + ".err").c_str(), flags, 0600);
   const pid_t pid = spawnProgram(std::move(args), -1, outFd, errFd);
   ::close(outFd);
   ::close(errFd);
@@ -58,41 +60,32 @@ pid_t spawnProgram(std::vector<std::string> words, int in, int out, int err) {
 }
 
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args) {
-  ProcessResult result;
-  const auto out = scratchFile(".out"), err = scratchFile(".err");
-  const pid_t pid = spawnInto(program, args, out, err);
+  const fs::path out = scratchFile(), err = out.string() + ".err";
+  const pid_t pid = spawnInto(program, args, out);
   int status = 0;
-  if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-    result.exitCode = WEXITSTATUS(status);
-  }
-  result.out = slurp(out);
-  result.err = slurp(err);
-  std::filesystem::remove(out);
-  std::filesystem::remove(err);
+  const bool exited = pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status);
+  ProcessResult result{exited ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
+  fs::remove(out);
+  fs::remove(err);
   return result;
 }
 
 ServerProcess::ServerProcess(const std::string& program, std::vector<std::string> args)
-    : port_(freePort()), outFile_(scratchFile(".server")) {
+    : port_(freePort()), outFile_(scratchFile()) {
   args.insert(args.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port_)});
-  pid_ = spawnInto(program, args, outFile_, outFile_.string() + ".err");
+  pid_ = spawnInto(program, args, outFile_);
 }
 
 ServerProcess::~ServerProcess() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
+  if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
   std::error_code ec;
-  std::filesystem::remove(outFile_, ec);
-  std::filesystem::remove(outFile_.string() + ".err", ec);
+  fs::remove(outFile_, ec);
+  fs::remove(outFile_.string() + ".err", ec);
 }
 
 bool ServerProcess::waitUntilListening(std::chrono::milliseconds timeout) {
-  for (auto deadline = std::chrono::steady_clock::now() + timeout;
-       std::chrono::steady_clock::now() < deadline;
+  for (auto end = Clock::now() + timeout; Clock::now() < end && running();
        std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-    if (!running()) return false;
     if (RawConnection(port_).connected()) return true;
   }
   return false;
@@ -103,26 +96,21 @@ std::string ServerProcess::url(const std::string& path) const {
 }
 
 std::string ServerProcess::output() const { return slurp(outFile_); }
-
 std::string ServerProcess::errors() const { return slurp(outFile_.string() + ".err"); }
 
 int ServerProcess::waitForExit(std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (pid_ > 0) {
+  for (auto end = Clock::now() + timeout; pid_ > 0 && Clock::now() < end;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
     int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) continue;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   return -1;
 }
 
 bool ServerProcess::running() {
-  if (pid_ <= 0) return false;
-  if (::waitpid(pid_, nullptr, WNOHANG) == 0) return true;
+  if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) return true;
   pid_ = -1;
   return false;
 }

@@ -31,18 +31,14 @@ class ServerProcess {
   ~ServerProcess();
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
-
   // Waits until the port accepts connections; false if the process died or time ran out.
   bool waitUntilListening(std::chrono::milliseconds timeout = std::chrono::seconds(20));
   std::uint16_t port() const { return port_; }
   pid_t pid() const { return pid_; }
-  // False once the process has ended (it is reaped then).
-  bool running();
+  bool running();  // false once the process has ended (it is reaped then)
   std::string url(const std::string& path) const;
-  // Standard output so far.
-  std::string output() const;
-  // Standard error so far.
-  std::string errors() const;
+  std::string output() const;  // standard output so far
+  std::string errors() const;  // standard error so far
   // Waits for the process to end; its exit status, or -1 when it was killed by a signal or is
   // still running after `timeout`.
   int waitForExit(std::chrono::milliseconds timeout);
