@@ -157,7 +157,7 @@ TEST_F(UsersApi, WriteFailuresAreReportedExceptOnCreation) {
   )");
   // Creation answers the record even though it could not be stored.
   if (!blockWrites(userPath("zed"))) GTEST_SKIP();
-  walk("POST /api/users/zed?role=publisher => 200 .name=\"zed\" | file users/zed.json absent");
+  walk("POST /api/users/zed?role=publisher => 200 .name=\"zed\"\n file users/zed.json absent");
 }
 
 TEST_F(UsersApi, ServiceTokensChecksInOrderThenTheTokenIsShownOnce) {
