@@ -46,8 +46,7 @@ TEST_F(GroupsApi, ChannelAssignmentChecksAndIsIdempotent) {
     # Unassigning needs no existing channel and succeeds with nothing to remove.
     mark groups/team.json
     DELETE /api/groups/team/channels?channel=x => 200 =@groups/team.json
-    unchanged groups/team.json
-    group dups beta,x,beta
+    unchanged groups/team.json | group dups beta,x,beta
     DELETE /api/groups/dups/channels?channel=beta => 200 .channels=["x"]
   )");
 }

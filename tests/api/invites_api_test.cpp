@@ -308,8 +308,7 @@ TEST_F(InvitesApi, AnyAdminClosesTheClaimButUnreadableRecordsDoNot) {
   walk(R"(
     5* - @10.0.0.7 POST /api/claim?pin=0000 => 403 invalid claim pin
     - @10.0.0.7 POST /api/claim?pin=1234 => 429 too many requests - slow down and retry later ; hdr:Retry-After~[0-9]+
-    files users 0 | files tokens 1
-    write users/ghost.json {"name":"ghost","role":"admin"
+    files users 0 | files tokens 1 | write users/ghost.json {"name":"ghost","role":"admin"
     - GET /api/claim => 200 {"claimable":true,"claimed":false,"schema_version":1}
     - @10.0.0.9 POST /api/claim?pin=1234&machine=My\sBox! => 200 .token_name~admin-MyBox-[A-Za-z0-9]{4}
     remove users/admin.json | user boss admin | set users/boss.json .disabled=true
