@@ -57,13 +57,17 @@ std::string unescape(const std::string& s) {
   return out;
 }
 
-Json::Value loose(const std::string& text) {
-  Json::Value v;
+// Parses `text`, reporting a failure; `strict` refuses anything after the value.
+Json::Value parse(const std::string& text, bool strict) {
+  Json::Value value;
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = strict;
   std::istringstream in(text);
   std::string errors;
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errors)) ADD_FAILURE() << text;
-  return v;
+  if (!Json::parseFromStream(builder, in, &value, &errors)) ADD_FAILURE() << "not JSON: " << text;
+  return value;
 }
+Json::Value loose(const std::string& text) { return parse(text, false); }
 
 // The member at ".a.b.0" (`#` a size, `key:value` an array's element), or null.
 const Json::Value* member(const Json::Value& doc, const std::string& path) {
@@ -115,17 +119,7 @@ Req& Req::body(std::string bytes) {
   return req_.body = std::move(bytes), *this;
 }
 
-Json::Value parseJson(const std::string& text) {
-  Json::Value value;
-  Json::CharReaderBuilder builder;
-  builder["failIfExtra"] = true;
-  std::string errors;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
-    ADD_FAILURE() << "not JSON: " << text;
-  }
-  return value;
-}
+Json::Value parseJson(const std::string& text) { return parse(text, true); }
 
 std::string headerOf(const http::Response& res, const std::string& name) {
   for (const auto& [key, value] : res.headers) {
