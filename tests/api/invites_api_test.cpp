@@ -17,7 +17,8 @@ class InvitesApi : public ApiTest {
   // A code for `user` straight from the store as `$var`, its record's path as `$var_file`.
   void invite(const std::string& var, const std::string& user, std::vector<std::string> groups = {},
               const std::string& email = "", const std::string& displayName = "") {
-    auto created = store::createInvite(data(), {user, std::move(groups), store::kDefaultInviteLifetime, displayName, email});
+    auto created = store::createInvite(
+        data(), {user, std::move(groups), store::kDefaultInviteLifetime, displayName, email});
     ASSERT_TRUE(created.has_value());
     named(var, (*created)["code"].asString());
   }
@@ -241,8 +242,8 @@ TEST_F(InvitesApi, AccessRequestsAreCheckedStoredCappedApprovedAndDeclined) {
 TEST_F(InvitesApi, FiftyPendingRequestsCloseTheDoorAndEveryAttemptIsStillCharged) {
   for (int i = 10000; i < 10050; ++i) {
     writeText(data().accessRequests() / ("req" + std::to_string(i) + ".json"),
-              R"({"schema_version":1,"id":"req)" + std::to_string(i) +
-                  R"(","name":"p","email":"p@example.com","message":"","created_at":"2026-01-01T00:00:00Z"})");
+              R"({"schema_version":1,"id":"req)" + std::to_string(i) + R"(","name":"p",)"
+              R"("email":"p@example.com","message":"","created_at":"2026-01-01T00:00:00Z"})");
   }
   walk(R"(
     5* - @10.0.0.8 POST /api/access-requests {"name":"late","email":"late@example.com"} => 429 too many pending requests - try again later

@@ -142,7 +142,8 @@ TEST_F(UsersApi, GroupsFollowsDisablingAndProfile) {
 }
 
 TEST_F(UsersApi, WriteFailuresAreReportedExceptOnCreation) {
-  walk("user admin admin | channel beta | group team | user bob member | user ci publisher service | mark users/bob.json");
+  walk("user admin admin | channel beta | group team | user bob member | mark users/bob.json\n"
+       "user ci publisher service");
   if (!blockWrites(userPath("bob")) || !blockWrites(tokenPath("deploy"))) GTEST_SKIP();
   walk(R"(
     POST /api/users/bob/groups?group=team => 500 could not update user

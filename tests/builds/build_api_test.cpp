@@ -304,7 +304,9 @@ TEST_F(BuildApi, RangesAndConditions) {
   const auto date = http::parseHttpDate(vars_["date"]);
   ASSERT_TRUE(date);
   vars_["older"] = http::httpDate(*date - 1);
-  for (auto* var : {&vars_["date"], &vars_["older"]}) *var = std::regex_replace(*var, std::regex(" "), "\\s");
+  for (const char* var : {"date", "older"}) {
+    vars_[var] = std::regex_replace(vars_[var], std::regex(" "), "\\s");  // one word on a line
+  }
   walk(R"(
     range:bytes=2-4 GET $d => 206 bytes=234 ; hdr:Content-Range=bytes 2-4/10 ; hdr:Accept-Ranges=bytes
     range:bytes=7- GET $d => 206 bytes=789 ; hdr:Content-Range=bytes 7-9/10
