@@ -4,6 +4,7 @@
 #include <json/reader.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -171,9 +172,11 @@ std::string readBytes(const fs::path& path) {
 
 std::string fileBody(const http::Response& res) {
   if (!res.openedFile) return readBytes(res.file);
-  std::string bytes(res.fileLength.value_or(1 << 24), '\0');
-  const ssize_t n = ::pread(res.openedFile->fd(), bytes.data(), bytes.size(),
-                            static_cast<off_t>(res.fileOffset));
+  struct stat st {};
+  const int fd = res.openedFile->fd();
+  const auto size = ::fstat(fd, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+  std::string bytes(res.fileLength.value_or(size - std::min(size, res.fileOffset)), '\0');
+  const ssize_t n = ::pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(res.fileOffset));
   return bytes.substr(0, n < 0 ? 0 : static_cast<std::size_t>(n));
 }
 
