@@ -1,6 +1,7 @@
-// The user routes through the route table and the gate: each refusal in its order, the stored
-// records, the recovery and last-admin rules, and what a failed write answers.
+// The user and service-token routes through the route table and the gate: each refusal in its
+// order, the stored records, the recovery and last-admin rules, and what a failed write answers.
 
+#include "store/tokens.h"
 #include "support/api_fixture.h"
 
 namespace quill::test {
@@ -10,15 +11,11 @@ using UsersApi = ApiTest;
 
 TEST_F(UsersApi, ListCreateAndTheirChecksInOrder) {
   walk(R"(
-    user admin admin
-    user mia member
+    user admin admin | user mia member | channel a | channel b | user taken member
     write users/sven.json {"name":"sven","role":"member","groups":[],"sso":true,"service":"yes","channels":"beta","follows":["stable"],"display_name":"Sven","disabled":true}
     write users/junk.json [1]
     # Any role may list; defaults are filled in, odd members read as their default.
-    mia GET /api/users => 200 keys=schema_version,users ; .users.#=3 ; .users.name:admin={"channels":[],"disabled":false,"display_name":"","email":"","follows":[],"groups":[],"name":"admin","recovery":true,"role":"admin","service":false,"sso":false} ; .users.name:sven={"channels":[],"disabled":true,"display_name":"Sven","email":"","follows":["stable"],"groups":[],"name":"sven","recovery":false,"role":"member","service":false,"sso":true}
-    channel a
-    channel b
-    user taken member
+    mia GET /api/users => 200 keys=schema_version,users ; .users.#=4 ; .users.name:admin={"channels":[],"disabled":false,"display_name":"","email":"","follows":[],"groups":[],"name":"admin","recovery":true,"role":"admin","service":false,"sso":false} ; .users.name:sven={"channels":[],"disabled":true,"display_name":"Sven","email":"","follows":["stable"],"groups":[],"name":"sven","recovery":false,"role":"member","service":false,"sso":true}
     POST /api/users/con?role=owner => 400 invalid user name
     POST /api/users/{129*n} => 400 invalid user name
     POST /api/users/x?role=owner&channels=a,,b => 400 role must be admin, member or publisher
@@ -30,7 +27,6 @@ TEST_F(UsersApi, ListCreateAndTheirChecksInOrder) {
     POST /api/users/taken?service=1 => 409 user already exists
     POST /api/users/x?service=true&role=admin => 400 service accounts always have role publisher
     file users/x.json absent
-    # The answer is the stored record.
     POST /api/users/bob?role=&service=yes => 200 keys=created_at,groups,name,role,schema_version ; =@users/bob.json ; .role="member"
     POST /api/users/ci?service=1&role=publisher => 200 keys=channels,created_at,groups,name,role,schema_version,service ; =@users/ci.json ; .channels=[]
     # A trailing comma ends the list; profile text is cleaned and cut.
@@ -42,26 +38,17 @@ TEST_F(UsersApi, ListCreateAndTheirChecksInOrder) {
     POST /api/users/broken/role?value=member => 404 user not found
     POST /api/users/broken => 409 user already exists
     file users/broken.json is={"name":
+    # Deletion takes the user and exactly its tokens, and leaves its groups.
+    user bob2 member | user eve member | write tokens/junk.json ["bob2"] | group team
+    set users/bob2.json .groups=["team"]
   )");
-}
-
-TEST_F(UsersApi, DeleteRemovesTheUserAndExactlyItsTokens) {
+  vars_["again"] = mintFor("bob2", "bob-2");
   walk(R"(
-    user bob member
-    user eve member
-    write tokens/junk.json ["bob"]
-    group team
-    set users/bob.json .groups=["team"]
-  )");
-  vars_["bob2"] = mintFor("bob", "bob-2");
-  walk(R"(
-    DELETE /api/users/bob => 200 {"deleted":"bob","tokens_removed":2}
-    file users/bob.json absent
-    bob GET /api/me => 401
-    bob2 GET /api/me => 401
+    DELETE /api/users/bob2 => 200 {"deleted":"bob2","tokens_removed":2}
+    bob2,again GET /api/me => 401
     eve GET /api/me => 200
-    file groups/team.json exists
-    DELETE /api/users/bob => 404 user not found
+    file users/bob2.json absent | file groups/team.json exists
+    DELETE /api/users/bob2 => 404 user not found
   )");
 }
 
@@ -75,7 +62,6 @@ TEST_F(UsersApi, TheRecoveryAccountAndTheLastAdmin) {
     )");
   }
   walk(R"(
-    # Re-enabling it, and "demoting" it to admin, change nothing and are allowed.
     POST /api/users/admin/disabled?value=false => 200 =@users/admin.json ; .disabled=false
     POST /api/users/admin/role?value=admin => 200 =@users/admin.json ; .role="admin"
   )");
@@ -88,8 +74,7 @@ TEST_F(UsersApi, TheLastAdminStaysUntilAnotherExistsEvenADisabledOne) {
     # Checked before the allow-list is looked at.
     root POST /api/users/root/role?value=member => 409 cannot demote the last admin
     root POST /api/users/root/role?value=publisher&channels=nope => 409 cannot demote the last admin
-    user spare admin
-    set users/spare.json .disabled=true
+    user spare admin | set users/spare.json .disabled=true
     root POST /api/users/root/role?value=member => 200 =@users/root.json
     set users/root.json .role="admin"
     root DELETE /api/users/root => 200 {"deleted":"root","tokens_removed":1}
@@ -98,10 +83,7 @@ TEST_F(UsersApi, TheLastAdminStaysUntilAnotherExistsEvenADisabledOne) {
 
 TEST_F(UsersApi, RoleChecksInOrderAndChangesKeepAllButTheAllowList) {
   walk(R"(
-    channel beta
-    channel stable
-    user bob member
-    user ci publisher service
+    channel beta | channel stable | user bob member | user ci publisher service
     POST /api/users/con/role?value=nobody => 400 invalid user name
     POST /api/users/ghost/role => 400 ?value= must be admin, member or publisher
     POST /api/users/ghost/role?value=member&channels=beta => 400 ?channels= only applies to role publisher
@@ -110,8 +92,7 @@ TEST_F(UsersApi, RoleChecksInOrderAndChangesKeepAllButTheAllowList) {
     POST /api/users/bob/role?value=publisher&channels=beta,,x => 400 invalid channel name in ?channels=
     POST /api/users/bob/role?value=publisher&channels=beta,nope => 404 channel 'nope' does not exist
     file users/bob.json .role="member"
-    user pat publisher beta
-    set users/pat.json .follows=["stable"]
+    user pat publisher beta | set users/pat.json .follows=["stable"]
     POST /api/users/pat/role?value=publisher => 200 =@users/pat.json ; .channels=["beta"]
     POST /api/users/pat/role?value=publisher&channels=stable, => 200 =@users/pat.json ; .channels=["stable"]
     POST /api/users/pat/role?value=member => 200 =@users/pat.json ; .channels!
@@ -125,9 +106,7 @@ TEST_F(UsersApi, RoleChecksInOrderAndChangesKeepAllButTheAllowList) {
 
 TEST_F(UsersApi, GroupsFollowsDisablingAndProfile) {
   walk(R"(
-    user bob member
-    group team
-    channel beta
+    user bob member | group team | channel beta
     POST /api/users/con/groups => 400 invalid user name
     POST /api/users/ghost/groups => 400 missing or invalid ?group= parameter
     POST /api/users/ghost/groups?group=nope => 404 user not found
@@ -136,9 +115,7 @@ TEST_F(UsersApi, GroupsFollowsDisablingAndProfile) {
     POST /api/users/ghost/channels?channel=nope => 404 user not found
     POST /api/users/bob/channels?channel=nope => 404 channel does not exist - create it first
     file users/bob.json .groups=[]
-    # Unfollowing on a user without follows leaves an empty list.
     DELETE /api/users/bob/channels?channel=x => 200 =@users/bob.json ; .follows=[]
-    # Idempotent.
     2* POST /api/users/bob/groups?group=team => 200 =@users/bob.json ; .groups=["team"]
     2* POST /api/users/bob/channels?channel=beta => 200 =@users/bob.json ; .follows=["beta"]
     # Removal takes every occurrence and asks nothing about existence.
@@ -165,8 +142,9 @@ TEST_F(UsersApi, GroupsFollowsDisablingAndProfile) {
 }
 
 TEST_F(UsersApi, WriteFailuresAreReportedExceptOnCreation) {
-  walk("channel beta\n group team\n user bob member\n mark users/bob.json");
-  if (!blockWrites(userPath("bob"))) GTEST_SKIP() << "no immutable files here";
+  walk("user admin admin | channel beta | group team | user bob member | mark users/bob.json\n"
+       "user ci publisher service");
+  if (!blockWrites(userPath("bob")) || !blockWrites(tokenPath("deploy"))) GTEST_SKIP();
   walk(R"(
     POST /api/users/bob/groups?group=team => 500 could not update user
     POST /api/users/bob/channels?channel=beta => 500 could not update user
@@ -174,10 +152,67 @@ TEST_F(UsersApi, WriteFailuresAreReportedExceptOnCreation) {
     POST /api/users/bob/role?value=publisher => 500 could not update user
     POST /api/users/bob/profile?email=b@x => 500 could not update user
     unchanged users/bob.json
+    # An unstorable token is not handed out.
+    POST /api/users/ci/tokens?name=deploy => 500 could not store token
+    file tokens/deploy.json absent
   )");
   // Creation answers the record even though it could not be stored.
-  if (!blockWrites(userPath("zed"))) GTEST_SKIP() << "no immutable files here";
+  if (!blockWrites(userPath("zed"))) GTEST_SKIP();
   walk("POST /api/users/zed?role=publisher => 200 .name=\"zed\"\n file users/zed.json absent");
+}
+
+TEST_F(UsersApi, ServiceTokensChecksInOrderThenTheTokenIsShownOnce) {
+  walk(R"(
+    user ci publisher beta service | user bob member
+    POST /api/users/con/tokens?name=t => 400 invalid user name
+    POST /api/users/ghost/tokens => 404 user not found
+    # People never get tokens here, administrators included; said before the name is read.
+    POST /api/users/bob/tokens => 400 tokens can only be minted for service accounts - people redeem an invite
+    POST /api/users/admin/tokens?name=t => 400 tokens can only be minted for service accounts - people redeem an invite
+    POST /api/users/ci/tokens => 400 missing or invalid ?name= (token name)
+    POST /api/users/ci/tokens?name= => 400 missing or invalid ?name= (token name)
+    POST /api/users/ci/tokens?name=con => 400 missing or invalid ?name= (token name)
+    POST /api/users/ci/tokens?name=a\sb => 400 missing or invalid ?name= (token name)
+    POST /api/users/ci/tokens?name=.. => 400 missing or invalid ?name= (token name)
+    # Token names are unique server-wide, whoever owns the existing one.
+    POST /api/users/ci/tokens?name=bob-token => 409 token name already exists
+    POST /api/users/ci/tokens?name=ci-token => 409 token name already exists
+    file tokens/t.json absent
+    POST /api/users/ci/tokens?name=deploy => 200 keys=name,schema_version,token,user ; .schema_version=1 ; .user="ci" ; .name="deploy" ; .token~[A-Za-z0-9]{48} ; $deploy=.token
+    POST /api/users/ci/tokens?name=deploy-2 => 200 $second=.token
+    file tokens/deploy.json .user="ci"
+    deploy,second GET /api/me => 200 .name="ci"
+    POST /api/users/ci/tokens?name=deploy => 409 token name already exists
+  )");
+  EXPECT_NE(vars_["deploy"], vars_["second"]);
+  EXPECT_EQ(readBytes(tokenPath("deploy")).find(vars_["deploy"]), std::string::npos);
+  EXPECT_EQ(readDoc(tokenPath("deploy"))["token_hash"], store::hashToken(vars_["deploy"]));
+}
+
+// Records changed behind the server's back are what the very next request sees.
+TEST_F(UsersApi, MeSeesUserAndGroupFilesAsTheyAreNow) {
+  walk(R"(
+    group qa beta | group ops ops-1 | user mia member | set users/mia.json .groups=["qa","ops"]
+    mia GET /api/me => 200 .channels=["beta","ops-1"] ; .role="member"
+    set groups/qa.json .channels=["b2","b3"]
+    mia GET /api/me => 200 .channels=["b2","b3","ops-1"]
+    write groups/qa.json {"name":"qa","channels":["hand"]}
+    mia GET /api/me => 200 .channels=["hand","ops-1"]
+    remove groups/ops.json
+    mia GET /api/me => 200 .channels=["hand"]
+    write groups/qa.json {
+    mia GET /api/me => 200 .channels=[]
+    group ops ops-2
+    mia GET /api/me => 200 .channels=["ops-2"]
+    write users/mia.json {"name":"mia","role":"publisher","groups":["ops"]}
+    mia GET /api/me => 200 .channels=["ops-2"] ; .role="publisher"
+    set users/mia.json .disabled=true
+    mia GET /api/me => 401 missing or invalid token
+    set users/mia.json .disabled=false
+    mia GET /api/me => 200 .role="publisher"
+    remove users/mia.json
+    mia GET /api/me => 401 missing or invalid token
+  )");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <regex>
 #include <thread>
 
+#include "http/file_answer.h"
 #include "store/utc_time.h"
 #include "support/api_fixture.h"
 #include "support/numbered.h"
@@ -40,8 +41,7 @@ TEST_F(BuildApi, InvalidIdsAndTheRillOnlyServer) {
     mia PUT /api/builds/b3/files?path=a => 403 this operation requires the admin role
     user pete publisher beta
     pete PUT /api/builds/bad\sid/files => 403 this server is Rill-only: Barge uploads are not accepted
-    file builds/b1 absent
-    file builds/done/files/app.bin is=bytes
+    file builds/b1 absent | file builds/done/files/app.bin is=bytes
   )");
 }
 
@@ -53,13 +53,11 @@ TEST_F(BuildApi, UploadChecksThePathThenTheStateAndStoresTheBody) {
     PUT /api/builds/b2/files?path=dir/nul x => 400 missing or invalid ?path= parameter
     PUT /api/builds/b2/files x => 400 missing or invalid ?path= parameter
     # Refusals touch nothing.
-    file builds/b2 absent
-    build b3
+    file builds/b2 absent | build b3
     PUT /api/builds/b3/files?path=../x x => 400 missing or invalid ?path= parameter
     PUT /api/builds/b3/files?path=new.txt x => 409 build is finalized and immutable
     PUT /api/builds/b3/files?path=app.bin changed => 409 build is finalized and immutable
-    file builds/b3/files/app.bin is=bytes
-    file builds/b3/files/new.txt absent
+    file builds/b3/files/app.bin is=bytes | file builds/b3/files/new.txt absent
     PUT /api/builds/b1/files?path=Game\sData/\xC3\xA9t\xC3\xA9\s1.pak he\x00llo => 200 {"build":"b1","path":"Game Data/\xC3\xA9t\xC3\xA9 1.pak","size":6}
     file builds/b1/files/Game\sData/\xC3\xA9t\xC3\xA9\s1.pak is=he\x00llo
     PUT /api/builds/b1/files?path=empty.dat => 200 {"build":"b1","path":"empty.dat","size":0}
@@ -67,9 +65,7 @@ TEST_F(BuildApi, UploadChecksThePathThenTheStateAndStoresTheBody) {
     PUT /api/builds/b1/files?path=Game\sData/\xC3\xA9t\xC3\xA9\s1.pak v2 => 200
     file builds/b1/files/Game\sData/\xC3\xA9t\xC3\xA9\s1.pak is=v2
     # The atomic write leaves nothing beside the files themselves.
-    files builds/b1/files 2
-    files builds/b1/files/Game\sData 1
-    file builds/b1/incoming absent
+    files builds/b1/files 2 | files builds/b1/files/Game\sData 1 | file builds/b1/incoming absent
     # Every upload has a temporary of its own: an empty upload of `x` leaves `x.tmp` alone.
     PUT /api/builds/b1/files?path=x.tmp earlier => 200
     PUT /api/builds/b1/files?path=x => 200
@@ -179,22 +175,12 @@ TEST_F(BuildApi, AnUploadRacingFinalizeIsListedOrRefusedNeverChangedAfterwards) 
 TEST_F(BuildApi, ReadDownloadAndTheDisabledFlag) {
   walk(R"(
     GET /api/builds/nobody => 404 build not found
-    build b1 a.txt=abc
-    build b2
-    channel nightly b1
-    channel beta b1
-    channel Zeta b1
-    channel other b2
-    channel upper B1
-    write channels/spaced.json {"build":"b1 "}
-    write channels/old.json.bak {"build":"b1"}
-    write channels/broken.json {"build":"b1"
+    build b1 a.txt=abc | build b2 | channel nightly b1 | channel beta b1 | channel Zeta b1
+    channel other b2 | channel upper B1 | write channels/spaced.json {"build":"b1 "}
+    write channels/old.json.bak {"build":"b1"} | write channels/broken.json {"build":"b1"
     # Channel documents of any shape leave reads working.
-    write channels/odd1.json ["b1"]
-    write channels/odd2.json "b1"
-    write channels/odd3.json 7
-    write channels/odd4.json null
-    write channels/odd5.json {"build": 5, "public": "yes"}
+    write channels/odd1.json ["b1"] | write channels/odd2.json "b1" | write channels/odd3.json 7
+    write channels/odd4.json null | write channels/odd5.json {"build": 5, "public": "yes"}
     write channels/folder.json/x
     # The manifest annotated with the channels pointing at it.
     GET /api/builds/b1 => 200 .disabled=false ; .channels=["Zeta","beta","nightly"] ; .build="b1" ; .files=[{"path":"a.txt","size":3}] ; .#=8
@@ -243,11 +229,7 @@ TEST_F(BuildApi, DeleteRefusesWhileOnChannelsNamingThemInOrder) {
     DELETE /api/builds/nobody => 404 build not found
     PUT /api/builds/open/files?path=a.txt a => 200
     DELETE /api/builds/open => 200 {"deleted":"open"}
-    file builds/open absent
-    build b1
-    build b2
-    channel nightly b1
-    channel beta b1 public
+    file builds/open absent | build b1 | build b2 | channel nightly b1 | channel beta b1 public
     channel stable b2
     DELETE /api/builds/b1 => 409 build is still on channel(s): beta, nightly - promote them away first
     POST /api/channels/beta/promote?build=b2 => 200
@@ -266,22 +248,16 @@ TEST_F(BuildApi, ListingSummarisesOnlyFinalizedBuildsInByteOrder) {
   fs::remove_all(data().builds());
   walk(R"(
     GET /api/builds => 200 {"builds":[],"schema_version":1}
-    build b f.bin=12345
-    build B f.bin=12345
-    build a.1 f.bin=12345
-    build a-1 f.bin=12345
+    build b f.bin=12345 | build B f.bin=12345 | build a.1 f.bin=12345 | build a-1 f.bin=12345
     PUT /api/builds/open/files?path=dir/a.txt still\suploading => 200
-    write builds/stray.json {"created_at":"x"}
-    write builds/damaged/manifest.json [
+    write builds/stray.json {"created_at":"x"} | write builds/damaged/manifest.json [
     # Open or damaged builds are not found, yet an open one's files download.
     GET /api/builds/open => 404 build not found
     GET /api/builds/damaged => 404 build not found
     GET /api/builds/open/files?path=dir/a.txt => 200 bytes=still uploading
     # Directory names are not checked against the id rule, and the figures are copied as stored.
     write builds/not\san\sid/manifest.json {"schema_version":1,"build":"not an id","created_at":"2020-02-02T02:02:02Z","file_count":7,"total_size":12345678901234,"files":[]}
-    channel zed b
-    channel alpha b
-    write channels/odd.json {"build":"not an id"}
+    channel zed b | channel alpha b | write channels/odd.json {"build":"not an id"}
     POST /api/builds/a.1/disabled => 200
     GET /api/builds => 200 keys=builds,schema_version ; .builds.#=5 ; .builds.0.build="B" ; .builds.1.build="a-1" ; .builds.2.build="a.1" ; .builds.2.disabled=true ; .builds.3.channels=["alpha","zed"] ; .builds.3.#=6 ; .builds.3.build="b" ; .builds.3.disabled=false ; .builds.3.file_count=1 ; .builds.3.total_size=5 ; .builds.4={"build":"not an id","channels":["odd"],"created_at":"2020-02-02T02:02:02Z","disabled":false,"file_count":7,"total_size":12345678901234} ; $at=.builds.3.created_at
   )");
@@ -313,6 +289,58 @@ TEST_F(BuildApi, ListingOfManyBuildsAgreesWithEachBuildsOwnRead) {
     own.removeMember("schema_version");
     EXPECT_EQ(builds[i], own) << idOf(i);
   }
+}
+
+// Downloads with byte ranges and conditions: a file of a finalized build offers validators, the
+// same file of a build still open (that may still be replaced) offers none.
+TEST_F(BuildApi, RangesAndConditions) {
+  vars_["d"] = "/api/builds/done/files?path=dir/app.bin";
+  walk(R"(
+    build done dir/app.bin=0123456789 | build empty dir/app.bin=
+    PUT /api/builds/open/files?path=dir/app.bin 0123456789 => 200
+    GET $d => 200 bytes=0123456789 ; hdr:Accept-Ranges=bytes ; hdr:ETag~".+" ; $etag=hdr:ETag ; $date=hdr:Last-Modified
+    GET /api/builds/open/files?path=dir/app.bin => 200 hdr:ETag= ; hdr:Last-Modified=
+  )");
+  const auto date = http::parseHttpDate(vars_["date"]);
+  ASSERT_TRUE(date);
+  vars_["older"] = http::httpDate(*date - 1);
+  for (const char* var : {"date", "older"}) {
+    vars_[var] = std::regex_replace(vars_[var], std::regex(" "), "\\s");  // one word on a line
+  }
+  walk(R"(
+    range:bytes=2-4 GET $d => 206 bytes=234 ; hdr:Content-Range=bytes 2-4/10 ; hdr:Accept-Ranges=bytes
+    range:bytes=7- GET $d => 206 bytes=789 ; hdr:Content-Range=bytes 7-9/10
+    range:bytes=8-99 GET $d => 206 bytes=89 ; hdr:Content-Range=bytes 8-9/10
+    range:bytes=-3 GET $d => 206 bytes=789 ; hdr:Content-Range=bytes 7-9/10
+    range:bytes=-30 GET $d => 206 bytes=0123456789 ; hdr:Content-Range=bytes 0-9/10
+    range:bytes=10- GET $d => 416 requested range not satisfiable ; hdr:Content-Range=bytes */10
+    range:bytes=-0 GET $d => 416 requested range not satisfiable ; hdr:Content-Range=bytes */10
+    range:bytes=0- GET /api/builds/empty/files?path=dir/app.bin => 416
+    # Ignored: several ranges, another unit, a reversed or unreadable range.
+    range:bytes=0-1,4-5 GET $d => 200 bytes=0123456789 ; hdr:Content-Range= ; hdr:Accept-Ranges=bytes
+    range:items=0-1 GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    range:bytes=5-2 GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    range:bytes=x- GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    if-none-match:$etag GET $d => 304 hdr:ETag=$etag ; hdr:Content-Range=
+    if-none-match:"other",\sW/$etag GET $d => 304 hdr:ETag=$etag
+    if-none-match:* GET $d => 304 hdr:ETag=$etag
+    if-none-match:"other" GET $d => 200 bytes=0123456789
+    if-modified-since:$date GET $d => 304 hdr:ETag=$etag
+    if-modified-since:$older GET $d => 200 bytes=0123456789
+    if-modified-since:yesterday GET $d => 200 bytes=0123456789
+    # If-None-Match decides alone when both are sent.
+    if-none-match:"other" if-modified-since:$date GET $d => 200 bytes=0123456789
+    range:bytes=4- if-range:$etag GET $d => 206 bytes=456789 ; hdr:Content-Range=bytes 4-9/10
+    range:bytes=4- if-range:$date GET $d => 206 bytes=456789 ; hdr:Content-Range=bytes 4-9/10
+    range:bytes=4- if-range:"other" GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    range:bytes=4- if-range:W/$etag GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    range:bytes=4- if-range:$older GET $d => 200 bytes=0123456789 ; hdr:Content-Range=
+    # A file that may still be replaced: ranges yes, conditions never.
+    range:bytes=4- GET /api/builds/open/files?path=dir/app.bin => 206 bytes=456789 ; hdr:Content-Range=bytes 4-9/10
+    if-none-match:* GET /api/builds/open/files?path=dir/app.bin => 200 bytes=0123456789
+    if-modified-since:$date GET /api/builds/open/files?path=dir/app.bin => 200 bytes=0123456789
+    range:bytes=4- if-range:$date GET /api/builds/open/files?path=dir/app.bin => 200 bytes=0123456789 ; hdr:Content-Range=
+  )");
 }
 
 }  // namespace

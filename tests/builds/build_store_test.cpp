@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "builds/content_type.h"
 #include "support/temp_dir.h"
@@ -53,30 +54,25 @@ TEST_F(BuildStoreTest, StartUpRemovesWhatBrokenUploadsLeftAndNothingElse) {
   write(buildPaths(data_, "b1").files / "incoming" / "kept", "a file of the build");
   write(buildPaths(data_, "b1").manifest, "{}");
   removeUploadLeftovers(data_);
-  EXPECT_FALSE(fs::exists(data_.root() / "incoming"));
-  EXPECT_FALSE(fs::exists(data_.builds() / "~incoming"));
-  EXPECT_FALSE(fs::exists(buildPaths(data_, "b1").dir / "incoming"));
+  for (const fs::path& gone : {data_.root() / "incoming", data_.builds() / "~incoming",
+                               buildPaths(data_, "b1").dir / "incoming"}) {
+    EXPECT_FALSE(fs::exists(gone)) << gone;
+  }
   EXPECT_TRUE(fs::exists(buildPaths(data_, "b1").files / "incoming" / "kept"));
   EXPECT_TRUE(fs::exists(buildPaths(data_, "b1").manifest));
 }
 
-TEST(ContentType, FollowsTheExtensionWhateverItsCase) {
-  EXPECT_EQ(contentTypeFor("read me.TXT"), "text/plain; charset=utf-8");
-  EXPECT_EQ(contentTypeFor("page.Html"), "text/html; charset=utf-8");
-  EXPECT_EQ(contentTypeFor("data.tar.gz"), "application/gzip");
-  EXPECT_EQ(contentTypeFor("game.exe"), "application/octet-stream");
-  EXPECT_EQ(contentTypeFor("LICENSE"), "application/octet-stream");
-  EXPECT_EQ(contentTypeFor("trailing."), "application/octet-stream");
-}
-
-TEST(ContentType, DispositionCannotBreakTheHeaderWhateverTheName) {
+TEST(ContentType, FollowsTheExtensionAndTheDispositionCannotBreakTheHeader) {
+  for (const auto& [name, type] : std::vector<std::pair<const char*, const char*>>{
+           {"read me.TXT", "text/plain; charset=utf-8"}, {"page.Html", "text/html; charset=utf-8"},
+           {"data.tar.gz", "application/gzip"}, {"game.exe", "application/octet-stream"},
+           {"LICENSE", "application/octet-stream"}, {"trailing.", "application/octet-stream"}}) {
+    EXPECT_EQ(contentTypeFor(name), type) << name;
+  }
   EXPECT_EQ(attachmentDisposition("game.exe"),
             "attachment; filename=\"game.exe\"; filename*=UTF-8''game.exe");
   // Quotes, backslashes and line breaks never reach the header raw.
-  const std::string hostile = attachmentDisposition("a\"b\\c\r\nSet-Cookie: x.txt");
-  EXPECT_EQ(hostile.find('\r'), std::string::npos);
-  EXPECT_EQ(hostile.find('\n'), std::string::npos);
-  EXPECT_EQ(hostile,
+  EXPECT_EQ(attachmentDisposition("a\"b\\c\r\nSet-Cookie: x.txt"),
             "attachment; filename=\"a_b_c__Set-Cookie: x.txt\"; "
             "filename*=UTF-8''a%22b%5Cc%0D%0ASet-Cookie%3A%20x.txt");
   // A non-ASCII name keeps an ASCII-only fallback and its exact bytes in the encoded form.

@@ -71,10 +71,8 @@ TEST_F(ChannelApi, ReadAndListSummariseInFileNameOrder) {
     POST /api/channels/zz/promote?build=b1 => 200 $promoted=.promoted_at
     POST /api/channels/zz/public?value=true => 200
     write channels/legacy.json {"build":"open","promoted_at":5,"public":"yes"}
-    write channels/weird.json {"build":"not an id","engine":"rill"}
-    write channels/broken.json {
-    write channels/notes.txt {"build":"b1"}
-    write channels/folder.json/x
+    write channels/weird.json {"build":"not an id","engine":"rill"} | write channels/broken.json {
+    write channels/notes.txt {"build":"b1"} | write channels/folder.json/x
     # Absent engine reads as barge, a non-string promoted_at as "", a non-boolean public as false;
     # an open build, or a build that is not a valid id, has no figures.
     GET /api/channels => 200 keys=channels,schema_version ; .channels.#=7 ; .channels.0={"build":"","channel":"B","engine":"barge","promoted_at":"","public":false} ; .channels.1.channel="a.b" ; .channels.2={"build":"","channel":"a","engine":"barge","promoted_at":"","public":false} ; .channels.3={"build":"open","channel":"legacy","engine":"barge","promoted_at":"","public":false} ; .channels.4={"build":"","channel":"rill1","engine":"rill","promoted_at":"","public":false} ; .channels.5={"build":"not an id","channel":"weird","engine":"rill","promoted_at":"","public":false} ; .channels.6.build="b1" ; .channels.6.channel="zz" ; .channels.6.engine="barge" ; .channels.6.file_count=2 ; .channels.6.total_size=5 ; .channels.6.public=true ; .channels.6.promoted_at="$promoted" ; .channels.6.launch_targets=[{"args":"","exe":"bin/game.exe","label":"Play","primary":false}] ; .channels.6.build_created_at~.+Z ; .channels.6.#=9
@@ -84,29 +82,15 @@ TEST_F(ChannelApi, ReadAndListSummariseInFileNameOrder) {
 TEST_F(ChannelApi, DeleteUnassignsFromGroupsAndFollowsButKeepsBuilds) {
   walk(R"(
     DELETE /api/channels/nobody => 404 channel not found
-    build b1
-    channel beta b1
-    channel x
-    group twice beta,x,beta
-    group once beta
-    group other x
-    write groups/junk.json {
-    user u1 member
-    user u2 member
-    user u3 member
-    user u4 member
-    user u5 member
-    set users/u1.json .follows=["beta"]
-    set users/u2.json .follows=["beta","beta","y"]
-    set users/u3.json .follows=["a","beta"]
+    build b1 | channel beta b1 | channel x | group twice beta,x,beta | group once beta
+    group other x | write groups/junk.json { | user u1 member | user u2 member | user u3 member
+    user u4 member | user u5 member | set users/u1.json .follows=["beta"]
+    set users/u2.json .follows=["beta","beta","y"] | set users/u3.json .follows=["a","beta"]
     set users/u4.json .follows=["y"]
     DELETE /api/channels/beta => 200 {"deleted":"beta","unassigned_from_groups":2,"unfollowed_by_users":3}
-    file channels/beta.json absent
-    file groups/twice.json .channels=["x"]
-    file groups/once.json .channels=[]
-    file users/u2.json .follows=["y"]
-    file users/u3.json .follows=["a"]
-    file channels/x.json exists
+    file channels/beta.json absent | file groups/twice.json .channels=["x"]
+    file groups/once.json .channels=[] | file users/u2.json .follows=["y"]
+    file users/u3.json .follows=["a"] | file channels/x.json exists
     DELETE /api/channels/beta => 404 channel not found
     # Nothing points at the build any more, so it can go.
     DELETE /api/builds/b1 => 200
@@ -124,8 +108,7 @@ TEST_F(ChannelApi, PromoteChecksInOrderAndKeepsPublicAndLaunchTargets) {
     POST /api/channels/beta/promote?build=nobuild => 404 build not found or not finalized
     PUT /api/builds/open/files?path=a.txt a => 200
     POST /api/channels/beta/promote?build=open => 404 build not found or not finalized
-    build b1
-    build b2
+    build b1 | build b2
     POST /api/builds/b1/disabled => 200
     POST /api/channels/beta/promote?build=b1 => 409 build is disabled and cannot be promoted
     unchanged channels/beta.json
