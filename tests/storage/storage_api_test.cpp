@@ -92,14 +92,13 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
     EXPECT_TRUE(report) << report.error();
     return report ? report.value().manifest.tree : rill::TreeScan{};
   };
-  const rill::TreeScan tree = publish("");
+  publish("");
   const auto res = as(seedUser("tess", "member"), Req("GET", "/api/rill/sync/api-sync"));
   ASSERT_EQ(res.status, 200u);
   EXPECT_EQ(res.contentType, http::kJsonType);
   const Json::Value d = parseJson(fileBody(res));
   EXPECT_EQ(d["channel"].asString() + " " + d["build"].asString() + " " + d["created"].asString(),
             "api-sync b42 2026-03-04T05:06:07Z");
-  EXPECT_EQ(d["chunks"].size(), tree.stats.unique_chunks);
   // The links themselves: each distinct chunk downloaded once, the copy of a file copied locally.
   auto links = [&](const std::string& ttl = "") {
     Req req("GET", "/api/rill/sync/api-sync");
