@@ -34,8 +34,7 @@ const server = http.createServer((req, res) => {
     return pump(res.on('error', () => {}));
   }
   if (file && stat(`${file}.stall`)) {
-    stalled.add(req.socket);
-    return req.socket.on('close', () => stalled.delete(req.socket));
+    return stalled.add(req.socket) && req.socket.on('close', () => stalled.delete(req.socket));
   }
   const listing = req.method === 'GET' && !key && /(^|&)list-type=2(&|$)/.test(query);
   res.writeHead(listing ? 200 : 404, { 'content-type': 'application/xml' });

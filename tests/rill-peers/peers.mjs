@@ -1,10 +1,7 @@
-// S3 test peers on 127.0.0.1: s3rver, behind a front that checks AWS Signature Version 4 as a real
-// store does (s3rver checks only the access key). Prints "ready <front port> <s3rver port>", then
-// runs until killed or until its standard input closes:
-//   node --openssl-legacy-provider peers.mjs --dir <dir> --bucket <name> [--max-keys <n>]
-//                                            [--delay-ms <n>]
-// --max-keys pages every listing that small; --delay-ms holds every answer, like a distant store.
-// Refusals are the store's XML errors, with its codes and statuses.
+// S3 test peers on 127.0.0.1: s3rver behind a front that checks AWS Signature Version 4 as a real
+// store does, refusing with the store's XML errors. Prints "ready <front port> <s3rver port>" and
+// runs until killed or its standard input closes: node --openssl-legacy-provider peers.mjs --dir
+// <dir> --bucket <name> [--max-keys <n> (pages every listing)] [--delay-ms <n> (every answer)]
 
 import crypto from 'node:crypto';
 import http from 'node:http';

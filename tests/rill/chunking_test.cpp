@@ -1,6 +1,5 @@
-// The chunks floor: cut points against their byte-wise definition, streamed, over files and
-// trees; the manifest's stored form, its signature and the chunk objects, as a reader accepts and
-// refuses them; and the sync descriptor as written piece by piece and read back by a client.
+// Cut points against their byte-wise definition, files and trees; the manifest, its signature,
+// the chunk objects and the sync descriptor as written and as a reader accepts and refuses them.
 
 #include <gtest/gtest.h>
 #include <json/writer.h>
@@ -82,10 +81,10 @@ TEST(Chunker, CutsMatchTheByteWiseDefinitionWholeOrStreamed) {
       EXPECT_EQ(cutsOf(data, p), cutsOf(data, p, true)) << p.min << " " << p.avg << " " << seed;
     }
   const std::string data = test::randomBytes(300000, 3), big = test::randomBytes(24u << 20, 7);
-  for (std::uint64_t len : {0u, 10u, 64u}) EXPECT_EQ(findCutPoint(bytesOf(data), len, kSmall), len);
-  // Default sizes: random data is cut by content, not only at the maximum.
-  EXPECT_EQ(cutsOf(big, {}), cutsOf(big, {}, true));
-  EXPECT_GT(cutsOf(big, {}).size(), 3u);
+  for (std::uint64_t len : {0u, 64u}) EXPECT_EQ(findCutPoint(bytesOf(data), len, kSmall), len);
+  const Cuts bigCuts = cutsOf(big, {});  // default sizes: cut by content, not only at the maximum
+  EXPECT_EQ(bigCuts, cutsOf(big, {}, true));
+  EXPECT_GT(bigCuts.size(), 3u);
   std::mt19937 rng(11);
   for (int round = 0; round < 20; ++round) {  // in pieces of 1 byte to several chunks
     CutFinder finder(kSmall);
@@ -148,18 +147,15 @@ TEST_F(ChunkingFiles, TreesListFilesInByteOrderFollowOnlyTheLinksToldAndCountChu
                           "stray", "z.bin"}));
   EXPECT_EQ(scanTree(dir() / "no", kSmall).error(), "path not found: " + (dir() / "no").string());
   // Chunks found twice, in two files or in one, count once; empty files are listed.
-  std::string text, zeros(3000, '\0');  // zeros are cut at max: two equal chunks and a tail
-  for (int i = 0; i < 400; ++i) text += "line " + std::to_string(i * 7919) + "\n";
+  const std::string text = test::textBytes(400, 9), zeros(3000, '\0');  // 2 equal chunks, a tail
   for (const auto& [file, bytes] :
        {std::pair{"one", text}, {"copy/one", text}, {"empty", ""}, {"zeros", zeros}})
     test::writeFile(dir() / "dup" / file, bytes);
   const auto scan = scanTree(dir() / "dup", kSmall);
   const auto textRefs = refsOf(text, kSmall), zeroRefs = refsOf(zeros, kSmall);
-  ASSERT_GT(textRefs.size(), 3u);
   EXPECT_EQ(scan.value().files,
             (std::vector<ScannedFile>{{"copy/one", text.size(), textRefs}, {"empty", 0, {}},
                                       {"one", text.size(), textRefs}, {"zeros", 3000, zeroRefs}}));
-  EXPECT_EQ(zeroRefs[0], zeroRefs[1]);
   EXPECT_EQ(scan.value().stats,
             (ScanStats{4, textRefs.size() + 2, 2 * text.size() + 3000, text.size() + 1024 + 952}));
 }
@@ -182,11 +178,7 @@ TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAndSyncDescriptorsAreRead) {
   const std::string good = serializeManifest(sample()), e = "manifest parse error: ";
   EXPECT_NE(good.find("\n  \"build\" : \"b-1\""), std::string::npos) << good;
   EXPECT_NE(good.find("\"algo\" : \"fastcdc-gear\""), std::string::npos);
-  const Manifest back = parseManifest(good).value();
-  EXPECT_EQ(back.tree.files, sample().tree.files);
-  EXPECT_EQ(back.tree.stats, sample().tree.stats);
-  EXPECT_EQ(back.created, "2026-01-02T03:04:05Z");
-  EXPECT_EQ(serializeManifest(back), good);
+  EXPECT_EQ(serializeManifest(parseManifest(good).value()), good);
   const std::string n = "\"n\" : 4", size = "\"size\" : 4", huge = "18446744073709551615",
                    min = "\"min\" : 1048576", avg = "\"avg\" : 4194304", max = "\"max\" : 16777216";
   for (const auto& [text, error] : Rows{  // the text, the start of the error
@@ -211,8 +203,8 @@ TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAndSyncDescriptorsAreRead) {
            {serializeManifest(sample({{"a", 0, {}}, {"a-b", 0, {}}, {"a/b", 0, {}}})),
             e + "path a is both a file and a directory"},
            // A sync descriptor, as a server answered it, fails as cleanly.
-           {"", "sync descriptor: "}, {kDeep, "sync descriptor: nested too deep"},
-           {"[1]", "sync descriptor: not a JSON object"}, {R"({"chunks": {}})", kMissing},
+           {"", "sync descriptor: "}, {"[1]", "sync descriptor: not a JSON object"},
+           {R"({"chunks": {}})", kMissing},
            {R"({"manifest_url": "u", "chunks": []})", kMissing},
            {R"({"manifest_url": "u", "chunks": {"a": 1}})",
             "sync descriptor: chunk links must be strings"}}) {
@@ -220,10 +212,6 @@ TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAndSyncDescriptorsAreRead) {
     const std::string got = sync ? parseSyncDescriptor(text).error() : parseManifest(text).error();
     EXPECT_TRUE(got.starts_with(error)) << text.substr(0, 40) << ": " << got;
   }
-  Manifest beta = sample();
-  beta.channel = "beta";
-  EXPECT_EQ(checkManifestChannel(beta, "nightly").error(),
-            "manifest is for channel 'beta', not 'nightly'");
   for (const char* path : {"a", "a/b.txt", "dir/.hidden", "x..y", "ab:c"})
     EXPECT_TRUE(isSafeManifestPath(path)) << path;
   for (const char* path :
@@ -233,7 +221,6 @@ TEST(Manifest, StoredFormRoundTripsAndOnlyManifestsAndSyncDescriptorsAreRead) {
 
 TEST(Manifest, SignaturesCoverTheExactBytes) {
   const SigningKeyPair keys = generateSigningKeyPair();
-  EXPECT_EQ(keys.secretKeyHex.size(), 128u);
   EXPECT_EQ(publicKeyOf(keys.secretKeyHex).value(), keys.publicKeyHex);
   const std::string signature = signManifest("bytes", keys.secretKeyHex).value();
   EXPECT_TRUE(verifyManifest("bytes", signature + "\n", keys.publicKeyHex));
@@ -247,15 +234,14 @@ TEST(Manifest, SignaturesCoverTheExactBytes) {
 }
 
 TEST(Manifest, EveryStoredChunkFormDecodesAndVerifies) {
-  std::string text, noise = test::randomBytes(300 * 1024, 2);
-  for (int i = 0; i < 3000; ++i) text += "line " + std::to_string(i) + " of a text file\n";
+  std::string text = test::textBytes(3000, 1), noise = test::randomBytes(300 * 1024, 2);
   const ChunkRef textRef{chunkId(text), text.size()}, noiseRef{chunkId(noise), noise.size()};
   std::string packed = encodeChunk(text, true), raw = encodeChunk(noise, true);
   EXPECT_LT(packed.size(), text.size() / 4);
   // Noise is not worth compressing: raw blocks a few bytes over the chunk, for any zstd decoder.
   EXPECT_LE(raw.size(), noise.size() + 9 + 3 * 3);
-  std::string plain(noise.size(), '\0');
-  EXPECT_EQ(ZSTD_decompress(plain.data(), plain.size(), raw.data(), raw.size()), noise.size());
+  std::string plain(noise.size() + 1, '\0');
+  plain.resize(ZSTD_decompress(plain.data(), plain.size(), raw.data(), raw.size()));
   EXPECT_EQ(plain, noise);
   EXPECT_EQ(rawZstdFrame("").size(), 12u);
   for (const auto& [object, ref] :
@@ -277,8 +263,7 @@ TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounde
     return writeSyncDescriptor(bucket, "ch", m, 300, sink, maxBytes);
   };
   Json::StreamWriterBuilder styled;  // what the JSON writer makes of the same document
-  styled["indentation"] = "  ";
-  styled["emitUTF8"] = true;
+  styled["indentation"] = "  ", styled["emitUTF8"] = true;
   const auto ref = [](char digit) { return ChunkRef{std::string(64, digit), 1}; };
   for (Manifest m : {sample({}), sample({{"f", 2, {ref('b'), ref('a')}}, {"g", 1, {ref('b')}}})}) {
     m.channel = "ch\"an\\nel\n\x01 \xc3\xa9 \xff";  // every kind of character the writer escapes
@@ -291,8 +276,8 @@ TEST(SyncDescriptor, IsWrittenAsTheIndentedWriterWouldWithEachChunkOnceAndBounde
     for (const auto& [id, url] : links.chunks)
       EXPECT_TRUE(url.starts_with("http://127.0.0.1:9/b/" + defaultChunkKey(id) + "?")) << url;
     const std::string manifest = "http://127.0.0.1:9/b/channels/ch/manifest.json";
-    EXPECT_TRUE(links.manifestUrl.starts_with(manifest + "?")) << links.manifestUrl;
-    EXPECT_TRUE(links.signatureUrl.starts_with(manifest + ".sig?")) << links.signatureUrl;
+    EXPECT_TRUE(links.manifestUrl.starts_with(manifest + "?") &&
+                links.signatureUrl.starts_with(manifest + ".sig?")) << links.signatureUrl;
   }
   const Manifest m = sample({{"f", 3, {ref('a'), ref('b'), ref('c')}}});
   std::string whole, cut;

@@ -23,14 +23,12 @@ class HostileBucket {
     std::filesystem::create_directories((dir_.path() / key).parent_path());
     std::ofstream(dir_.path() / key, std::ios::binary) << bytes;
   }
-  // An object of `size` zero bytes that takes no room on disk.
-  void plantSparse(const std::string& key, std::uintmax_t size) {
+  void plantSparse(const std::string& key, std::uintmax_t size) {  // zero bytes, no room on disk
     plant(key, "");
     std::filesystem::resize_file(dir_.path() / key, size);
   }
-  // GET of `key` answers a body that never ends (and HEAD tells no length).
+  // GET answers a body that never ends (HEAD tells no length); a stalled key is never answered.
   void plantEndless(const std::string& key) { plant(key + ".endless", ""); }
-  // A request for `key` is accepted and never answered.
   void plantStall(const std::string& key) { plant(key + ".stall", ""); }
 
  private:

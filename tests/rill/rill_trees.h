@@ -22,9 +22,8 @@ inline std::string randomBytes(std::size_t size, unsigned seed) {
 
 inline std::string textBytes(std::size_t lines, unsigned seed) {
   std::string out;
-  for (std::size_t i = 0; i < lines; ++i) {
+  for (std::size_t i = 0; i < lines; ++i)
     out += "line " + std::to_string(i) + " of file " + std::to_string(seed) + "\n";
-  }
   return out;
 }
 

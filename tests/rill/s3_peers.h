@@ -17,7 +17,7 @@ inline constexpr int kPeerPageSize = 2;  // every listing is paged this small: t
 
 class S3Peers {
  public:
-  // The running peers; `skipReason` is set when node is missing, `failure` when they did not start.
+  // `skipReason` is set when node is missing, `failure` when the peers did not start.
   static S3Peers& shared() {
     static S3Peers peers;
     return peers;

@@ -1,7 +1,7 @@
 #pragma once
 // A view of a store the test owns, so that every provider a test builds sees the same objects.
-// `before` hears of each operation (its name and key, possibly from several threads at once)
-// before the store does: a test acts at a chosen moment, say rewrites a file or publishes too.
+// `before` hears of each operation and key (from any thread) before the store does: a test acts
+// at a chosen moment, say rewrites a file or publishes too.
 
 #include <functional>
 #include <mutex>
@@ -39,8 +39,7 @@ class StoreView final : public StorageProvider {
   Hook before_;
 };
 
-// A hook that runs `action` once, on the first `operation` whose key starts with `prefix` (and
-// ends with `suffix`). Thread-safe.
+// Runs `action` once, on the first `operation` on a key with `prefix` (and `suffix`).
 inline StoreView::Hook once(std::string_view operation, std::string prefix,
                             std::function<void()> action, std::string suffix = "") {
   auto fired = std::make_shared<std::once_flag>();

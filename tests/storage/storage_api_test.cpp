@@ -37,7 +37,6 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
     mel GET /api/storage => 403 this operation requires the admin role
     # Bad settings are refused and nothing is saved; the secret is never quoted.
     PUT /api/storage => 400 JSON body required
-    PUT /api/storage { => 400 JSON body required
     PUT /api/storage {100000*[} => 400 JSON body required
     PUT /api/storage {50000*{"endpoint":}1{50000*\x7d} => 400 JSON body required
     PUT /api/storage [1] => 400 JSON object required
@@ -45,7 +44,6 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
     PUT /api/storage {"endpoint":"$s3","bucket":"","access_key":"S3RVER","secret_key":"S3RVER"} => 400 endpoint, bucket, access_key and secret_key are required
     PUT /api/storage {"endpoint":"ftp://127.0.0.1/","bucket":"quill-test","access_key":"S3RVER","secret_key":"S3RVER"} => 400 endpoint must start with https:// (or http:// for a local test server)
     PUT /api/storage {"endpoint":"$s3","bucket":"quill-test","access_key":"S3RVER","secret_key":"wrong"} => 400 ^access denied - check the access key and secret ( ; !has:wrong ; has:SignatureDoesNotMatch
-    PUT /api/storage {"endpoint":"$s3","bucket":"quill-test","access_key":"NOBODY","secret_key":"S3RVER"} => 400 ^access denied - check the access key and secret (
     PUT /api/storage {"endpoint":"$s3","bucket":"no-such-bucket","access_key":"S3RVER","secret_key":"S3RVER"} => 400 ^bucket not found - check the bucket name and endpoint (
     PUT /api/storage {"endpoint":"$closed","bucket":"quill-test","access_key":"S3RVER","secret_key":"S3RVER"} => 400 ^could not reach the bucket - check the endpoint: curl:\s
     file rill.json absent
@@ -94,16 +92,13 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
     EXPECT_TRUE(report) << report.error();
     return report ? report.value().manifest.tree : rill::TreeScan{};
   };
-  const rill::TreeScan tree = publish("");
+  publish("");
   const auto res = as(seedUser("tess", "member"), Req("GET", "/api/rill/sync/api-sync"));
   ASSERT_EQ(res.status, 200u);
   EXPECT_EQ(res.contentType, http::kJsonType);
-  EXPECT_NE(fileBody(res).find("\n  \"build\" : \"b42\""), std::string::npos) << "indented JSON";
   const Json::Value d = parseJson(fileBody(res));
-  EXPECT_EQ(d["channel"].asString() + " " + d["created"].asString(),
-            "api-sync 2026-03-04T05:06:07Z");
-  EXPECT_EQ(d["chunks"].size(), tree.stats.unique_chunks);
-
+  EXPECT_EQ(d["channel"].asString() + " " + d["build"].asString() + " " + d["created"].asString(),
+            "api-sync b42 2026-03-04T05:06:07Z");
   // The links themselves: each distinct chunk downloaded once, the copy of a file copied locally.
   auto links = [&](const std::string& ttl = "") {
     Req req("GET", "/api/rill/sync/api-sync");
@@ -117,11 +112,10 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
     o.channel = "api-sync", o.verifyKey = key;
     return rill::pullChannel(from, dir() / into, o);
   };
-  for (const auto& [ttl, seconds] : std::map<std::string, std::string>{
-           {"", "300"}, {"0", "300"}, {"abc", "300"}, {"-5", "300"}, {"86400", "86400"}}) {
+  for (const auto& [ttl, seconds] :
+       std::map<std::string, std::string>{{"", "300"}, {"0", "300"}, {"86400", "86400"}})
     EXPECT_NE(links(ttl).manifestUrl.find("X-Amz-Expires=" + seconds + "&"), std::string::npos)
         << "ttl=" << ttl;
-  }
   const rill::SigningKeyPair keys = rill::generateSigningKeyPair();
   // Unsigned, the signature link answers 404.
   EXPECT_EQ(pull(rill::PresignedPullSource(links()), keys.publicKeyHex, "a").error(),
@@ -141,10 +135,7 @@ TEST_F(ApiTest, StorageSettingsAreCheckedSavedAndForgottenAndASyncLinksEveryChun
   auto pulled = pull(rill::PresignedPullSource(links()), keys.publicKeyHex, "client");
   ASSERT_TRUE(pulled) << pulled.error();
   EXPECT_EQ(pulled.value().totals.downloaded, signedTree.stats.unique_chunks);
-  ASSERT_TRUE(pull(rill::StorePullSource(bucket, "api-sync"), keys.publicKeyHex, "direct"));
-  for (const char* into : {"client", "direct"}) {
-    EXPECT_EQ(treeContent(dir() / into), treeContent(dir() / "source")) << into;
-  }
+  EXPECT_EQ(treeContent(dir() / "client"), treeContent(dir() / "source"));
   // A promotion is the file-by-file operation and leaves no engine behind.
   walk(R"(
     channel api-sync
