@@ -96,8 +96,8 @@ class SnapshotEngineTest : public quill::test::TempDirTest {
   std::vector<std::uint64_t> storedSizes(const std::string& prefix, Tree plant = {}) {
     for (const auto& [key, bytes] : plant) EXPECT_TRUE(memory_.put(key, bytes));
     std::vector<std::uint64_t> sizes;
-    const auto listed = memory_.list(prefix);
-    for (const rill::ObjectEntry& entry : *listed) sizes.push_back(entry.size);
+    const auto entries = memory_.list(prefix);
+    for (const rill::ObjectEntry& entry : *entries) sizes.push_back(entry.size);
     return sizes;
   }
 
