@@ -1,6 +1,6 @@
 // quillmoor-rill in-process: where it takes its storage settings and token from (options, a
 // rill.json, the environment, in that order), what it shows a person (its version; sizes, rates,
-// time left), and pull --server against hostile answers, which must fail with a message.
+// time left), and pull --server against error answers, which must fail with a message.
 
 #include <gtest/gtest.h>
 
@@ -34,11 +34,10 @@ TEST(ToolTest, OptionsOverRillJsonOverEnvironment) {
            {{"pull", "c", "dir", "--server", "http://h"}, "    envtoken"},
            {{"pull", "c", "dir", "--server", "http://h", "--token", "t"}, "    t"},
            {{"pull", "--help"}, "    help"},
-           {{"--version"}, "    version"},
-           {{"version"}, "    version"},
+           {{"--version"}, "    version"}, {{"version"}, "    version"},
            {{"publish", "--version"}, "unknown option --version"},
-           {{"publish", "out", "--channel", "c", "--from", "/nope.json"}, "cannot read /nope.json"},
            {{"keygen", "--force"}, "unknown option --force"},
+           {{"publish", "out", "--channel", "c", "--from", "/nope.json"}, "cannot read /nope.json"},
            {{"publish", "out", "--channel", "c", "--bucket", "b"},
             "the storage is required: --endpoint, --bucket, --access-key and --secret-key (or "
             "--from <rill.json>)"}}) {
@@ -55,7 +54,7 @@ TEST(ToolTest, OptionsOverRillJsonOverEnvironment) {
 TEST(ToolTest, SizesRatesDurationsAndProgress) {
   for (const auto& [bytes, text] : std::vector<std::pair<std::uint64_t, std::string>>{
            {0, "0 B"}, {1023, "1023 B"}, {1024, "1.0 KiB"}, {1536, "1.5 KiB"}, {1048575, "1.0 MiB"},
-           {1288490189, "1.2 GiB"}, {5ULL << 40, "5.0 TiB"}, {UINT64_MAX, "16384.0 PiB"}}) {
+           {UINT64_MAX, "16384.0 PiB"}}) {
     EXPECT_EQ(rill::humanBytes(bytes), text) << bytes;
   }
   EXPECT_EQ(rill::humanRate(35 * 1048576ULL, 1.0) + rill::humanRate(100, 0.0), "35.0 MiB/s0 B/s");
@@ -74,20 +73,17 @@ TEST(ToolTest, SizesRatesDurationsAndProgress) {
             "  0 B of 4.0 KiB (0%), 0/4 chunk(s), 0 B/s");
 }
 
-TEST(ToolTest, HostileDescriptorsAndErrorAnswersFailWithAMessage) {
+// A hostile descriptor in a 200 answer is the descriptor parser's test; here, error answers.
+TEST(ToolTest, ErrorAnswersFailWithAMessage) {
   quill::test::TempDir dir;
   quill::test::StaticProvider server;
-  const std::string deep = std::string(60000, '[') + std::string(60000, ']');
-  server.serve("/api/rill/sync/deep-error", deep, 503);
-  server.serve("/api/rill/sync/deep", deep);
+  server.serve("/api/rill/sync/deep-error", std::string(60000, '[') + std::string(60000, ']'), 503);
   server.serve("/api/rill/sync/plain-error", R"({"error": "rill: no bucket"})", 503);
   for (const auto& [channel, message] : std::vector<std::pair<std::string, std::string>>{
            {"deep-error", "server answered HTTP 503: [[[["},
-           {"deep", "sync descriptor: nested too deep"},
            {"plain-error", "server answered HTTP 503: rill: no bucket"}}) {
     ::testing::internal::CaptureStderr();
-    const std::string out = (dir.path() / "out").string();
-    EXPECT_EQ(runTool({"pull", channel, out, "--server", server.origin()}), 1);
+    EXPECT_EQ(runTool({"pull", channel, dir.path() / "out", "--server", server.origin()}), 1);
     const std::string printed = ::testing::internal::GetCapturedStderr();
     EXPECT_TRUE(printed.starts_with(message)) << printed.substr(0, 200);
   }
