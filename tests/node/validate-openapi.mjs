@@ -1,9 +1,8 @@
 #!/usr/bin/env node
 // Checks the server's API description:  node validate-openapi.mjs <openapi.yaml> [<routes.txt>]
-// Valid OpenAPI 3.0.3 (the official schema, via swagger-parser), ASCII with LF line ends (the build
-// embeds it with CR LF), the shared components clients rely on and, given the output of
-// `quillmoord --dump-routes` ("METHOD /path access" lines), exactly the routes as operations.
-// Prints "openapi: ok (N operations)", or exits 1 with the reason (2 on a usage error).
+// Valid OpenAPI 3.0.3 (the official schema), ASCII with LF ends (the build embeds it with CR LF),
+// the shared components clients rely on and, given `quillmoord --dump-routes` output ("METHOD
+// /path access" lines), exactly the routes as operations. Exits 1 with the reason when not.
 
 import { readFileSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
