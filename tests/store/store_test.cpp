@@ -361,32 +361,26 @@ TEST_F(IdentityTest, UserRules) {
   // A channel list given to any role is kept, and an existing record is never replaced.
   const auto lister = createUser(data, NewUser{"lister", "member", {"beta"}, "", "", false});
   EXPECT_EQ(lister.value()["channels"], test::strings({"beta"}));
-  const std::string before = readBytes(DataDir::recordPath(data.users(), "lister"));
   EXPECT_FALSE(createUser(data, NewUser{"lister", "admin", {}, "", "", false}));
-  EXPECT_EQ(readBytes(DataDir::recordPath(data.users(), "lister")), before);
+  EXPECT_EQ(findUser(data, "lister"), lister.value());
   // Admins are the records whose role is exactly "admin", disabled ones included.
   EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(0, false));
-  user("a1", "admin"), user("p", "publisher");
-  user("a2", "admin", R"({"disabled":true})");
+  user("a1", "admin"), user("a2", "admin", R"({"disabled":true})");
   user("odd", "admin", R"({"role":"Admin"})");
   EXPECT_EQ(std::pair(countAdmins(data), anyAdminExists(data)), std::pair(2, true));
-  // Profile texts are cut to 256 bytes (UTF-8 aside), then control bytes become spaces.
-  const std::string k(255, 'k'), nul("a\0b\x1f\x7f", 5);
+  // Profile texts are cut to 256 bytes (UTF-8 aside), then control bytes (not DEL) become spaces.
+  const std::string k(255, 'k');
   for (const auto& [text, expected] : std::map<std::string, std::string>{
-           {"Ada\tLovelace\r\n", "Ada Lovelace  "}, {nul, "a b \x7f"}, {"  as is  ", "  as is  "},
-           {k + "\xC3\xA9tail", k + "\xC3"}, {k + "z\n", k + "z"}}) {
+           {std::string("a\0b\x1f\x7f", 5), "a b \x7f"}, {k + "\xC3\xA9", k + "\xC3"},
+           {k + "z\n", k + "z"}}) {
     EXPECT_EQ(profileText(text), expected) << text;
   }
   // Effective channels: the follows, then each group's channels, first occurrences only.
-  for (const auto& [name, channels] : {std::pair{"g1", R"(["a","c"])"}, {"g2", R"(["c","d"])"}}) {
-    Json::Value group = newGroupRecord(name);
-    group["channels"] = parseJson(channels);
-    ASSERT_TRUE(saveGroup(data, group));
-  }
-  const Json::Value u =
-      user("u", "member", R"({"follows":["b","a",7,"b"],"groups":["g1","x","g2"]})");
-  EXPECT_EQ(effectiveChannels(data, u), test::strings({"b", "a", "c", "d"}));
-  EXPECT_EQ(effectiveChannels(data, user("bare")), Json::Value(Json::arrayValue));
+  Json::Value group = newGroupRecord("g1");
+  group["channels"] = parseJson(R"(["a","c"])");
+  ASSERT_TRUE(saveGroup(data, group));
+  const Json::Value u = user("u", "member", R"({"follows":["b","a",7,"b"],"groups":["g1","x"]})");
+  EXPECT_EQ(effectiveChannels(data, u), test::strings({"b", "a", "c"}));
 }
 
 TEST_F(IdentityTest, TheIndexSeesTokenFilesComeChangeAndGo) {
