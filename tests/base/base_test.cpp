@@ -45,7 +45,7 @@ TEST(ByteBudget, TakersShareWhatFitsAndWaitInTheirTurn) {
 
 TEST(DurableFile, FailuresKeepTheirErrnoAndLeaveTheOldFile) {
   const test::TempDir tmp;
-  const std::filesystem::path dir = tmp.path();
+  const auto dir = tmp.path();
   const UniqueFd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_TRUE(replaceFileAt(dirFd.get(), "doc", "doc.1.tmp", "old", 0644));
   std::ofstream(dir / "leftover.tmp") << "x";
@@ -68,9 +68,7 @@ TEST(DurableFile, FailuresKeepTheirErrnoAndLeaveTheOldFile) {
 TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
   rill::test::HostileBucket bucket;
   QUILL_REQUIRE_HOSTILE_BUCKET(bucket);
-  bucket.plant("good", "payload");
-  bucket.plantEndless("endless");
-  bucket.plantStall("stall");
+  bucket.plant("good", "payload"), bucket.plantEndless("endless"), bucket.plantStall("stall");
   const std::string stalled = "curl: transfer stalled (less than 1 bytes/s for 1 s)";
   const std::tuple<const char*, std::string, std::uint64_t, long, long, std::string> failures[] = {
       // method, URL, body cap, stall seconds (at 1 byte/s), total seconds, error
@@ -83,9 +81,7 @@ TEST(HttpTransport, FailedTransfersEndAndLeaveTheHandleFitForTheNext) {
       {"GET", "http://127.0.0.1:" + std::to_string(test::freePort()), UINT64_MAX, 60, 0, "curl: "}};
   for (const auto& [method, url, maxBody, stallSeconds, totalSeconds, error] : failures) {
     HttpRequest request{method, url, {}, "body"};
-    request.maxBody = maxBody;
-    request.stallSeconds = stallSeconds;
-    request.stallBytesPerSecond = 1;
+    request.maxBody = maxBody, request.stallSeconds = stallSeconds, request.stallBytesPerSecond = 1;
     request.totalSeconds = totalSeconds;
     const HttpResponse failed = performHttp(request);
     EXPECT_EQ(std::tie(failed.status, failed.body), std::tuple(0, "")) << error;

@@ -1,12 +1,8 @@
 #!/usr/bin/env node
-// The documentation page without internet access: a real quillmoord on 127.0.0.1, headless
-// Chromium with every request to another host aborted. The viewer script cannot load, so the page
-// must show the noscript words with a working link to the API description instead of staying blank.
-//
-//   node docs-page-offline.mjs <path to quillmoord>
-//
-// Exits 0 when the fallback shows (and stays away when the viewer loads), 1 with the reason when
-// not, and 77 (skipped) when /usr/bin/chromium is missing.
+// The documentation page without internet access:  node docs-page-offline.mjs <path to quillmoord>
+// A real quillmoord on 127.0.0.1, headless Chromium aborting every request to another host: the
+// viewer script cannot load, so the page must show the noscript words with a working link to the
+// API description, not stay blank; with the viewer loaded, no fallback. Exits 77 without chromium.
 
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
@@ -17,7 +13,6 @@ import { join } from 'node:path';
 import { chromium } from 'playwright-core';
 
 const CHROMIUM = '/usr/bin/chromium';
-const SKIPPED = 77;
 const WORDS =
   'JavaScript (and internet access for the viewer script) is needed to render this page - ' +
   'the raw API description is at /api/openapi.yaml.';
@@ -30,92 +25,67 @@ const freePort = () => new Promise((resolve, reject) => {
   });
 });
 
-// Polls /api/version until the server answers or `server` exits; throws after `ms`.
-async function waitForServer(base, server, ms) {
-  const deadline = Date.now() + ms;
-  while (Date.now() < deadline) {
-    if (server.exitCode !== null) throw new Error(`quillmoord exited with ${server.exitCode}`);
-    try {
-      if ((await fetch(`${base}/api/version`)).ok) return;
-    } catch {
-      // not listening yet
-    }
+async function waitForServer(base, server) {
+  for (let tries = 0; tries < 200 && server.exitCode === null; tries++) {  // 20 s
+    if (await fetch(`${base}/api/version`).then((r) => r.ok, () => false)) return;
     await new Promise((r) => setTimeout(r, 100));
   }
-  throw new Error(`quillmoord did not answer on ${base} within ${ms} ms`);
+  throw new Error(`quillmoord did not answer on ${base} (exit code ${server.exitCode})`);
 }
 
-// Requests off 127.0.0.1 go to `offHost(route, url)`.
-const routeOffHost = (page, offHost) => page.route('**/*', (route) => {
-  const url = new URL(route.request().url());
-  return url.hostname === '127.0.0.1' ? route.continue() : offHost(route, url);
-});
+// Opens the page with each request off 127.0.0.1 handed to `offHost(route, url)`.
+async function openDocs(browser, base, offHost) {
+  const page = await browser.newPage();
+  await page.route('**/*', (route) => {
+    const url = new URL(route.request().url());
+    return url.hostname === '127.0.0.1' ? route.continue() : offHost(route, url);
+  });
+  await page.goto(`${base}/api/docs`, { waitUntil: 'load' });
+  return page;
+}
 
-async function checkFallback(page, base) {
+async function check(browser, base) {
   const blocked = [];
-  await routeOffHost(page, (route, url) => {
+  const page = await openDocs(browser, base, (route, url) => {
     blocked.push(url.href);
     return route.abort('internetdisconnected');
   });
-
-  await page.goto(`${base}/api/docs`, { waitUntil: 'load' });
-  assert.ok(blocked.some((u) => u.endsWith('.js')), `the viewer script was never requested: ${blocked}`);
-
-  // The specified elements are still there.
+  assert.ok(blocked.some((u) => u.endsWith('.js')), `no viewer script requested: ${blocked}`);
   assert.equal(await page.title(), 'Quillmoor API');
   assert.equal(await page.locator('redoc').getAttribute('spec-url'), '/api/openapi.yaml');
   assert.equal(await page.locator('noscript').count(), 1);
-
   const fallback = page.locator('#docs-fallback');
   await fallback.waitFor({ state: 'visible', timeout: 5000 });
   assert.equal((await fallback.innerText()).replace(/\s+/g, ' ').trim(), WORDS);
-
-  const link = fallback.getByRole('link', { name: '/api/openapi.yaml' });
-  assert.ok(await link.isVisible(), 'the link to the API description is not visible');
-  await link.click();
+  await fallback.getByRole('link', { name: '/api/openapi.yaml' }).click();  // visible, or it fails
   await page.waitForURL(`${base}/api/openapi.yaml`);
   assert.match(await page.locator('body').innerText(), /^openapi: 3\.0\.3/);
+  // A stand-in viewer script defining its global: the fallback stays away.
+  const viewer = await openDocs(browser, base,
+    (route) => route.fulfill({ contentType: 'text/javascript', body: 'window.Redoc = {};' }));
+  assert.equal(await viewer.locator('#docs-fallback').count(), 0, 'fallback beside the viewer');
 }
 
-// With the viewer loaded (a stand-in script defining its global) the fallback stays away.
-async function checkNoFallbackWithViewer(page, base) {
-  await routeOffHost(page, (route) =>
-    route.fulfill({ contentType: 'text/javascript', body: 'window.Redoc = {};' }));
-  await page.goto(`${base}/api/docs`, { waitUntil: 'load' });
-  assert.equal(await page.locator('#docs-fallback').count(), 0, 'fallback shown beside the viewer');
-}
-
-async function main() {
-  const binary = process.argv[2];
+async function main(binary) {
   if (!binary) throw new Error('usage: docs-page-offline.mjs <path to quillmoord>');
   if (!existsSync(CHROMIUM)) {
     console.log(`skipped: ${CHROMIUM} is missing (install Debian's chromium package)`);
-    return SKIPPED;
+    return 77;
   }
-
   const scratch = mkdtempSync(join(tmpdir(), 'quill-docs-'));
-  const port = await freePort();
-  const base = `http://127.0.0.1:${port}`;
-  const server = spawn(
-    binary,
-    ['--data-dir', join(scratch, 'data'), '--bind', '127.0.0.1', '--port', String(port)],
-    { stdio: ['ignore', 'ignore', 'inherit'] },
-  );
+  const base = `http://127.0.0.1:${await freePort()}`;
+  const server = spawn(binary,
+    ['--data-dir', join(scratch, 'data'), '--bind', '127.0.0.1', '--port', new URL(base).port],
+    { stdio: ['ignore', 'ignore', 'inherit'] });
   let browser;
   try {
-    await waitForServer(base, server, 20000);
-    // A persistent context on a fresh profile directory of its own.
+    await waitForServer(base, server);
     browser = await chromium.launchPersistentContext(join(scratch, 'profile'), {
-      executablePath: CHROMIUM,
-      headless: true,
-      args: [
-        '--no-sandbox', '--disable-gpu', '--disable-background-networking',
-        '--disable-component-update', '--disable-sync', '--no-first-run',
-      ],
-      timeout: 30000,
+      executablePath: CHROMIUM, headless: true, timeout: 30000,
+      args: ['--no-sandbox', '--disable-gpu', '--disable-background-networking',
+        '--disable-component-update', '--disable-sync', '--no-first-run'],
     });
-    await checkFallback(await browser.newPage(), base);
-    await checkNoFallbackWithViewer(await browser.newPage(), base);
+    await check(browser, base);
   } finally {
     await browser?.close();
     server.kill('SIGKILL');
@@ -125,10 +95,7 @@ async function main() {
   return 0;
 }
 
-main().then(
-  (code) => process.exit(code),
-  (err) => {
-    console.error(`docs page offline: ${err.message}`);
-    process.exit(1);
-  },
-);
+main(process.argv[2]).then((code) => process.exit(code), (err) => {
+  console.error(`docs page offline: ${err.message}`);
+  process.exit(1);
+});

@@ -1,14 +1,8 @@
 #!/usr/bin/env node
-// Checks the server's embedded API description.
-//
-//   node validate-openapi.mjs <openapi.yaml> [<routes.txt>]
-//
-// The document must be valid OpenAPI 3.0.3 (checked against the official schema by
-// @apidevtools/swagger-parser), pure ASCII with LF line ends (the build converts it to CR LF when
-// embedding it), and carry the shared components that clients rely on. With a routes file (the
-// output of `quillmoord --dump-routes`: one "METHOD /path access" line per route) the operations in
-// `paths` must be exactly the server's routes. Exits 0 and prints "openapi: ok (N operations)",
-// or exits 1 with the reason.
+// Checks the server's API description:  node validate-openapi.mjs <openapi.yaml> [<routes.txt>]
+// Valid OpenAPI 3.0.3 (the official schema), ASCII with LF ends (the build embeds it with CR LF),
+// the shared components clients rely on and, given `quillmoord --dump-routes` output ("METHOD
+// /path access" lines), exactly the routes as operations. Exits 1 with the reason when not.
 
 import { readFileSync } from 'node:fs';
 import { fileURLToPath } from 'node:url';
@@ -31,9 +25,8 @@ export const REQUIRED_COMPONENTS = {
   ],
 };
 
-// Operations the request gate lets through without a token; the document must say so with an
-// empty security list. Every other operation must require the bearer token (possibly alongside
-// anonymous access, for public channel reads).
+// What the request gate lets through without a token: described with "security: []". Every other
+// operation requires the bearer token (possibly beside anonymous access, for public channels).
 export const OPEN_OPERATIONS = [
   'GET /api/version', 'GET /api/openapi.yaml', 'GET /api/docs', 'POST /api/invites/redeem',
   'GET /api/claim', 'POST /api/claim', 'POST /api/access-requests', 'GET /api/sso/status',
@@ -44,91 +37,69 @@ class CheckError extends Error {}
 const fail = (message) => { throw new CheckError(message); };
 const failIfAny = (problems) => { if (problems.length) fail(problems.join('\n')); };
 
-// Rejects any byte outside 7-bit ASCII and any CR, naming the first offending line.
 export function checkBytes(bytes) {
   let line = 1;
-  for (let i = 0; i < bytes.length; i++) {
-    const b = bytes[i];
+  for (const b of bytes) {
     if (b === 0x0d) fail(`line ${line}: carriage return (store the file with LF line ends)`);
     if (b >= 0x80) fail(`line ${line}: non-ASCII byte 0x${b.toString(16)}`);
     if (b === 0x0a) line++;
   }
 }
 
-// Parses "METHOD /path" lines, each optionally followed by who may call the route (one word,
-// ignored here); blank lines are ignored.
+// "METHOD /path" lines, each optionally followed by one word (who may call it); blanks ignored.
 export function parseRoutes(text) {
-  const routes = [];
-  for (const [i, raw] of text.split('\n').entries()) {
-    const line = raw.trim();
-    if (line === '') continue;
-    const m = /^([A-Z]+) (\/\S*)(?: \S+)?$/.exec(line);
-    if (!m) fail(`routes line ${i + 1}: expected "METHOD /path", got "${line}"`);
-    routes.push(`${m[1]} ${m[2]}`);
-  }
-  return routes;
+  return text.split('\n').map((raw, i) => [raw.trim(), i]).filter(([line]) => line)
+    .map(([line, i]) => {
+      const m = /^([A-Z]+) (\/\S*)(?: \S+)?$/.exec(line);
+      if (!m) fail(`routes line ${i + 1}: expected "METHOD /path", got "${line}"`);
+      return `${m[1]} ${m[2]}`;
+    });
 }
 
-const operationsOf = (doc) => new Map(Object.entries(doc.paths ?? {}).flatMap(([path, item]) =>
-  HTTP_METHODS.filter((m) => item?.[m]).map((m) => [`${m.toUpperCase()} ${path}`, item[m]])));
+// Every operation as [key "METHOD /path", operation, path, path item].
+const operations = (doc) => Object.entries(doc.paths ?? {}).flatMap(([path, item]) => HTTP_METHODS
+  .filter((m) => item?.[m]).map((m) => [`${m.toUpperCase()} ${path}`, item[m], path, item]));
 
 function checkComponents(doc) {
-  const missing = [];
-  for (const [section, names] of Object.entries(REQUIRED_COMPONENTS)) {
-    for (const name of names) {
-      if (!doc.components?.[section]?.[name]) missing.push(`components.${section}.${name}`);
-    }
-  }
+  const missing = Object.entries(REQUIRED_COMPONENTS).flatMap(([section, names]) =>
+    names.filter((n) => !doc.components?.[section]?.[n]).map((n) => `components.${section}.${n}`));
   if (missing.length) fail(`missing components: ${missing.join(', ')}`);
-
-  const bearer = doc.components.securitySchemes.bearerAuth;
-  if (bearer.type !== 'http' || bearer.scheme !== 'bearer') {
+  const { securitySchemes: { bearerAuth }, responses, schemas: { Error: error } } = doc.components;
+  if (bearerAuth.type !== 'http' || bearerAuth.scheme !== 'bearer') {
     fail('components.securitySchemes.bearerAuth must be type http, scheme bearer');
   }
-  const retryAfter = doc.components.responses.TooManyRequests.headers?.['Retry-After'];
-  if (retryAfter?.schema?.type !== 'integer') {
+  if (responses.TooManyRequests.headers?.['Retry-After']?.schema?.type !== 'integer') {
     fail('components.responses.TooManyRequests needs an integer Retry-After header');
   }
-  const error = doc.components.schemas.Error;
-  if (error.properties?.error?.type !== 'string' || !(error.required ?? []).includes('error')) {
+  if (error.properties?.error?.type !== 'string' || !error.required?.includes('error')) {
     fail('components.schemas.Error must require the string member error');
   }
 }
 
-// The official schema leaves these OpenAPI rules unchecked: unique operation ids, and path
-// parameters that match the path's placeholders one to one. `resolved` is the dereferenced
-// document.
+// What the official schema leaves unchecked: unique operation ids, and path parameters matching
+// the path's placeholders one to one. `resolved` is the dereferenced document.
 function checkOpenApiRules(resolved) {
   const problems = [];
   const seenIds = new Map();
-  for (const [path, item] of Object.entries(resolved.paths ?? {})) {
+  for (const [key, op, path, item] of operations(resolved)) {
+    const id = op.operationId;
+    if (seenIds.has(id)) problems.push(`${key}: operationId ${id} also used by ${seenIds.get(id)}`);
+    if (id !== undefined) seenIds.set(id, key);
+    // Operation-level parameters override path-level ones of the same name and location.
+    const where = (p) => `${p.in}:${p.name}`;
+    const all = [...(item.parameters ?? []), ...(op.parameters ?? [])];
+    const params = new Map(all.map((p) => [where(p), p]));
+    const opKeys = (op.parameters ?? []).map(where);
+    if (new Set(opKeys).size !== opKeys.length) problems.push(`${key}: duplicate parameter`);
     const placeholders = [...path.matchAll(/\{([^}]+)\}/g)].map((m) => m[1]);
-    for (const method of HTTP_METHODS) {
-      const op = item?.[method];
-      if (!op) continue;
-      const key = `${method.toUpperCase()} ${path}`;
-      if (op.operationId !== undefined) {
-        if (seenIds.has(op.operationId)) {
-          problems.push(`${key}: operationId ${op.operationId} also used by ${seenIds.get(op.operationId)}`);
-        }
-        seenIds.set(op.operationId, key);
-      }
-      // Operation-level parameters override path-level ones of the same name and location.
-      const params = new Map();
-      for (const p of [...(item.parameters ?? []), ...(op.parameters ?? [])]) {
-        params.set(`${p.in}:${p.name}`, p);
-      }
-      const opKeys = (op.parameters ?? []).map((p) => `${p.in}:${p.name}`);
-      if (new Set(opKeys).size !== opKeys.length) problems.push(`${key}: duplicate parameter`);
-      const pathParams = [...params.values()].filter((p) => p.in === 'path');
-      for (const name of placeholders) {
-        const p = params.get(`path:${name}`);
-        if (!p) problems.push(`${key}: no path parameter for {${name}}`);
-        else if (p.required !== true) problems.push(`${key}: path parameter ${name} must be required`);
-      }
-      for (const p of pathParams) {
-        if (!placeholders.includes(p.name)) problems.push(`${key}: path parameter ${p.name} is not in the path`);
-      }
+    for (const name of placeholders) {
+      const p = params.get(`path:${name}`);
+      if (!p) problems.push(`${key}: no path parameter for {${name}}`);
+      else if (p.required !== true) problems.push(`${key}: path parameter ${name} not required`);
+    }
+    for (const p of params.values()) {
+      if (p.in !== 'path' || placeholders.includes(p.name)) continue;
+      problems.push(`${key}: path parameter ${p.name} is not in the path`);
     }
   }
   failIfAny(problems);
@@ -141,52 +112,48 @@ function checkOperations(doc, ops) {
     problems.push('top-level security must require bearerAuth');
   }
   for (const [key, op] of ops) {
-    for (const field of ['operationId', 'summary', 'description']) {
-      if (typeof op[field] !== 'string' || op[field].trim() === '') {
-        problems.push(`${key}: no ${field}`);
-      }
+    const fields = ['operationId', 'summary', 'description'];
+    for (const field of fields.filter((f) => !(typeof op[f] === 'string' && op[f].trim()))) {
+      problems.push(`${key}: no ${field}`);
     }
     const needsNoToken = Array.isArray(op.security) && op.security.length === 0;
     if (open.has(key) && !needsNoToken) problems.push(`${key}: open route needs "security: []"`);
     if (!open.has(key) && needsNoToken) problems.push(`${key}: must not be marked as open`);
   }
-  for (const key of OPEN_OPERATIONS) {
-    if (!ops.has(key)) problems.push(`${key}: open route is not described`);
+  for (const key of OPEN_OPERATIONS.filter((k) => !ops.has(k))) {
+    problems.push(`${key}: open route is not described`);
   }
   failIfAny(problems);
 }
 
 function checkRoutes(ops, routes) {
-  const listed = new Set(routes);
   const missing = routes.filter((r) => !ops.has(r));
-  const extra = [...ops.keys()].filter((k) => !listed.has(k));
+  const extra = [...ops.keys()].filter((k) => !routes.includes(k));
   failIfAny([
     ...(missing.length ? [`routes without an operation:\n  ${missing.join('\n  ')}`] : []),
     ...(extra.length ? [`operations that are no route:\n  ${extra.join('\n  ')}`] : []),
   ]);
 }
 
-// Runs every check on the document's bytes and, when given, the routes text. Resolves to the
-// number of operations; rejects with an Error whose message says what is wrong.
+// Runs every check; resolves to the number of operations or rejects saying what is wrong.
 export async function checkOpenApi(bytes, routesText) {
   checkBytes(bytes);
-  let doc;
+  let doc, resolved;
   try {
     doc = parseYaml(bytes.toString('ascii'), { uniqueKeys: true, prettyErrors: true });
   } catch (e) {
     fail(`not valid YAML: ${e.message}`);
   }
-  if (doc?.openapi !== '3.0.3') fail(`openapi must be "3.0.3", found ${JSON.stringify(doc?.openapi)}`);
-  let resolved;
+  const version = JSON.stringify(doc?.openapi);
+  if (version !== '"3.0.3"') fail(`openapi must be "3.0.3", found ${version}`);
   try {
-    // The validator dereferences in place; keep our copy intact for the checks below.
-    resolved = await SwaggerParser.validate(structuredClone(doc));
+    resolved = await SwaggerParser.validate(structuredClone(doc));  // it dereferences in place
   } catch (e) {
     fail(`not a valid OpenAPI document: ${e.message}`);
   }
   checkOpenApiRules(resolved);
   checkComponents(doc);
-  const ops = operationsOf(doc);
+  const ops = new Map(operations(doc));
   checkOperations(doc, ops);
   if (routesText !== undefined) checkRoutes(ops, parseRoutes(routesText));
   return ops.size;
@@ -198,9 +165,8 @@ async function main(argv) {
     return 2;
   }
   try {
-    const bytes = readFileSync(argv[0]);
     const routesText = argv[1] === undefined ? undefined : readFileSync(argv[1], 'utf8');
-    const count = await checkOpenApi(bytes, routesText);
+    const count = await checkOpenApi(readFileSync(argv[0]), routesText);
     console.log(`openapi: ok (${count} operations)`);
     return 0;
   } catch (e) {
