@@ -139,11 +139,11 @@ TEST(SsoClient, SignaturesFollowTheKidRulesAndMalformedTokensAreRefusedInOrder) 
   EXPECT_TRUE(verifyTokenSignature(none.sign(payload), keysOf({&k1, &none})));
   EXPECT_EQ(verifyTokenSignature(none.sign(payload), keysOf({&k1})).error(),
             "token signature invalid");
-  const std::string bare = none.signWithHeader(header, Json::Value(5));
+  const std::string bare = none.sign(Json::Value(5), header);
   EXPECT_EQ(verifyTokenSignature(bare, keysOf({&none})).error(), "bad token payload");
   EXPECT_EQ(tokenKid(bare), "");
   header["kid"] = "k1";  // signed by k2's key: k2 is never tried, the kid-less key fails
-  EXPECT_EQ(verifyTokenSignature(k2.signWithHeader(header, payload), keysOf({&k2, &none})).error(),
+  EXPECT_EQ(verifyTokenSignature(k2.sign(payload, header), keysOf({&k2, &none})).error(),
             "token signature invalid (kid k1)");
   const std::string good = k1.sign(payload), rest = good.substr(good.find('.'));
   const std::string unsigned_ = good.substr(0, good.rfind('.') + 1);
