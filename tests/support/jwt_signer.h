@@ -29,21 +29,21 @@ class JwtSigner {
 
   // {"kty":"RSA","use":"sig","kid":...,"n":...,"e":...}; without kid when it is empty.
   Json::Value publicJwk() const {
-    Json::Value jwk = withKid({{"kty", "RSA"}, {"use", "sig"}});
-    for (const auto& [member, name] :
-         {std::pair("n", OSSL_PKEY_PARAM_RSA_N), {"e", OSSL_PKEY_PARAM_RSA_E}}) {
+    Json::Value jwk = withKid("kty", "RSA");
+    jwk["use"] = "sig";
+    for (const char* name : {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}) {  // "n" and "e"
       BIGNUM* bn = nullptr;
       EVP_PKEY_get_bn_param(key_.get(), name, &bn);
       std::string bytes(static_cast<std::size_t>(BN_num_bytes(bn)), '\0');
       BN_bn2bin(bn, reinterpret_cast<unsigned char*>(bytes.data()));
       BN_free(bn);
-      jwk[member] = base::base64urlEncode(bytes);
+      jwk[name] = base::base64urlEncode(bytes);
     }
     return jwk;
   }
   // Under {"alg":"RS256","kid":...} (without kid when it is empty) unless `header` is given.
   std::string sign(const Json::Value& payload, Json::Value header = {}) const {
-    if (header.isNull()) header = withKid({{"alg", "RS256"}});
+    if (header.isNull()) header = withKid("alg", "RS256");
     const std::string input = base::base64urlEncode(http::toCompactJson(header)) + "." +
                               base::base64urlEncode(http::toCompactJson(payload));
     std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key_.get())), '\0');
@@ -57,10 +57,10 @@ class JwtSigner {
   }
 
  private:
-  Json::Value withKid(std::initializer_list<std::pair<const char*, const char*>> members) const {
+  Json::Value withKid(const char* member, const char* value) const {
     Json::Value doc(Json::objectValue);
     if (!kid_.empty()) doc["kid"] = kid_;
-    for (const auto& [name, value] : members) doc[name] = value;
+    doc[member] = value;
     return doc;
   }
   std::string kid_;
