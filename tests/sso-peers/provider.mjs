@@ -1,9 +1,8 @@
 // A real OpenID Connect provider for the single sign-on tests, on 127.0.0.1 only.
 //   node provider.mjs --accounts <file.json>
 // Prints "ready <port>" once listening (issuer "http://127.0.0.1:<port>"); exits when its standard
-// input closes. Clients "quill" (RS256 ID tokens) and "quill-hs" (HS256, which the server must
-// refuse): native, secret "quill-secret" in the form body, redirect URI
-// http://127.0.0.1/api/sso/callback on any port. The accounts file maps a login (the subject) to
+// input closes. Client "quill" (RS256 ID tokens): native, secret "quill-secret" in the form body,
+// redirect URI http://127.0.0.1/api/sso/callback on any port. The accounts file maps a login (the subject) to
 // its claims and is read at every sign-in; the development login page takes any password.
 
 import { readFileSync } from 'node:fs';
@@ -18,20 +17,15 @@ const key = generateKeyPairSync('rsa', { modulusLength: 2048 }).privateKey.expor
 const server = createServer();
 server.listen(0, '127.0.0.1', () => {
   const { port } = server.address();
-  const client = (id, extra) => ({
-    client_id: id,
-    client_secret: 'quill-secret',
-    application_type: 'native',
-    token_endpoint_auth_method: 'client_secret_post',
-    redirect_uris: ['http://127.0.0.1/api/sso/callback'],
-    grant_types: ['authorization_code'],
-    response_types: ['code'],
-    ...extra,
-  });
   const provider = new Provider(`http://127.0.0.1:${port}`, {
-    clients: [client('quill', {}), client('quill-hs', { id_token_signed_response_alg: 'HS256' })],
+    clients: [{
+      client_id: 'quill',
+      client_secret: 'quill-secret',
+      application_type: 'native',
+      token_endpoint_auth_method: 'client_secret_post',
+      redirect_uris: ['http://127.0.0.1/api/sso/callback'],
+    }],
     jwks: { keys: [{ ...key, kid: 'test-key-1', use: 'sig', alg: 'RS256' }] },
-    enabledJWA: { idTokenSigningAlgValues: ['RS256', 'HS256'] },
     claims: { openid: ['sub', 'preferred_username', 'email', 'roles', 'groups'] },
     conformIdTokenClaims: false,
     features: { devInteractions: { enabled: true } },

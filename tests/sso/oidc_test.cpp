@@ -1,5 +1,6 @@
 // The OpenID Connect client offline: encodings, the answers of discovery, key set and token
 // endpoint, RS256 verification with the kid rules, the claim checks, and the provider cache.
+// Unreachable peers and HTTP failures are pinned through the API (sso_api_test.cpp).
 
 #include <gtest/gtest.h>
 
@@ -24,14 +25,10 @@ Jwk rsaKey(std::size_t bits, std::string e = kF4, const std::string& kid = "x", 
   if (!odd) n.back() = '\xfe';
   return {kid, n, std::move(e)};
 }
-std::string jwk(const Jwk& k) {
-  return R"({"kty":"RSA","kid":")" + k.kid + R"(","n":")" + base::base64urlEncode(k.n) +
-         R"(","e":")" + base::base64urlEncode(k.e) + "\"}";
-}
-std::string setOf(const std::vector<Jwk>& keys) {
-  std::string set;
-  for (const Jwk& k : keys) set += (set.empty() ? "" : ",") + jwk(k);
-  return R"({"keys":[)" + set + "]}";
+Json::Value jwk(const Jwk& k) {
+  return test::parseJson(R"({"kty":"RSA","kid":")" + k.kid + R"(","n":")" +
+                         base::base64urlEncode(k.n) + R"(","e":")" + base::base64urlEncode(k.e) +
+                         "\"}");
 }
 std::vector<Jwk> keysOf(std::initializer_list<const JwtSigner*> signers) {
   return parseKeySet(200, http::toCompactJson(test::keySet(signers))).value();
@@ -51,37 +48,28 @@ TEST(SsoClient, EncodingsAndTheAnswersOfDiscoveryAndTokenEndpoint) {
 
   const std::string id = "https://id.example.com", wellKnown = "/.well-known/openid-configuration";
   EXPECT_EQ(discoveryUrl(id).value(), id + wellKnown);
-  EXPECT_EQ(discoveryUrl(id + "/realms/a").value(), id + "/realms/a" + wellKnown);
   EXPECT_EQ(discoveryUrl("http://127.0.0.1:8080/t/").value(),
             "http://127.0.0.1:8080/t" + wellKnown);
   for (const char* bad : {"https://", "ftp://x", "https://h:port", "id.example.com", "https://a@b"})
     EXPECT_EQ(discoveryUrl(bad).error(), "issuer is not a URL") << bad;
-  const std::string good = R"({"issuer":")" + id + R"(","authorization_endpoint":")" + id +
-                           R"(/a","token_endpoint":")" + id + R"(/t","jwks_uri":")" + id + "/k\"}";
-  const Discovery found = parseDiscovery(200, good, id).value();
-  EXPECT_EQ(found.authorizationEndpoint + found.tokenEndpoint + found.jwksUri,
-            id + "/a" + id + "/t" + id + "/k");
-  // Unreachable and HTTP failures are pinned through the API.
-  EXPECT_EQ(parseDiscovery(200, "<html>", id).error(), "discovery document is not JSON");
-  EXPECT_EQ(parseDiscovery(
-                200, R"({"issuer":"https://id.example.com/","authorization_endpoint":"a"})", id)
-                .error(),
-            "discovery issuer 'https://id.example.com/' does not match the configured issuer");
-  EXPECT_EQ(
-      parseDiscovery(
-          200, R"({"issuer":")" + id + R"(","authorization_endpoint":"a","jwks_uri":"k"})", id)
-          .error(),
-      "discovery document lacks authorization/token/jwks endpoints");
+  const std::string ends = R"(","authorization_endpoint":"a","token_endpoint":"t","jwks_uri":"k"})";
+  const Discovery found = parseDiscovery(200, R"({"issuer":")" + id + ends, id).value();
+  EXPECT_EQ(found.authorizationEndpoint + found.tokenEndpoint + found.jwksUri, "atk");
+  for (const auto& [body, error] : std::vector<std::pair<std::string, std::string>>{
+           {"<html>", "discovery document is not JSON"},
+           {R"({"issuer":")" + id + "/" + ends,
+            "discovery issuer 'https://id.example.com/' does not match the configured issuer"},
+           {R"({"issuer":")" + id + R"(","authorization_endpoint":"a","jwks_uri":"k"})",
+            "discovery document lacks authorization/token/jwks endpoints"}})
+    EXPECT_EQ(parseDiscovery(200, body, id).error(), error) << body;
 
   EXPECT_EQ(parseTokenAnswer(200, R"({"id_token":"a.b.c"})").value(), "a.b.c");
-  EXPECT_EQ(parseTokenAnswer(0, "").error(), "token endpoint unreachable");
-  EXPECT_EQ(parseTokenAnswer(401, R"({"error":"invalid_client"})").error(),
-            "token exchange failed: HTTP 401 invalid_client");
-  EXPECT_EQ(parseTokenAnswer(503, "busy").error(), "token exchange failed: HTTP 503");
-  EXPECT_EQ(parseTokenAnswer(200, R"({"access_token":"x"})").error(),
-            "token endpoint returned no id_token");
-  EXPECT_EQ(parseTokenAnswer(200, R"({"id_token":7})").error(),
-            "token endpoint returned no id_token");
+  for (const auto& [status, body, error] : std::vector<std::tuple<long, const char*, const char*>>{
+           {401, R"({"error":"invalid_client"})", "token exchange failed: HTTP 401 invalid_client"},
+           {503, "busy", "token exchange failed: HTTP 503"},
+           {200, R"({"access_token":"x"})", "token endpoint returned no id_token"},
+           {200, R"({"id_token":7})", "token endpoint returned no id_token"}})
+    EXPECT_EQ(parseTokenAnswer(status, body).error(), error) << body;
   EXPECT_EQ(exchangeCode(Discovery{"i", "a", "not a url", "k"}, SsoConfig{}, "r", "c", "v").error(),
             "token endpoint is not a URL");
 }
@@ -93,21 +81,23 @@ TEST(SsoClient, KeySetsKeepUsableRsaSigningKeysOnlyInOrderAndAtMostKMaxKeys) {
   encryption["use"] = "enc";
   noUse.removeMember("use");
   noUse["kid"] = "c";
-  for (const Json::Value& key : {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse,
-                                 test::parseJson(jwk(rsaKey(2047)))})
+  for (const Json::Value& key :
+       {encryption, test::parseJson(R"({"kty":"EC","kid":"ec"})"), noUse, jwk(rsaKey(2047))})
     set["keys"].append(key);
   std::vector<std::string> kids;
-  const auto kept = parseKeySet(200, http::toCompactJson(set)).value();
-  for (const Jwk& key : kept) kids.push_back(key.kid);
+  const auto kept = parseKeySet(200, http::toCompactJson(set));
+  for (const Jwk& key : kept.value()) kids.push_back(key.kid);
   EXPECT_EQ(kids, (std::vector<std::string>{"a", "", "c"}));
-  EXPECT_EQ(parseKeySet(500, "{}").error(), "could not fetch the provider's keys");
   EXPECT_EQ(parseKeySet(200, "keys").error(), "key set is not JSON");
   EXPECT_EQ(parseKeySet(200, R"({"keys":[{"kty":"EC","use":"sig"}]})").error(), kNoKeys);
-  EXPECT_EQ(parseKeySet(200, R"({"keys":{"a":)" + jwk(rsaKey(2048)) + "}}").error(), kNoKeys);
+  EXPECT_EQ(
+      parseKeySet(200, R"({"keys":{"a":)" + http::toCompactJson(jwk(rsaKey(2048))) + "}}").error(),
+      kNoKeys);
   EXPECT_EQ(fetchKeys("file:///etc/passwd").error(), "jwks_uri is not a URL");
-  std::vector<Jwk> many;
-  for (std::size_t i = 0; i < 40; ++i) many.push_back(rsaKey(2048, kF4, test::numbered("k", i)));
-  many = parseKeySet(200, setOf(many)).value();
+  set["keys"] = Json::Value(Json::arrayValue);
+  for (std::size_t i = 0; i < 40; ++i)
+    set["keys"].append(jwk(rsaKey(2048, kF4, test::numbered("k", i))));
+  const auto many = parseKeySet(200, http::toCompactJson(set)).value();
   EXPECT_EQ(many.size() == kMaxKeys ? many.back().kid : "", test::numbered("k", kMaxKeys - 1));
 
   // Absurd sizes and shapes: 2048 to 16384 modulus bits (odd), an odd exponent of up to 64 bits.
@@ -123,8 +113,7 @@ TEST(SsoClient, KeySetsKeepUsableRsaSigningKeysOnlyInOrderAndAtMostKMaxKeys) {
            {rsaKey(2048, "\x01"), false},
            {rsaKey(2048, std::string("\x01\x00", 2)), false},
            {rsaKey(2048, ""), false}}) {
-    EXPECT_EQ(parseKeySet(200, setOf({key})).error(), usable ? "" : kNoKeys)
-        << key.n.size() << " " << key.e.size();
+    EXPECT_EQ(isUsableRsaKey(key), usable) << key.n.size() << " " << key.e.size();
   }
 }
 
@@ -139,11 +128,11 @@ TEST(SsoClient, SignaturesFollowTheKidRulesAndMalformedTokensAreRefusedInOrder) 
   EXPECT_TRUE(verifyTokenSignature(none.sign(payload), keysOf({&k1, &none})));
   EXPECT_EQ(verifyTokenSignature(none.sign(payload), keysOf({&k1})).error(),
             "token signature invalid");
-  const std::string bare = none.signWithHeader(header, Json::Value(5));
+  const std::string bare = none.sign(Json::Value(5), header);
   EXPECT_EQ(verifyTokenSignature(bare, keysOf({&none})).error(), "bad token payload");
   EXPECT_EQ(tokenKid(bare), "");
   header["kid"] = "k1";  // signed by k2's key: k2 is never tried, the kid-less key fails
-  EXPECT_EQ(verifyTokenSignature(k2.signWithHeader(header, payload), keysOf({&k2, &none})).error(),
+  EXPECT_EQ(verifyTokenSignature(k2.sign(payload, header), keysOf({&k2, &none})).error(),
             "token signature invalid (kid k1)");
   const std::string good = k1.sign(payload), rest = good.substr(good.find('.'));
   const std::string unsigned_ = good.substr(0, good.rfind('.') + 1);
@@ -192,8 +181,7 @@ TEST(SsoClient, ClaimsAreCheckedInOrderWithoutSkew) {
   }
 }
 
-TEST(SsoClient,
-     TheProviderCacheKeepsAnswersForTheirLifetimeAndRefetchesForAnUnknownKidOncePerInterval) {
+TEST(SsoClient, TheCacheKeepsAnswersForTheirLifetimeAndRefetchesForAnUnknownKidOncePerInterval) {
   std::chrono::steady_clock::time_point now{};
   int discoveries = 0, keyFetches = 0;
   bool failing = true;
@@ -201,8 +189,7 @@ TEST(SsoClient,
   ProviderCache cache(
       [&](const std::string& issuer) -> Result<Discovery> {
         ++discoveries;
-        return failing ? Result<Discovery>(Failure{"issuer unreachable"})
-                       : Discovery{issuer, "a", "t", "k"};
+        return Discovery{issuer, "a", "t", "k"};
       },
       [&](const std::string&) -> Result<std::vector<Jwk>> {
         ++keyFetches;
@@ -211,16 +198,17 @@ TEST(SsoClient,
       },
       [&] { return now; });
   auto keysFor = [&](const char* kid) { return cache.keysFor("https://id/k", kid).value().size(); };
-  EXPECT_FALSE(cache.discovery("https://id") || cache.keysFor("https://id/k", ""));  // not kept
+  failing = true;
+  EXPECT_FALSE(cache.keysFor("https://id/k", ""));  // not kept
   failing = false;
   for (auto wait : {std::chrono::seconds(0), ProviderCache::kLifetime - std::chrono::seconds(1)}) {
     now += wait;
     EXPECT_TRUE(cache.discovery("https://id") && keysFor("k1") == 1u);
   }
-  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(2, 2));
+  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(1, 2));
   now += std::chrono::seconds(1);
   EXPECT_TRUE(cache.discovery("https://id") && keysFor("") == 1u);
-  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(3, 3));
+  EXPECT_EQ(std::pair(discoveries, keyFetches), std::pair(2, 3));
   // Right after a fetch, an unknown kid does not fetch again; once the interval has passed it does.
   EXPECT_EQ(keysFor("k2"), 1u);
   now += ProviderCache::kRefetchInterval;

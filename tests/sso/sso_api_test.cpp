@@ -1,13 +1,13 @@
 // Single sign-on through the route table and the gate, against a static provider on loopback with
 // tokens minted here: configuration and mapping, the start redirect, every result page of the
-// callback, the handoff, and the lifetimes of sign-ins and handoff codes.
+// callback, the handoff, the lifetimes of sign-ins and handoff codes, and provisioning.
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <regex>
 #include <sstream>
 
+#include "sso/provisioning.h"
 #include "sso/sso_config.h"
 #include "sso/sso_state.h"
 #include "support/api_fixture.h"
@@ -17,40 +17,29 @@
 namespace quill::test {
 namespace {
 
-const char* kDiscovery = "/.well-known/openid-configuration";
-
 class SsoApi : public ApiTest {
  protected:
   void SetUp() override {
     ApiTest::SetUp();
     ctx().sso = std::make_shared<sso::SsoState>([this] { return now_; });
     vars_["idp"] = idp_.origin();
-    serveDiscovery("");
-    idp_.serve("/jwks", http::toCompactJson(keySet({&JwtSigner::shared("k1")})));
-    walk(
-        R"(PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200)");
-  }
-  void serveDiscovery(std::string token) {
-    const std::string o = idp_.origin();
-    if (token.empty()) token = o + "/token";
-    idp_.serve(kDiscovery, R"({"issuer":")" + o + R"(","authorization_endpoint":")" + o +
-                               R"(/auth","token_endpoint":")" + token + R"(","jwks_uri":")" + o +
-                               R"(/jwks"})");
+    play(R"(discovery
+      keys k1
+      PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200)");
   }
   // walk(), with steps of a sign-in against the provider (a page is "title|detail", as escaped):
   //   start NAME       from port 5555 on quill.test:8080; $NAME is its state
   //   token NAME KID {claims}   the token endpoint answers with an ID token for NAME's nonce: Ann's
-  //                    claims, these set (null: removed), signed by KID's key (stranger: a key
-  //                    named k1 that the provider does not publish); $idp and $past (a second
-  //                    ago) are expanded
+  //                    claims, these set (null: removed; $past is a second ago), signed by KID's
+  //                    key (stranger: a key named k1 that the provider does not publish)
   //   callback NAME => STATUS [page]   a 302 leaves the handoff code in $NAME_code
   //   signin KID {claims} => STATUS [page]   all three at once, as NAME "code"
-  //   wait SECONDS     serve PATH STATUS BODY     discovery [TOKEN-ENDPOINT]
+  //   wait SECONDS   serve PATH STATUS BODY   keys KID...   discovery [TOKEN-ENDPOINT]
   void play(std::string_view table) {
     std::istringstream lines{std::string(table)};
     for (std::string line; std::getline(lines, line);) {
       std::istringstream in(line);
-      std::string verb, name, kid, rest;
+      std::string verb, name, rest, o = idp_.origin();
       in >> verb >> name;
       std::getline(in >> std::ws, rest);
       const std::size_t arrow = line.find(" => ");
@@ -70,22 +59,29 @@ class SsoApi : public ApiTest {
       } else if (verb == "token") {
         Json::Value c =
             parseJson(R"({"aud":"quill","sub":"sub-ann","preferred_username":"Ann.Lee@x"})");
-        c["iss"] = idp_.origin();
+        c["iss"] = o;
         c["exp"] = Json::Int64(std::time(nullptr) + 300);
         c["nonce"] = nonces_[name];
-        kid = rest.substr(0, rest.find(' '));
-        vars_["past"] = std::to_string(std::time(nullptr) - 1);
-        for (const char* var : {"idp", "past"}) {
-          const auto at = rest.find(std::string("$") + var);
-          if (at != std::string::npos) rest.replace(at, std::strlen(var) + 1, vars_[var]);
-        }
+        const std::string kid = rest.substr(0, rest.find(' '));
+        if (const auto at = rest.find("$past"); at != std::string::npos)
+          rest.replace(at, 5, std::to_string(std::time(nullptr) - 1));
         const Json::Value set = parseJson(rest.substr(kid.size() + 1));
         for (const auto& member : set.getMemberNames())
           set[member].isNull() ? (void)c.removeMember(member) : (void)(c[member] = set[member]);
         const JwtSigner& signer = kid == "stranger" ? stranger_ : JwtSigner::shared(kid);
         idp_.serve("/token", R"({"id_token":")" + signer.sign(c) + "\"}");
       } else if (verb == "callback") {
-        const auto res = callback(vars_[name]);
+        Req req("GET", "/api/sso/callback");
+        req.q("state", vars_[name]).q("code", "code-1");
+        // The provider's error and description, up to the arrow.
+        std::string error = rest.substr(0, rest.find("=>"));
+        while (!error.empty() && error.back() == ' ') error.pop_back();
+        if (!error.empty()) {
+          const auto space = error.find(' ');
+          req.q("error", error.substr(0, space));
+          if (space + 1 < error.size()) req.q("error_description", error.substr(space + 1));
+        }
+        const auto res = send(req);
         const std::string to = headerOf(res, "Location");
         std::smatch m;
         if (answer != "302") {
@@ -100,19 +96,20 @@ class SsoApi : public ApiTest {
         now_ += std::chrono::seconds(std::stoi(name));
       } else if (verb == "serve") {
         idp_.serve(name, rest.substr(rest.find(' ') + 1), std::stoi(rest));
+      } else if (verb == "keys") {
+        Json::Value set = keySet({});
+        for (std::istringstream kids(name + " " + rest); kids >> name;)
+          set["keys"].append(JwtSigner::shared(name).publicJwk());
+        idp_.serve("/jwks", http::toCompactJson(set));
       } else if (verb == "discovery") {
-        serveDiscovery(name);
+        idp_.serve("/.well-known/openid-configuration",
+                   R"({"issuer":")" + o + R"(","authorization_endpoint":")" + o +
+                       R"(/auth","token_endpoint":")" + (name.empty() ? o + "/token" : name) +
+                       R"(","jwks_uri":")" + o + R"(/jwks"})");
       } else {
         walk(line);
       }
     }
-  }
-  http::Response callback(const std::string& state, const char* error = nullptr,
-                          const char* description = nullptr) {
-    Req req("GET", "/api/sso/callback");
-    req.q("state", state).q("code", "code-1");
-    if (error) req.q("error", error);
-    return send(description ? req.q("error_description", description) : req);
   }
   // A result page, with the headers that keep it unframed.
   static ::testing::AssertionResult isPage(const http::Response& res, unsigned status,
@@ -127,6 +124,11 @@ class SsoApi : public ApiTest {
         headerOf(res, "Content-Security-Policy") == "default-src 'none'; style-src 'unsafe-inline'")
       return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << res.status << " " << res.body;
+  }
+  std::string nameFor(const Json::Value& username) {
+    Json::Value claims(Json::objectValue);
+    if (!username.isNull()) claims["preferred_username"] = username;
+    return sso::derivedUserName(data(), claims);
   }
 
   std::chrono::steady_clock::time_point now_{};
@@ -145,7 +147,6 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
     - GET /api/sso/start?port=5555 => 404 single sign-on is not set up on this server
     # Provider bodies are validated in order; loopback issuers fail only at discovery.
     PUT /api/sso/config => 400 JSON body required
-    PUT /api/sso/config [1] => 400 JSON body required
     PUT /api/sso/config {"issuer":"http://id.example.com","client_id":"c","client_secret":"s"} => 400 issuer must be an https:// URL (http:// only for localhost)
     PUT /api/sso/config {"issuer":7,"client_id":"c","client_secret":"s"} => 400 issuer must be an https:// URL (http:// only for localhost)
     PUT /api/sso/config {"issuer":"https://id.example.com","client_id":"\s/\s","client_secret":"s"} => 400 client_id is required
@@ -163,8 +164,6 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
     GET /api/sso/config => 200 keys=client_id,configured,issuer,mapping,schema_version,scopes,secret_set ; .secret_set=true ; !has:s3cret
     POST /api/sso/config/test {} => 200
     - GET /api/sso/status => 200 .enabled=true
-    user mia member
-    mia GET /api/sso/mapping => 403 this operation requires the admin role
     # The mapping is validated and marks the target groups.
     group qa
     group beta
@@ -183,18 +182,19 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
     PUT /api/sso/mapping {"groups":{"t":"../x"}} => 404 group '../x' does not exist
     unchanged sso.json
   )");
+  // The file holds the secret: owner-only, also when rewritten over a looser one.
   const fs::path config = sso::ssoConfigPath(data());
-  auto isOwnerOnly = [&] {
-    return (fs::status(config).permissions() & fs::perms::all) ==
-           (fs::perms::owner_read | fs::perms::owner_write);
-  };
-  EXPECT_TRUE(isOwnerOnly());  // it holds the secret
+  const auto ownerOnly = fs::perms::owner_read | fs::perms::owner_write;
+  EXPECT_EQ(fs::status(config).permissions() & fs::perms::all, ownerOnly);
   fs::permissions(config, fs::perms::group_read | fs::perms::others_read, fs::perm_options::add);
   walk(R"(
     PUT /api/sso/mapping {"roles_claim":"realm","roles":{"ops":"admin"},"groups":{"t":"qa","b":"beta"}} => 200 .mapping.roles_claim="realm"
     file groups/qa.json .sso_managed=true
     file groups/beta.json .sso_managed=true
     file groups/manual.json .sso_managed=false
+  )");
+  EXPECT_EQ(fs::status(config).permissions() & fs::perms::all, ownerOnly);
+  walk(R"(
     # The mapping survives a new provider configuration; a new mapping replaces it whole.
     PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s3cret-Value-never-shown"} => 200
     GET /api/sso/mapping => 200 .mapping.roles_claim="realm" ; .mapping.roles.ops="admin"
@@ -213,14 +213,12 @@ TEST_F(SsoApi, ConfigMappingAndStartThroughTheTable) {
   for (const char* port : {"1023", "65536", "abc", "", "5555x", "-1", "+2000", "99999999999"})
     walk(std::string("- GET /api/sso/start?port=") + port +
          " => 400 port must be the client's loopback port (1024..65535)");
-  walk(R"(
+  play(R"(
     - GET /api/sso/start => 400 port must be the client's loopback port (1024..65535)
     DELETE /api/sso/config => 200 {"configured":false,"schema_version":1}
     file sso.json absent
     DELETE /api/sso/config => 200
-  )");
-  idp_.serve(kDiscovery, "{}", 500);
-  walk(R"(
+    serve /.well-known/openid-configuration 500 {}
     PUT /api/sso/config {"issuer":"$idp","client_id":"quill","client_secret":"s"} => 400 discovery document: HTTP 500
     file sso.json absent
   )");
@@ -241,7 +239,7 @@ TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
   )");
   // The code exchange sent the pending verifier and the secret in the form body.
   EXPECT_TRUE(std::regex_match(
-      idp_.lastBody("/token"),
+      idp_.seen("/token").lastBody,
       std::regex("grant_type=authorization_code&code=code-1&redirect_uri=http%3A%2F%2Fquill.test"
                  "%3A8080%2Fapi%2Fsso%2Fcallback&client_id=quill&client_secret=s3cret-Value-never"
                  "-shown&code_verifier=[A-Za-z0-9]{64}")));
@@ -253,14 +251,9 @@ TEST_F(SsoApi, ASignInHandsATokenToTheClientOnceAndTheSamePersonKeepsTheUser) {
     - POST /api/sso/handoff {"code":"$code_code"} => 200 .user="ann.lee" ; .role="admin" ; .groups=["manual","beta"] ; .channels=["beta-ch"]
     file users/ann.lee-2.json absent
     - POST /api/sso/handoff => 404 unknown or expired handoff code
-    - POST /api/sso/handoff {} => 404 unknown or expired handoff code
     - POST /api/sso/handoff {"code":5} => 404 unknown or expired handoff code
     - POST /api/sso/handoff {"code":"nope"} => 404 unknown or expired handoff code
-  )");
-}
-
-TEST_F(SsoApi, SignInsAndHandoffCodesExpire) {
-  play(R"(
+    # Sign-ins (600 s) and handoff codes (60 s) expire.
     start late
     start inTime
     wait 600
@@ -298,21 +291,25 @@ TEST_F(SsoApi, AFloodOfStartsIsRefusedRatherThanCancelSignInsInProgress) {
 }
 
 TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
-  play("start a\nstart b\nstart c");
-  EXPECT_TRUE(isPage(
-      callback(vars_["a"], "access_denied", "<script>alert('x')</script> & more"), 400,
-      "Sign-in was not completed|&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt; &amp; more"));
-  EXPECT_TRUE(isPage(callback(vars_["b"], "<b>"), 400, "Sign-in was not completed|&lt;b&gt;"));
   play(R"(
+    start a
+    start b
+    start c
+    callback a access_denied <script>alert('x')</script> & more => 400 Sign-in was not completed|&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt; &amp; more
+    callback b <b> => 400 Sign-in was not completed|&lt;b&gt;
     serve /token 400 {"error":"invalid_grant","error_description":"<img src=x>"}
     callback c => 502 Sign-in failed|identity provider: token exchange failed: HTTP 400 invalid_grant: &lt;img src=x&gt;
     signin k1 {"aud":"someone-else"} => 401 Sign-in rejected|token audience mismatch
-    signin k1 {"iss":"$idp/"} => 401 Sign-in rejected|token issuer mismatch
+    signin k1 {"iss":"https://other"} => 401 Sign-in rejected|token issuer mismatch
     signin k1 {"exp":$past} => 401 Sign-in rejected|token expired
     signin k1 {"nonce":"other"} => 401 Sign-in rejected|token nonce mismatch
     signin stranger {} => 401 Sign-in rejected|token signature invalid (kid k1)
     signin k1 {"sub":null} => 403 Sign-in refused|token has no subject
-    signin k1 {} => 302
+    # A rotated key is fetched once the refetch interval allows.
+    keys k2 k1
+    signin k2 {} => 401 Sign-in rejected|token signature invalid (kid k2)
+    wait 30
+    signin k2 {} => 302
     set users/ann.lee.json .disabled=true
     signin k1 {} => 403 Sign-in refused|this account is disabled - ask the admin
     # The provider's documents are fetched again once they are old.
@@ -341,17 +338,59 @@ TEST_F(SsoApi, EveryFailedCallbackHasItsPage) {
   )");
 }
 
-TEST_F(SsoApi, ARotatedKeyIsFetchedOnceTheRefetchIntervalAllows) {
-  play("signin k1 {} => 302");
-  const int fetches = idp_.hits("/jwks");
-  idp_.serve("/jwks",
-             http::toCompactJson(keySet({&JwtSigner::shared("k2"), &JwtSigner::shared("k1")})));
-  play(R"(
-    signin k2 {} => 401 Sign-in rejected|token signature invalid (kid k2)
-    wait 30
-    signin k2 {} => 302
-  )");
-  EXPECT_EQ(idp_.hits("/jwks"), fetches + 1);
+TEST_F(SsoApi, ProvisioningDerivesAFreeNameTheHighestRoleAndTheMappedGroups) {
+  EXPECT_EQ(sso::derivedUserName(
+                data(), parseJson(R"({"preferred_username":"Ann.Lee@example.com","email":"x@y"})")),
+            "ann.lee");
+  EXPECT_EQ(sso::derivedUserName(
+                data(), parseJson(R"({"preferred_username":"","email":"Bob_K@example.com"})")),
+            "bob_k");
+  // Unusable names: "con" is a reserved device name.
+  for (const Json::Value& bad : {Json::Value("@example.com"), Json::Value("con"), Json::Value(".."),
+                                 Json::Value(42), Json::Value()})
+    EXPECT_EQ(nameFor(bad), "sso-user") << bad;
+  EXPECT_EQ(nameFor("J\xc3\xb6rg M\xc3\xbcller!"), "jrgmller");
+  // Long names are cut only as far as a suffix needs, within the 128-byte name rule.
+  const std::string longest(128, 'q'), someLong(125, 'r');
+  EXPECT_EQ(nameFor(longest) + nameFor(someLong), longest + someLong);
+  for (const std::string& name :
+       {std::string("ann.lee"), std::string("ann.lee-2"), longest, someLong})
+    seedUser(name, "member");
+  EXPECT_EQ(nameFor("Ann.Lee@x"), "ann.lee-3");
+  EXPECT_EQ(nameFor(longest), longest.substr(0, 126) + "-2");
+  EXPECT_EQ(nameFor(someLong), someLong + "-2");
+  // The token minted for such a user is named within the rule too.
+  auto token = sso::mintSsoToken(data(), longest).value();
+  EXPECT_EQ(token.name.size(), 128u);
+  EXPECT_EQ(readDoc(tokenPath(token.name))["user"], longest);
+
+  sso::Mapping mapping;
+  mapping.rolesClaim = "realm_roles";
+  mapping.defaultRole = "publisher";
+  mapping.roles = {{"ops", "admin"}, {"dev", "publisher"}, {"staff", "member"}};
+  for (const auto& [claims, role] : std::vector<std::pair<std::string, std::string>>{
+           {R"({"realm_roles":["staff","ops","dev"]})", "admin"},
+           {R"({"realm_roles":["staff","dev"]})", "publisher"},
+           {R"({"realm_roles":["staff"]})", "member"},
+           {R"({"realm_roles":"ops"})", "admin"},
+           {R"({"realm_roles":["unknown"]})", "publisher"},
+           {R"({"realm_roles":7})", "publisher"},
+           {R"({"roles":"ops"})", "publisher"}}) {
+    EXPECT_EQ(sso::mappedRole(mapping, parseJson(claims)), role) << claims;
+  }
+  for (const char* group : {"beta", "alpha", "manual"}) seedGroup(group);
+  mapping.groups = {{"b", "beta"}, {"a", "alpha"}, {"gone", "deleted"}, {"a2", "alpha"}};
+  const Json::Value current = strings({"beta", "manual", "deleted", "other"});
+  EXPECT_EQ(
+      sso::mappedGroups(data(), mapping, current, parseJson(R"({"groups":["b","a","a2","gone"]})")),
+      strings({"manual", "other", "alpha", "beta"}));
+  EXPECT_EQ(sso::mappedGroups(data(), mapping, current, parseJson("{}")),
+            strings({"manual", "other"}));
+
+  setMember(userPath("ann.lee"), "sso_subject", "s-e");
+  if (!blockWrites(userPath("ann.lee"))) GTEST_SKIP() << "no immutable files here";
+  EXPECT_EQ(sso::provisionUser(data(), {}, parseJson(R"({"sub":"s-e"})")).error(),
+            "could not save the user");
 }
 
 }  // namespace

@@ -27,24 +27,23 @@ class JwtSigner {
     return signers.try_emplace(kid, kid).first->second;
   }
 
-  // {"kty":"RSA","use":"sig","kid":...,"n":...,"e":...}, and the header {"alg":"RS256","kid":...}
-  // of sign(); both without kid when it is empty.
+  // {"kty":"RSA","use":"sig","kid":...,"n":...,"e":...}; without kid when it is empty.
   Json::Value publicJwk() const {
-    Json::Value jwk(Json::objectValue);
-    if (!kid_.empty()) jwk["kid"] = kid_;
-    jwk["kty"] = "RSA";
+    Json::Value jwk = withKid("kty", "RSA");
     jwk["use"] = "sig";
-    jwk["n"] = number(OSSL_PKEY_PARAM_RSA_N);
-    jwk["e"] = number(OSSL_PKEY_PARAM_RSA_E);
+    for (const char* name : {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}) {  // "n" and "e"
+      BIGNUM* bn = nullptr;
+      EVP_PKEY_get_bn_param(key_.get(), name, &bn);
+      std::string bytes(static_cast<std::size_t>(BN_num_bytes(bn)), '\0');
+      BN_bn2bin(bn, reinterpret_cast<unsigned char*>(bytes.data()));
+      BN_free(bn);
+      jwk[name] = base::base64urlEncode(bytes);
+    }
     return jwk;
   }
-  std::string sign(const Json::Value& payload) const {
-    Json::Value header(Json::objectValue);
-    if (!kid_.empty()) header["kid"] = kid_;
-    header["alg"] = "RS256";
-    return signWithHeader(header, payload);
-  }
-  std::string signWithHeader(const Json::Value& header, const Json::Value& payload) const {
+  // Under {"alg":"RS256","kid":...} (without kid when it is empty) unless `header` is given.
+  std::string sign(const Json::Value& payload, Json::Value header = {}) const {
+    if (header.isNull()) header = withKid("alg", "RS256");
     const std::string input = base::base64urlEncode(http::toCompactJson(header)) + "." +
                               base::base64urlEncode(http::toCompactJson(payload));
     std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key_.get())), '\0');
@@ -58,13 +57,11 @@ class JwtSigner {
   }
 
  private:
-  std::string number(const char* name) const {
-    BIGNUM* bn = nullptr;
-    EVP_PKEY_get_bn_param(key_.get(), name, &bn);
-    std::string bytes(static_cast<std::size_t>(BN_num_bytes(bn)), '\0');
-    BN_bn2bin(bn, reinterpret_cast<unsigned char*>(bytes.data()));
-    BN_free(bn);
-    return base::base64urlEncode(bytes);
+  Json::Value withKid(const char* member, const char* value) const {
+    Json::Value doc(Json::objectValue);
+    if (!kid_.empty()) doc["kid"] = kid_;
+    doc[member] = value;
+    return doc;
   }
   std::string kid_;
   std::shared_ptr<EVP_PKEY> key_;
