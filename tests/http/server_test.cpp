@@ -26,10 +26,7 @@ struct RunningServer {
     if (!server.listen(error)) throw std::runtime_error(error);
     thread = std::thread([this] { server.run(); });
   }
-  ~RunningServer() {
-    server.stop();
-    thread.join();
-  }
+  ~RunningServer() { server.stop(), thread.join(); }
   std::uint16_t port() { return server.port(); }
   std::string url(const std::string& path) {
     return "http://127.0.0.1:" + std::to_string(port()) + path;
@@ -38,42 +35,33 @@ struct RunningServer {
   std::thread thread;
 };
 
-Route route(std::string method, std::string pattern, Handler handler) {
-  Route r;
-  r.method = std::move(method);
-  r.pattern = std::move(pattern);
-  r.handler = std::move(handler);
-  return r;
+Route route(std::string method, std::string pattern, Handler handler, std::uint64_t bodyLimit = 0,
+            BodyFileFor bodyFile = {}, std::string waitsOn = {}) {
+  return {std::move(method),   std::move(pattern), std::move(handler), {},
+          std::move(bodyFile), bodyLimit,          std::move(waitsOn)};
 }
 
 class ServerTest : public ::testing::Test {
  protected:
-  ServerTest() {
-    o.address = "127.0.0.1";
-    o.port = 0;  // a free one
-  }
+  ServerTest() { o.address = "127.0.0.1", o.port = 0; }  // a free port
   Router makeRouter() {
     Router router;
     router.add(route("GET", "/ping", [](const Request&) { return Response::text("pong"); }));
     router.add(route("GET", "/boom", [](const Request&) -> Response { throw std::bad_alloc(); }));
-    Route echo = route("POST", "/echo", [](const Request& req) {
+    const auto echo = [](const Request& req) {
       return Response::text(req.method + " " + std::to_string(req.body.size()) + " " +
                             std::string(req.param("q").value_or("-")));
-    });
-    echo.bodyLimit = 1000000;
-    router.add(echo);
-    router.add(route("POST", "/bodiless", [](const Request& req) {  // takes no body
-      return Response::text(std::to_string(req.body.size()));
-    }));
-    Route upload = route("PUT", "/upload/{name}", [this](const Request& req) {
+    };
+    router.add(route("POST", "/echo", echo, 1000000));
+    router.add(route("POST", "/bodiless", echo));  // takes no body
+    const auto store = [this](const Request& req) {
       if (req.bodyLost) return errorResponse(500, "could not store file");
       fs::rename(req.bodyFile, dir.path() / req.segment());
       return Response::text("stored");
-    });
-    upload.bodyFile = [this](const Request& req) {
-      return dir.path() / "incoming" / (req.segment() + ".part");
     };
-    router.add(upload);
+    router.add(route("PUT", "/upload/{name}", store, 0, [this](const Request& req) {
+      return dir.path() / "incoming" / (req.segment() + ".part");
+    }));
     router.add(route("GET", "/file/{name}", [this](const Request& req) {
       return Response::fromFile(dir.path() / req.segment(), "application/octet-stream");
     }));
@@ -88,22 +76,21 @@ class ServerTest : public ::testing::Test {
 TEST_F(ServerTest, OneKeptConnectionCarriesBodiesFilesAndFailures) {
   RunningServer s(makeRouter(), o);
   auto r = client.fetch("GET", s.url("/ping"));
-  EXPECT_EQ(r.headers["content-type"], kTextType);
-  EXPECT_EQ(r.newConnections, 1);
+  EXPECT_EQ(std::tie(r.headers["content-type"], r.newConnections),
+            std::make_tuple(std::string(kTextType), 1L));
   EXPECT_EQ(client.fetch("POST", s.url("/echo?q=a%20b%2Bc"), std::string(100000, 'x')).body,
             "POST 100000 a b+c");
   EXPECT_EQ(client.fetch("POST", s.url("/echo?q=%zz")).status, 400);
   EXPECT_EQ(client.fetch("GET", s.url("/boom")).body, R"({"error":"internal server error"})");
   // A body to a route that takes none is dropped and the connection kept.
-  EXPECT_EQ(client.fetch("POST", s.url("/bodiless"), std::string(3000000, 'x')).body, "0");
+  EXPECT_EQ(client.fetch("POST", s.url("/bodiless"), std::string(3000000, 'x')).body, "POST 0 -");
   std::string payload;
   for (int i = 0; i < 300000; ++i) payload += static_cast<char>('a' + i % 26);
   EXPECT_EQ(client.fetch("PUT", s.url("/upload/big.bin"), payload).body, "stored");
   EXPECT_TRUE(fs::is_empty(dir.path() / "incoming"));
   r = client.fetch("GET", s.url("/file/big.bin"));
-  EXPECT_EQ(r.body, payload);
-  EXPECT_EQ(r.newConnections, 0);
-  EXPECT_EQ(r.headers["content-length"], std::to_string(payload.size()));
+  EXPECT_EQ(std::tie(r.body, r.newConnections, r.headers["content-length"]),
+            std::make_tuple(payload, 0L, std::to_string(payload.size())));
   EXPECT_EQ(client.fetch("GET", s.url("/file/missing")).status, 404);
   // Every write to one staging file fails as on a full disk; the open of the other one fails:
   // the route answers for a body it could not store.
@@ -111,8 +98,9 @@ TEST_F(ServerTest, OneKeptConnectionCarriesBodiesFilesAndFailures) {
   fs::create_directories(dir.path() / "incoming" / "blocked.part");
   for (const std::string name : {"full", "blocked"}) {
     r = client.fetch("PUT", s.url("/upload/" + name), std::string(300000, 'x'));
-    EXPECT_EQ(r.status, 500) << name << " " << r.error;
-    EXPECT_EQ(r.body, R"({"error":"could not store file"})") << name;
+    EXPECT_EQ(std::tie(r.status, r.body),
+              std::make_tuple(500L, R"({"error":"could not store file"})"))
+        << name << " " << r.error;
     EXPECT_FALSE(fs::exists(dir.path() / name));
   }
   EXPECT_TRUE(fs::exists("/dev/full"));
@@ -125,7 +113,7 @@ TEST_F(ServerTest, OneKeptConnectionCarriesBodiesFilesAndFailures) {
 }
 
 // Each is refused (or, a head never finished, dropped) and its connection closed; the bytes after
-// one are never read as a request.
+// one are never read as a request. The framing verdicts themselves: RequestReading.
 TEST_F(ServerTest, BadlyFramedSlowOrOversizedRequestsCloseTheirConnection) {
   o.headerTimeout = 1s;
   o.bodyLimit = 2000000;
@@ -137,17 +125,10 @@ TEST_F(ServerTest, BadlyFramedSlowOrOversizedRequestsCloseTheirConnection) {
       {post + "Content-Length: 1000001\r\n\r\n", 413},
       {"PUT /upload/x HTTP/1.1\r\nHost: x\r\nContent-Length: 2000001\r\n\r\n", 413},
       {post + te + "chunked\r\n\r\nF4241\r\n" + std::string(1000001, 'x'), 413},
-      {post + te + "identity\r\n\r\n" + kPing, 400},
-      {post + te + "chunked, gzip\r\n\r\n" + kPing, 400},
-      {post + te + "chunked\r\n" + te + "gzip\r\n\r\n" + kPing, 400},
-      {post + te + "chunked\r\nContent-Length: 3\r\n\r\n0\r\n\r\n", 400},
-      // The parser takes this list for no chunked coding and reads three bytes; a proxy in front
-      // may read it chunked. Only our own framing check refuses it.
+      // A proxy in front may read this chunked, the parser as three bytes: never a second request.
       {post + te + "@, chunked\r\nContent-Length: 3\r\n\r\nabc" + kPing, 400},
-      {post + te + "chunked\r\n\r\nzz\r\nab\r\n", 400},
       {"POST /bodiless HTTP/1.1\r\nHost: x\r\n" + te + "chunked\r\n\r\nfffffffffffffffffff\r\n",
        400},
-      {post + "Content-Length: 1x\r\n\r\n", 400},
       {"NOT HTTP\r\n\r\n", 400},
   };
   const std::map<unsigned, std::string> bodies = {{0, ""},
@@ -166,9 +147,7 @@ TEST_F(ServerTest, BadlyFramedSlowOrOversizedRequestsCloseTheirConnection) {
 }
 
 TEST_F(ServerTest, OneAddressGetsItsShareOfConnectionsAndTheTotalWaits) {
-  o.connectionsPerClient = 2;
-  o.limitLoopback = true;
-  o.maxConnections = 3;
+  o.connectionsPerClient = 2, o.limitLoopback = true, o.maxConnections = 3;
   {
     RunningServer s(makeRouter(), o);
     auto first = std::make_unique<RawConnection>(s.port());
@@ -178,8 +157,7 @@ TEST_F(ServerTest, OneAddressGetsItsShareOfConnectionsAndTheTotalWaits) {
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(client.fetch("GET", s.url("/ping")).body, "pong");
   }
-  o.connectionsPerClient = 0;
-  o.maxConnections = 1;
+  o.connectionsPerClient = 0, o.maxConnections = 1;
   RunningServer s(makeRouter(), o);
   auto holder = std::make_unique<RawConnection>(s.port());
   holder->send(kPing);
@@ -196,16 +174,14 @@ TEST_F(ServerTest, AStalledServiceHoldsUpOnlyItsOwnRoutes) {
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
   Router router = makeRouter();
-  Route stalled = route("GET", "/stalled", [&](const Request&) {
+  const auto stalled = [&](const Request&) {
     arrived.release();
     released.wait();
     return Response::text("late");
-  });
-  stalled.waitsOn = "stalled service";
-  router.add(stalled);
-  Route other = route("GET", "/other", [](const Request&) { return Response::text("other"); });
-  other.waitsOn = "other service";
-  router.add(other);
+  };
+  router.add(route("GET", "/stalled", stalled, 0, {}, "stalled service"));
+  const auto other = [](const Request&) { return Response::text("other"); };
+  router.add(route("GET", "/other", other, 0, {}, "other service"));
   o.blockingThreads = 6;
   RunningServer s(std::move(router), o);
   // Destroyed before the server: its pools can only be joined once their handlers return.
