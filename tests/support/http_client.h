@@ -45,7 +45,10 @@ class RawConnection {
   // Reads until the peer closes or `timeout` passes; returns what arrived.
   std::string readAll(std::chrono::milliseconds timeout) { return readUntil("", timeout); }
   // True when the peer closed the connection within `timeout`.
-  bool closedByPeer(std::chrono::milliseconds timeout) { readAll(timeout); return closed_; }
+  bool closedByPeer(std::chrono::milliseconds timeout) {
+    readAll(timeout);
+    return closed_;
+  }
 
  private:
   int fd_ = -1;
