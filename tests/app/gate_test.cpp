@@ -56,12 +56,9 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
     mia,max PUT /api/builds/b1/files => 403 this operation requires the admin role
     mia,max POST /api/channels/beta => 403 this operation requires the admin role
     pete,paula PUT /api/builds/anything/files => pass
-    pete,paula POST /api/builds/b1/finalize => pass
     pete POST /api/channels/beta/promote => pass
     pete POST /api/channels/stable => pass
-    paula POST /api/channels/beta/promote => 403 outside this publisher's scope
     paula POST /api/channels/beta => 403 outside this publisher's scope
-    pete POST /api/channels/gamma/promote => 403 outside this publisher's scope
     pete POST /api/channels/gamma => 403 outside this publisher's scope
     pete POST /api/builds/b1/files => 405 method not allowed
     mia HEAD /api/sso/mapping => 403 this operation requires the admin role
