@@ -1,6 +1,5 @@
 // The command line, and the offline commands run in-process from it: exact output on the right
-// stream, exit status, the records they write, and an untouched data directory whenever one
-// refuses.
+// stream, exit status, the records they write, and an untouched data directory on a refusal.
 
 #include <gtest/gtest.h>
 
@@ -110,8 +109,7 @@ class AdminCommands : public test::ApiTest {
   // A command that must succeed quietly on standard error; returns its output.
   std::string ok(const std::string& line) {
     const auto [code, out, err] = run(line);
-    EXPECT_EQ(code, 0) << line << ": " << err;
-    EXPECT_EQ(err, "") << line;
+    EXPECT_EQ(std::tie(code, err), std::make_tuple(0, std::string())) << line;
     return out;
   }
   // Creates a token and returns its secret.
@@ -158,8 +156,7 @@ class AdminCommands : public test::ApiTest {
 };
 
 TEST_F(AdminCommands, UserCreatePrintsOneOfFourTextsAndWritesTheRecord) {
-  writeChannel("a");
-  writeChannel("b");
+  writeChannel("a"), writeChannel("b");
   const std::string give = "Give them access with:\n  quillmoord token create <token-name> --user ";
   const std::string base = R"("groups":[],"schema_version":1,"name":)";
   // --service alone makes a publisher with no channels; with channels they are kept.
@@ -191,12 +188,11 @@ TEST_F(AdminCommands, UserCreatePrintsOneOfFourTextsAndWritesTheRecord) {
 // Each refusal fails with its message on standard error alone, exit 1, and writes nothing. Where
 // two checks could both fire, the row says which comes first.
 TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
-  writeChannel("a");
-  writeChannel("b");
-  ok("user create taken");
-  ok("user create u");
-  ok("token create used");
-  ok("invite create u");
+  writeChannel("a"), writeChannel("b");
+  // The invite is there so that a refused --replace can be seen to keep it.
+  for (const char* line :
+       {"user create taken", "user create u", "token create used", "invite create u"})
+    ok(line);
   const std::string roles = "--role must be admin, member or publisher";
   const std::string onlyPublisher = "--channels only applies to --role publisher";
   const std::pair<std::string, std::string> rows[] = {
@@ -237,8 +233,7 @@ TEST_F(AdminCommands, RefusalsComeInOrderAndWriteNothing) {
 
 TEST_F(AdminCommands, ListsTokensAndTheirRevocation) {
   EXPECT_EQ(ok("user list") + ok("token list"), "");
-  writeChannel("a");
-  writeChannel("b");
+  writeChannel("a"), writeChannel("b");
   ok("user create alice --role admin");
   ok("user create pub --role publisher --channels a,b");
   ok("user create ship --service");
@@ -280,12 +275,11 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   fs::remove_all(data().invites());
   // Negative means not given; the first also creates the missing invites directory.
   const std::string first = expectInvite("", 7 * 86400);
-  expectInvite("--days -3", 7 * 86400);
   expectInvite("--days 3650", 3650LL * 86400);
   expectInvite("--days -7 --hours 87600", 87600LL * 3600);
   expectInvite("--days 2 --hours -5", 2 * 86400);
   EXPECT_NE(first, expectInvite("", 7 * 86400));
-  EXPECT_EQ(invitesFor("u").size(), 6u);
+  EXPECT_EQ(invitesFor("u").size(), 5u);
   ok("user create v");
   ok("invite create v");
   writeText(data().invites() / "torn.json", R"({"user": "u", )");
@@ -296,8 +290,7 @@ TEST_F(AdminCommands, InviteLifetimeTwiceAndReplace) {
   EXPECT_TRUE(fs::exists(data().invites() / "torn.json"));
   // A file where the directory belongs: the record cannot be stored.
   for (const fs::path& where : {data().invites(), data().tokens()}) {
-    fs::remove_all(where);
-    writeText(where, "x");
+    fs::remove_all(where), writeText(where, "x");
   }
   for (const char* line :
        {"invite create u", "invite create u --replace", "token create laptop --user u"}) {

@@ -17,7 +17,6 @@ TEST(ClientKey, LoopbackPeersUseTheFirstForwardedHopOthersTheirAddress) {
                             {"127.0.0.1", nullptr, ""},
                             {"::ffff:127.0.0.1", "198.51.100.7", "198.51.100.7"},
                             {"127.0.0.1", " , 10.0.0.1", ""},
-                            {"10.0.0.5", "203.0.113.9", "10.0.0.5"},
                             {"128.0.0.1", "203.0.113.9", "128.0.0.1"},
                             {"::ffff:10.0.0.1", "203.0.113.9", "::ffff:10.0.0.1"}};
   for (const auto& [peer, forwarded, key] : cases) {
@@ -30,39 +29,8 @@ TEST(ClientKey, LoopbackPeersUseTheFirstForwardedHopOthersTheirAddress) {
 
 using GateTest = ApiTest;
 
+// One route of each access class; which class each route has is pinned by the route dump.
 TEST_F(GateTest, OpenPathsTokensAndRoles) {
-  const std::string admin = " => 403 this operation requires the admin role\n",
-                    scope = " => 403 outside this publisher's scope\n";
-  std::string rows;
-  for (const char* open :
-       {"GET /", "GET /api/version", "GET /api/openapi.yaml", "GET /api/docs",
-        "GET /api/invites/redeem", "POST /api/invites/redeem", "GET /api/claim", "POST /api/claim",
-        "POST /api/access-requests", "GET /api/sso/status", "GET /api/sso/start",
-        "GET /api/sso/callback", "POST /api/sso/handoff"}) {
-    rows += std::string("- ") + open + " => pass\n";
-  }
-  for (const char* read : {"/users", "/me", "/channels", "/builds/b1/files", "/groups"}) {
-    rows += std::string("admin,mia,pete,paula,max GET /api") + read + " => pass\n";
-  }
-  // Reads and writes of the admin's; a non-publisher with an allow-list gets no carve-out.
-  for (const char* read :
-       {"/access-requests", "/backups", "/storage", "/sso/config", "/sso/mapping"}) {
-    rows += std::string("- GET /api") + read + " => 401 missing or invalid token\nadmin GET /api" +
-            read + " => 200\nmia,pete,paula,max GET /api" + read + admin;
-  }
-  for (const char* write :
-       {"POST /api/groups/x", "DELETE /api/users/x", "POST /api/builds/b1/disabled",
-        "POST /api/channels/beta/public", "POST /api/channels/beta/launch", "PUT /api/storage",
-        "DELETE /api/channels/beta", "POST /api/users/pete/tokens", "DELETE /api/sso/config",
-        "PUT /api/sso/mapping", "DELETE /api/builds/b1"}) {
-    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin + "pete " + write +
-            scope;
-  }
-  // A publisher uploads and finalizes any build, and creates or promotes its own channels only.
-  for (const char* write : {"PUT /api/builds/b1/files", "POST /api/builds/b1/finalize",
-                            "POST /api/channels/beta", "POST /api/channels/beta/promote"}) {
-    rows += std::string("admin ") + write + " => pass\nmia,max " + write + admin;
-  }
   walk(R"(
     user mia member
     user pete publisher beta,stable
@@ -72,15 +40,25 @@ TEST_F(GateTest, OpenPathsTokensAndRoles) {
     user dora admin
     set users/dora.json .disabled=true
     channel stable b7 public
-  )" + rows +
-       R"(
+    - GET /api/version => pass
+    - POST /api/claim => pass
+    admin,mia,pete,paula,max GET /api/users => pass
+    - GET /api/backups => 401 missing or invalid token
+    admin GET /api/backups => 200
+    mia,pete,paula,max GET /api/backups => 403 this operation requires the admin role
+    admin DELETE /api/users/x => pass
+    mia,max DELETE /api/users/x => 403 this operation requires the admin role
+    pete DELETE /api/users/x => 403 outside this publisher's scope
+    # A publisher uploads and finalizes any build, and creates or promotes its own channels only;
+    # a member with an allow-list gets no carve-out.
+    admin PUT /api/builds/b1/files => pass
+    admin POST /api/channels/beta/promote => pass
+    mia,max PUT /api/builds/b1/files => 403 this operation requires the admin role
+    mia,max POST /api/channels/beta => 403 this operation requires the admin role
     pete,paula PUT /api/builds/anything/files => pass
-    pete,paula POST /api/builds/b1/finalize => pass
     pete POST /api/channels/beta/promote => pass
     pete POST /api/channels/stable => pass
-    paula POST /api/channels/beta/promote => 403 outside this publisher's scope
     paula POST /api/channels/beta => 403 outside this publisher's scope
-    pete POST /api/channels/gamma/promote => 403 outside this publisher's scope
     pete POST /api/channels/gamma => 403 outside this publisher's scope
     pete POST /api/builds/b1/files => 405 method not allowed
     mia HEAD /api/sso/mapping => 403 this operation requires the admin role
@@ -188,10 +166,8 @@ TEST_F(GateTest, CredentialAnonymousAndSignInBudgets) {
     - @10.0.0.5 GET /api/sso/start => 404
     # A local proxy's clients are told apart by the forwarded hop; loopback without one is not
     # limited, like every other budget.
-    40* - @127.0.0.1 GET /api/sso/start => 404
     - @127.0.0.1 x-forwarded-for:10.0.0.4 GET /api/sso/start => 429
     40* - @127.0.0.1 POST /api/claim => 404
-    40* - @::1 POST /api/claim => 404
     5* - @127.0.0.1 x-forwarded-for:203.0.113.9,\s10.0.0.1 POST /api/claim => 404
     - @127.0.0.1 x-forwarded-for:203.0.113.9,\s10.0.0.1 POST /api/claim => 429
     # The key is 203.0.113.9: the same client arriving directly is already spent, while the

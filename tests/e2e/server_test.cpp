@@ -1,14 +1,16 @@
-// One started server on 127.0.0.1: the service routes and the error shape; clients that
-// misbehave, none of which may stall others, end the process or make it reserve memory; a CI
-// build that anonymous readers fetch whole or cancel; refusals answered before an upload's body
-// is sent; uploads that break off or race; a cut download resumed by the real curl program; the
-// access log. And a graceful stop.
+// The real programs as an operator runs them: arguments, banners, offline commands beside a
+// running server, the tool's refusals. Then one started server on 127.0.0.1: routes and the error
+// shape, misbehaving clients that may neither stall others nor make it reserve memory, anonymous
+// downloads whole or cancelled, upload refusals before the body, cut and racing uploads, curl
+// resuming, the access log, and a graceful stop.
 
 #include <signal.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
+#include "app/command_line.h"
 #include "e2e/e2e_support.h"
 
 namespace quill::test {
@@ -41,17 +43,14 @@ TEST_F(ServedE2E, ServiceRoutesAndErrorDocuments) {
   }
   const std::string html = "text/html; charset=utf-8", json = "application/json; charset=utf-8";
   const std::string error = "{\"error\":";
-  // clang-format off
   const std::tuple<const char*, const char*, long, std::string, std::string> cases[] = {
       {"GET", "/", 200, html, "<title>Quillmoor server</title>"},
       {"GET", "/api/docs", 200, html, "spec-url=\"/api/openapi.yaml\""},
       {"GET", "/api/openapi.yaml", 200, "text/plain; charset=utf-8", openapi},
       {"GET", "/api/version", 200, json,
        R"({"name":"quillmoord","schema_version":1,"version":"0.7.10+g1b83633"})"},
-      {"GET", "/nowhere", 404, json, error}, {"GET", "/api/version/", 404, json, error},
-      {"PATCH", "/api/version", 405, json, error},
-      {"POST", "/api/invites/redeem/x", 404, json, error}};
-  // clang-format on
+      {"GET", "/nowhere", 404, json, error},
+      {"PATCH", "/api/version", 405, json, error}};
   for (const auto& [method, path, status, type, contains] : cases) {
     auto r = s->client.fetch(method, s->url(path));
     EXPECT_EQ(std::tie(r.status, r.headers["content-type"]), std::tie(status, type)) << path;
@@ -100,9 +99,7 @@ TEST_F(ServedE2E, ASlowHeadStallsNoOneAndHugeAnnouncedBodiesReserveNothing) {
 
 TEST_F(ServedE2E, ACiBuildIsReadWholeOrCancelledByAnonymousReaders) {
   const std::pair<std::string, std::string> files[] = {
-      {"Game%20Data%2Flevel%201.pak", randomBytes(70000, 8)},
-      {"bin%2Fgame.exe", randomBytes(64 * 1024 * 1024 + 123, 7)},
-      {"empty.dat", ""}};
+      {"bin%2Fgame.exe", randomBytes(64 * 1024 * 1024 + 123, 7)}, {"empty.dat", ""}};
   for (const auto& [path, bytes] : files) ASSERT_EQ(put("ci-1042", path, bytes), 200) << path;
   for (const char* step :
        {"builds/ci-1042/finalize", "channels/stable", "channels/stable/promote?build=ci-1042",
@@ -114,7 +111,6 @@ TEST_F(ServedE2E, ACiBuildIsReadWholeOrCancelledByAnonymousReaders) {
     auto r = anonymous.fetch("GET", s->url("/api/builds/ci-1042/files?path=" + path));
     EXPECT_TRUE(r.status == 200 && r.body == bytes) << path << r.error;
     EXPECT_EQ(r.headers["content-length"], std::to_string(bytes.size())) << path;
-    EXPECT_TRUE(r.headers["content-disposition"].starts_with("attachment;")) << path;
   }
   // Readers that close with unread bytes: the server's next write meets a reset connection.
   for (int i = 0; i < 8; ++i) {
@@ -129,20 +125,13 @@ TEST_F(ServedE2E, ACiBuildIsReadWholeOrCancelledByAnonymousReaders) {
 TEST_F(ServedE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
   ASSERT_EQ(put("sealed", "a.bin", "a"), 200);
   ASSERT_EQ(s->admin("POST", "/api/builds/sealed/finalize").status, 200);
-  Served rillOnly({"--rill-only"});
-  ASSERT_TRUE(rillOnly.up);
-  const std::tuple<Served*, std::string, std::string, std::string, std::string> cases[] = {
-      {s.get(), "sealed/files?path=a.bin", "409 Conflict", "build is finalized and immutable",
-       s->auth()},
-      {s.get(), "o/files?path=..%2Fx", "400 Bad Request", "missing or invalid ?path= parameter",
-       s->auth()},
-      {s.get(), "bad%20id/files?path=x", "400 Bad Request", "invalid build id", s->auth()},
-      {s.get(), "o/files?path=x", "401 Unauthorized", "missing or invalid token", ""},
-      {&rillOnly, "bad%20id/files", "403 Forbidden",
-       "this server is Rill-only: Barge uploads are not accepted", rillOnly.auth()}};
-  for (const auto& [server, target, status, error, auth] : cases) {
+  // The route's own head checks and the gate's; each refusal's text is pinned in-process.
+  const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+      {"sealed/files?path=a.bin", "409 Conflict", "build is finalized and immutable", s->auth()},
+      {"o/files?path=x", "401 Unauthorized", "missing or invalid token", ""}};
+  for (const auto& [target, status, error, auth] : cases) {
     for (const std::string expect : {"", "Expect: 100-continue\r\n"}) {
-      RawConnection raw(server->server->port());
+      RawConnection raw(s->server->port());
       ASSERT_TRUE(raw.send(rawHead("PUT", "/api/builds/" + target, 10 << 20, auth + expect)));
       const std::string answer = raw.readUntil("\"}", 20s);
       EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status + "\r\n")) << target << answer;
@@ -160,7 +149,6 @@ TEST_F(ServedE2E, UploadRefusalsAreAnsweredBeforeTheBodyIsSent) {
   ASSERT_TRUE(raw.send(body));
   const std::string answer = raw.readUntil("}", 20s);
   EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 OK\r\n")) << answer;
-  EXPECT_TRUE(answer.ends_with(R"({"build":"invited","path":"x.bin","size":300000})")) << answer;
   EXPECT_TRUE(get("invited", "x.bin") == body);
 }
 
@@ -223,7 +211,6 @@ TEST_F(ServedE2E, AccessLogLinesHoldNoSecretAndFollowARotation) {
   // A request, a header it carries, and what its line holds around the time stamp.
   const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
       {"GET /api/builds/log/files?path=a.txt", bearer(s->token)[0], "127.0.0.1 - ci", " 200"},
-      {"POST /api/invites/redeem?code=SECRETINVITE42&machine=pc", kAgent, "127.0.0.1 - -", " 404"},
       {"GET /api/sso/callback?code=SECRETCODE42&state=SECRETSTATE42", kAgent, "127.0.0.1 - -",
        " 400"},
       {"GET /api/me", "X-Forwarded-For: 203.0.113.9, 10.0.0.1", "203.0.113.9 - -", " 401"}};
@@ -264,6 +251,105 @@ TEST_F(ServedE2E, AccessLogLinesHoldNoSecretAndFollowARotation) {
     return readFile(log).find("\"GET /api/version HTTP/1.1\" 200") != std::string::npos;
   }));
   EXPECT_TRUE(readFile(kLogs.path() / "log.1").starts_with(text));
+}
+
+TEST(Cli, TheServerPrintsItsVersionRoutesAndUsageAndDispatches) {
+  const std::string routes = readFile(QUILL_SOURCE_DIR "/tests/e2e/routes.txt");
+  EXPECT_EQ(std::count(routes.begin(), routes.end(), '\n'), 65);
+  // clang-format off
+  const std::tuple<std::vector<Args>, int, std::string, std::string> cases[] = {
+      {{{"--version"}, {"--port", "1", "version"}}, 0, "0.7.10+g1b83633\n", ""},
+      {{{"--dump-routes"}}, 0, routes, ""},
+      // Which words make a usage error: CommandLine's unit test.
+      {{{"--bogus", "--version"}, {""}, {"--port", "99999"}}, 1, "", usageText()},
+      {{{"user", "create"}, {"user"}, {"token", "list", "extra"}, {"frobnicate"},
+        {"backup", "schedule"}, {"restore"}}, 1, "", "unknown command\n"}};
+  // clang-format on
+  for (const auto& [argsList, code, out, err] : cases) {
+    for (const Args& args : argsList) {
+      const auto r = runProcess(kBinary, args);
+      EXPECT_EQ(std::tie(r.exitCode, r.out, r.err), std::tie(code, out, err)) << args[0];
+    }
+  }
+}
+
+TEST(Cli, TheToolRefusesBadCommandLines) {
+  EXPECT_EQ(runProcess(kTool, {"publish", "--help"}).exitCode, 0);
+  const std::string closed = "http://127.0.0.1:" + std::to_string(freePort());
+  // clang-format off
+  const std::pair<Args, std::string> cases[] = {
+      {{}, "a command is required: publish, pull or keygen\n"},
+      {{"push"}, "unknown command 'push'\n"},
+      {{"publish", "dir"}, "--channel is required\n"},
+      {{"publish", "dir", "--channel", "bad name"}, "invalid channel name\n"},
+      {{"publish", "dir", "--channel", "c", "--endpoint"}, "--endpoint needs a value\n"},
+      {{"pull", "c", "dir", "--wat"}, "unknown option --wat\n"},
+      {{"publish", "d", "--channel", "c", "--endpoint", "ftp://x", "--bucket", "b", "--access-key",
+        "a", "--secret-key", "s"},
+       "endpoint must start with https:// (or http:// for a local test server)\n"},
+      {{"pull", "c", "dir", "--server", closed}, "cannot reach server: curl: "}};
+  // clang-format on
+  for (const auto& [args, err] : cases) {
+    const auto r = runProcess(kTool, args);
+    EXPECT_EQ(std::make_pair(r.exitCode, r.err.substr(0, err.size())), std::make_pair(1, err));
+  }
+}
+
+// Waits for the banner, then for anything printed after it.
+void expectBanner(ServerProcess& server, const std::string& mode, const std::string& dir,
+                  const std::string& hint) {
+  const std::string expected = "quillmoord 0.7.10+g1b83633\n  listening on http://127.0.0.1:" +
+                               std::to_string(server.port()) + mode + "\n  data dir: " + dir +
+                               "\n" + hint;
+  eventually([&] { return server.output().size() >= expected.size(); });
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(server.output(), expected);
+}
+
+TEST(StartUp, BannersTheClaimOfflineCommandsAndTheDefaultDataDirectory) {
+  TempDir tmp;
+  const std::string dir = (tmp.path() / "nested" / "data").string();
+  Served fresh({"--claimable", "--claimpin", "1234"}, dir);
+  ASSERT_TRUE(fresh.up);
+  expectBanner(*fresh.server, "", dir,
+               std::regex_replace(R"(
+  No tokens exist yet - every request will be rejected with 401.
+  Mint your first (admin) token with:
+
+    quillmoord user create <name> --role admin --data-dir DIR
+    quillmoord token create <token-name> --user <name> --data-dir DIR
+
+  Configure clients with:  quillmoor config set token <token>
+
+)",
+                                  std::regex("DIR"), dir));
+  const auto me = [&](const std::string& token) {  // the claim is enabled on the command line
+    return fresh.client.fetch("GET", fresh.url("/api/me"), "", bearer(token)).body;
+  };
+  const auto claimed = fresh.client.fetch("POST", fresh.url("/api/claim?pin=1234"));
+  EXPECT_EQ(me(parseJson(claimed.body)["token"].asString()),
+            R"({"channels":[],"groups":[],"name":"admin","role":"admin","schema_version":1})");
+  // Offline commands beside the running server take effect at its next request.
+  const std::string token = offlineAdminToken(dir);
+  EXPECT_EQ(parseJson(me(token))["name"], "ci");
+  EXPECT_EQ(runProcess(kBinary, {"token", "delete", "ci", "--data-dir", dir}).exitCode, 0);
+  EXPECT_EQ(me(token), R"({"error":"missing or invalid token"})");
+
+  // Where a token exists there is no hint; a document write a crash left before start-up is swept.
+  const fs::path leftover = fs::path(dir) / "users" / "admin.json.AbCdEfGh1234.tmp";
+  std::ofstream(leftover) << "{";
+  fs::last_write_time(leftover, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  fresh.server.reset();
+  fresh.server = std::make_unique<ServerProcess>(kBinary, Args{"--data-dir", dir, "--rill-only"});
+  ASSERT_TRUE(fresh.server->waitUntilListening());
+  expectBanner(*fresh.server, "  (Rill-only)", dir, "");
+  EXPECT_FALSE(fs::exists(leftover));
+
+  ::setenv("LOCALAPPDATA", tmp.path().c_str(), 1);
+  ServerProcess byDefault(kBinary, {});
+  ::unsetenv("LOCALAPPDATA");
+  ASSERT_TRUE(byDefault.waitUntilListening());
+  EXPECT_TRUE(fs::is_directory(tmp.path() / "Quillmoor" / "quillmoord-data" / "users"));
 }
 
 TEST(GracefulStop, SigtermLetsAnUploadInFlightFinishThenExitsZero) {

@@ -95,24 +95,10 @@ std::string RawConnection::readUntil(const std::string& marker, std::chrono::mil
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
     const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
-    if (n <= 0) break;
+    if ((closed_ = n <= 0)) break;
     data.append(buf, static_cast<std::size_t>(n));
   }
   return data;
-}
-
-std::string RawConnection::readAll(std::chrono::milliseconds timeout) {
-  return readUntil("", timeout);
-}
-
-bool RawConnection::closedByPeer(std::chrono::milliseconds timeout) {
-  char buf[65536];
-  pollfd p{fd_, POLLIN, 0};
-  using Clock = std::chrono::steady_clock;
-  for (auto end = Clock::now() + timeout; Clock::now() < end;) {
-    if (::poll(&p, 1, 50) > 0 && ::recv(fd_, buf, sizeof buf, 0) <= 0) return true;
-  }
-  return false;
 }
 
 std::uint16_t freePort() {

@@ -40,15 +40,19 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
   bool connected() const { return fd_ >= 0; }
   bool send(const std::string& bytes);
-  // Reads until the peer closes or `timeout` passes; returns what arrived.
-  std::string readAll(std::chrono::milliseconds timeout);
   // Reads until `marker` has arrived (or close/timeout); returns everything read.
   std::string readUntil(const std::string& marker, std::chrono::milliseconds timeout);
+  // Reads until the peer closes or `timeout` passes; returns what arrived.
+  std::string readAll(std::chrono::milliseconds timeout) { return readUntil("", timeout); }
   // True when the peer closed the connection within `timeout`.
-  bool closedByPeer(std::chrono::milliseconds timeout);
+  bool closedByPeer(std::chrono::milliseconds timeout) {
+    readAll(timeout);
+    return closed_;
+  }
 
  private:
   int fd_ = -1;
+  bool closed_ = false;
 };
 
 // A port on 127.0.0.1 that was free a moment ago.

@@ -37,8 +37,7 @@ pid_t spawnInto(const std::string& program, std::vector<std::string> args, const
   const int outFd = ::open(out.c_str(), flags, 0600);
   const int errFd = ::open((out.string() + ".err").c_str(), flags, 0600);
   const pid_t pid = spawnProgram(std::move(args), -1, outFd, errFd);
-  ::close(outFd);
-  ::close(errFd);
+  ::close(outFd), ::close(errFd);
   return pid;
 }
 
@@ -65,8 +64,7 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
   int status = 0;
   const bool exited = pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status);
   ProcessResult result{exited ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
-  fs::remove(out);
-  fs::remove(err);
+  fs::remove(out), fs::remove(err);
   return result;
 }
 
@@ -89,10 +87,6 @@ bool ServerProcess::waitUntilListening(std::chrono::milliseconds timeout) {
     if (RawConnection(port_).connected()) return true;
   }
   return false;
-}
-
-std::string ServerProcess::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 std::string ServerProcess::output() const { return slurp(outFile_); }

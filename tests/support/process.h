@@ -36,7 +36,9 @@ class ServerProcess {
   std::uint16_t port() const { return port_; }
   pid_t pid() const { return pid_; }
   bool running();  // false once the process has ended (it is reaped then)
-  std::string url(const std::string& path) const;
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
   std::string output() const;  // standard output so far
   std::string errors() const;  // standard error so far
   // Waits for the process to end; its exit status, or -1 when it was killed by a signal or is

@@ -1,12 +1,18 @@
-#include "app/rate_limiter.h"
+// The server's own small parts: the rate limiter, the access log's line and the scheduler.
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
+#include "app/access_log.h"
+#include "app/rate_limiter.h"
+#include "app/scheduler.h"
 #include "support/numbered.h"
 
 namespace quill {
 namespace {
 
+using namespace std::chrono_literals;
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr Budget kCred = Budget::Credential, kAnon = Budget::Anonymous,
                  kStart = Budget::SignInStart;
@@ -93,6 +99,52 @@ TEST_F(RateLimiterTest, AFullTableEvictsTheClientSeenLongestAgo) {
   EXPECT_TRUE(charge("old", kCred));
   EXPECT_FALSE(charge("kept", kCred));
   EXPECT_EQ(limiter.size(), 4096u);
+}
+
+// Client text escaped; query values that may be secrets left out.
+TEST(AccessLogTest, KeepsOnlyHarmlessQueryValuesAndEscapesClientText) {
+  for (const auto& [target, logged] :
+       {std::pair{"/api/version", "/api/version"},
+        {"/x?", "/x?"},
+        {"/api/builds/b1/files?path=a%20b.pak", "/api/builds/b1/files?path=a%20b.pak"},
+        {"/api/invites/redeem?code=abc&machine=pc", "/api/invites/redeem?code=-&machine=pc"},
+        {"/api/sso/callback?state=s&code=c", "/api/sso/callback?state=-&code=-"},
+        {"/api/claim?pin=1234&machine=x", "/api/claim?pin=-&machine=x"},
+        {"/x?token=t&flag&=v&", "/x?token=-&flag&=-&"}}) {
+    EXPECT_EQ(loggableTarget(target), logged) << target;
+  }
+  AccessEntry e{.client = "203.0.113.7",
+                .user = "alice",
+                .method = "GET",
+                .target = "/a?code=secret",
+                .status = 206,
+                .bytes = 1048576,
+                .userAgent = "evil\"\n127.0.0.1 - admin",
+                .took = std::chrono::microseconds(4321),
+                .when = 1795995924};  // 2026-11-29 23:45:24
+  EXPECT_EQ(formatAccessLine(e),
+            "203.0.113.7 - alice [29/Nov/2026:23:45:24 +0000] \"GET /a?code=- HTTP/1.1\" 206 "
+            "1048576 \"-\" \"evil\\x22\\x0A127.0.0.1 - admin\" 0.004");
+  e = AccessEntry{}, e.status = 400;  // a request whose head could not be read
+  EXPECT_EQ(formatAccessLine(e).substr(0, 4), "- - ");
+  EXPECT_NE(formatAccessLine(e).find("] \"-\" 400 0 \"-\" \"-\" 0.000"), std::string::npos);
+}
+
+TEST(SchedulerTest, RunsRepeatedlyUntilStoppedAndNeverAfter) {
+  std::atomic<int> fast{0}, slow{0};
+  Scheduler scheduler;
+  scheduler.every(20ms, [&] { ++fast; });
+  scheduler.every(1h, [&] { ++slow; });
+  scheduler.start();
+  for (int i = 0; i < 250 && fast < 3; ++i) std::this_thread::sleep_for(20ms);
+  const auto asked = std::chrono::steady_clock::now();
+  scheduler.stop();  // does not wait for the hourly task
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
+  const int stopped = fast;
+  EXPECT_GE(stopped, 3);
+  EXPECT_EQ(slow, 0);
+  std::this_thread::sleep_for(60ms);
+  EXPECT_EQ(fast, stopped);
 }
 
 }  // namespace
