@@ -13,19 +13,15 @@ class ChannelApi : public ApiTest {
 };
 
 TEST_F(ChannelApi, InvalidNamesThenCreationAndItsEngineRules) {
-  for (const std::string name : {"bad\\sname", "{129*c}"}) {
-    vars_["name"] = name;
-    walk(R"(
-      POST /api/channels/$name?engine=Rill => 400 invalid channel name
-      GET /api/channels/$name => 400 invalid channel name
-      DELETE /api/channels/$name => 400 invalid channel name
-      POST /api/channels/$name/promote => 400 invalid channel name
-      POST /api/channels/$name/public?value=maybe => 400 invalid channel name
-      POST /api/channels/$name/launch nonsense => 400 invalid channel name
-    )");
-  }
   const std::string before = store::nowUtcText();
   walk(R"(
+    # Every route checks the name first; the name rule itself is the names module's business.
+    POST /api/channels/{129*c}?engine=Rill => 400 invalid channel name
+    GET /api/channels/bad\sname => 400 invalid channel name
+    DELETE /api/channels/bad\sname => 400 invalid channel name
+    POST /api/channels/bad\sname/promote => 400 invalid channel name
+    POST /api/channels/bad\sname/public?value=maybe => 400 invalid channel name
+    POST /api/channels/bad\sname/launch nonsense => 400 invalid channel name
     POST /api/channels/beta?engine=Rill => 400 engine must be 'barge' or 'rill'
     file channels/beta.json absent
     POST /api/channels/beta => 200 keys=build,created_at,engine,schema_version ; .schema_version=1 ; .engine="barge" ; .build="" ; .created_at~\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ ; =@channels/beta.json ; $at=.created_at
@@ -152,7 +148,6 @@ TEST_F(ChannelApi, LaunchTargetsAreCheckedInOrderUntilTheFirstFailure) {
     POST /api/channels/beta/launch nonsense => 400 body must be JSON {"launch_targets": [ ... ]}
     POST /api/channels/beta/launch [] => 400 body must be JSON {"launch_targets": [ ... ]}
     POST /api/channels/beta/launch {"launch_targets":{}} => 400 body must be JSON {"launch_targets": [ ... ]}
-    POST /api/channels/beta/launch {"targets":[]} => 400 body must be JSON {"launch_targets": [ ... ]}
     # The count is checked before any element.
     POST /api/channels/beta/launch {"launch_targets":[{32*5,}5]} => 400 at most 32 launch targets per channel
     POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe"},5]} => 400 each launch target must be an object
@@ -160,7 +155,6 @@ TEST_F(ChannelApi, LaunchTargetsAreCheckedInOrderUntilTheFirstFailure) {
     # Lengths count bytes: 65 two-byte letters are too many.
     POST /api/channels/beta/launch {"launch_targets":[{"label":"{65*\xC3\xA9}","exe":"bin/game.exe"}]} => 400 launch target 'label' must be 1..128 characters
     POST /api/channels/beta/launch {"launch_targets":[{"label":"Play"}]} => 400 launch target 'exe' must be a safe install-relative path (no '..', no drive, forward slashes)
-    POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"C:/game.exe"}]} => 400 launch target 'exe' must be a safe install-relative path (no '..', no drive, forward slashes)
     POST /api/channels/beta/launch {"launch_targets":[{"label":"Play","exe":"bin/game.exe","args":"{1025*a}"}]} => 400 launch target 'args' too long
     POST /api/channels/beta/launch {"launch_targets":[{"label":"A","exe":"a.exe","primary":true},{"label":"B","exe":"b"},{"label":"C","exe":"c.exe","primary":true}]} => 400 at most one launch target can be marked primary
     # Within an element: label, then exe, then args; the first failing element decides.
