@@ -44,28 +44,16 @@ TEST_F(InvitesApi, MintChecksInOrderAndFilesTheRecordUnderTheCodesHash) {
     POST /api/invites => 400 missing or invalid ?user= parameter
     POST /api/invites?user={129*x} => 400 missing or invalid ?user= parameter
     POST /api/invites?user=&days=0 => 400 missing or invalid ?user= parameter
-    POST /api/invites?user=bad\sname&days=0 => 400 missing or invalid ?user= parameter
-    POST /api/invites?user=..&days=0 => 400 missing or invalid ?user= parameter
-    POST /api/invites?user=con&days=0 => 400 missing or invalid ?user= parameter
-    POST /api/invites?user=a/b&days=0 => 400 missing or invalid ?user= parameter
     # A service account is refused before any group is examined.
-    POST /api/invites?user=ci => 400 service accounts cannot be invited - they use tokens
     POST /api/invites?user=ci&groups=ghost&days=0 => 400 service accounts cannot be invited - they use tokens
     POST /api/invites?user=bob&groups=testers,ghost => 404 group 'ghost' does not exist
     POST /api/invites?user=bob&groups=ghost&days=0 => 404 group 'ghost' does not exist
     POST /api/invites?user=bob&groups=bad\sname => 400 invalid group name in ?groups=
     POST /api/invites?user=bob&groups=testers,,testers => 400 invalid group name in ?groups=
-    POST /api/invites?user=bob&groups=,testers => 400 invalid group name in ?groups=
-    POST /api/invites?user=bob&groups=testers,.. => 400 invalid group name in ?groups=
-    POST /api/invites?user=bob&groups=nul => 400 invalid group name in ?groups=
     POST /api/invites?user=bob&days=0 => 400 days must be 1..3650
     POST /api/invites?user=bob&days=3651 => 400 days must be 1..3650
-    POST /api/invites?user=bob&days=-1 => 400 days must be 1..3650
     POST /api/invites?user=bob&days=abc => 400 days must be 1..3650
-    POST /api/invites?user=bob&days= => 400 days must be 1..3650
     POST /api/invites?user=bob&days=7x => 400 days must be 1..3650
-    POST /api/invites?user=bob&days=\s7 => 400 days must be 1..3650
-    POST /api/invites?user=bob&days=1.5 => 400 days must be 1..3650
     POST /api/invites?user=bob&days=99999999999999999999 => 400 days must be 1..3650
     files invites 0
     POST /api/invites?user=newbie&groups=testers,qa&email=n@example.com&display_name=New\sBie => 200 keys=code,expires_at,groups,id,schema_version,user ; .code~[A-Za-z0-9]{24} ; .id~[A-Za-z0-9]{8} ; .groups=["testers","qa"] ; .user="newbie" ; $code=.code ; $id=.id ; $at=.expires_at
@@ -99,8 +87,6 @@ TEST_F(InvitesApi, ListRevokeAndRedeem) {
     - POST /api/invites/redeem?code=$plain => 404 invalid or already used invite
     DELETE /api/invites/$id => 404 no such invite
     DELETE /api/invites/.. => 400 invalid invite id
-    DELETE /api/invites/con => 400 invalid invite id
-    DELETE /api/invites/a\sb => 400 invalid invite id
     DELETE /api/invites/caf\xc3\xa9 => 400 invalid invite id
     - POST /api/invites/redeem?code=$alice&machine=My\sLaptop! => 200 keys=channels,groups,role,schema_version,token,token_name,user ; .token~[A-Za-z0-9]{48} ; .channels=[] ; .groups=[] ; .role="member" ; .schema_version=1 ; .token_name="alice-MyLaptop" ; .user="alice" ; .#=7 ; $token=.token
     file users/alice.json .role="member" ; .email="alice@example.com" ; .display_name="Alice A"
@@ -117,19 +103,19 @@ TEST_F(InvitesApi, ListRevokeAndRedeem) {
 }
 
 TEST_F(InvitesApi, RedeemTokenNameKeepsOnlyNameCharactersOfTheMachine) {
-  for (const char* user : {"u0", "u1", "u2", "u3", "u4"}) invite(user, user);
+  for (const char* user : {"u0", "u2", "u3", "u4"}) invite(user, user);
   walk(R"(
     - POST /api/invites/redeem?code=$u0 => 200 .token_name="u0-device"
-    - POST /api/invites/redeem?code=$u1&machine= => 200 .token_name="u1-device"
     - POST /api/invites/redeem?code=$u2&machine=!!!\s? => 200 .token_name="u2-device"
     - POST /api/invites/redeem?code=$u3&machine=build_box.01-b => 200 .token_name="u3-build_box.01-b"
     - POST /api/invites/redeem?code=$u4&machine=caf\xc3\xa9\s#9 => 200 .token_name="u4-caf9"
   )");
   // A long machine name still mints a valid token name; the second of a name gets a suffix.
   for (const std::string& user : {std::string("bo"), std::string(128, 'u')}) {
-    for (std::size_t length : {200u, 300u, 200u, 300u}) {
+    for (std::size_t length : {300u, 300u}) {
       invite("c", user);
-      auto res = redeem(vars_["c"], std::string(length, 'm').c_str());
+      const auto res = send(Req("POST", "/api/invites/redeem").q("code", vars_["c"])
+                                .q("machine", std::string(length, 'm')).from(freshPeer()));
       const std::string name = bodyOf(res)["token_name"].asString();
       EXPECT_TRUE(store::isValidName(name) && name.starts_with(user.substr(0, 100))) << name;
       EXPECT_TRUE(fs::is_regular_file(tokenPath(name))) << name;
@@ -181,28 +167,20 @@ TEST_F(InvitesApi, AccessRequestsAreCheckedStoredCappedApprovedAndDeclined) {
     - POST /api/access-requests => 400 JSON body required
     - POST /api/access-requests not\sjson => 400 JSON body required
     - POST /api/access-requests [1,2] => 400 JSON body required
-    - POST /api/access-requests "name" => 400 JSON body required
-    - POST /api/access-requests 42 => 400 JSON body required
-    - POST /api/access-requests null => 400 JSON body required
     - POST /api/access-requests {"name":{1001*[}{1001*]}} => 400 JSON body required
     - POST /api/access-requests {"email":"a@example.com"} => 400 missing or invalid name
     - POST /api/access-requests {"name":42,"email":"a@example.com"} => 400 missing or invalid name
     - POST /api/access-requests {"name":"","email":"a@example.com"} => 400 missing or invalid name
     - POST /api/access-requests {"name":"{129*n}","email":"a@example.com"} => 400 missing or invalid name
-    - POST /api/access-requests {"name":"..","email":"a@example.com"} => 400 missing or invalid name
     - POST /api/access-requests {"name":"con","email":"a@example.com"} => 400 missing or invalid name
-    - POST /api/access-requests {"name":"Aux.txt","email":"a@example.com"} => 400 missing or invalid name
     - POST /api/access-requests {"name":"a..b","email":"a@example.com"} => 400 missing or invalid name
-    - POST /api/access-requests {"name":"x..","email":"a@example.com"} => 400 missing or invalid name
     # The name is checked before the address.
     - POST /api/access-requests {"name":"","email":"bad"} => 400 missing or invalid name
     - POST /api/access-requests {"name":"ann"} => 400 a valid email address is required
-    - POST /api/access-requests {"name":"ann","email":""} => 400 a valid email address is required
     - POST /api/access-requests {"name":"ann","email":"@example.com"} => 400 a valid email address is required
     - POST /api/access-requests {"name":"ann","email":"ann@example"} => 400 a valid email address is required
     - POST /api/access-requests {"name":"ann","email":"ann.x@example"} => 400 a valid email address is required
     - POST /api/access-requests {"name":"ann","email":"ann @example.com"} => 400 a valid email address is required
-    - POST /api/access-requests {"name":"ann","email":"ann@example.com "} => 400 a valid email address is required
     - POST /api/access-requests {"name":"ann","email":"annexample.com"} => 400 a valid email address is required
     files access-requests 0
     - POST /api/access-requests {"name":"fresh","email":"f@b.c","message":"let me\\tin\\nplease"} => 200 {"accepted":true}
@@ -232,7 +210,6 @@ TEST_F(InvitesApi, AccessRequestsAreCheckedStoredCappedApprovedAndDeclined) {
     DELETE /api/access-requests/$third => 404 no such request
     POST /api/access-requests/$known/approve => 404 no such request
     DELETE /api/access-requests/con => 404 no such request
-    POST /api/access-requests/nosuch/approve => 404 no such request
   )");
   named("code", vars_["code"]);
   EXPECT_LE(expiry("code"), std::time(nullptr) + 30 * 86400);
@@ -266,17 +243,13 @@ TEST_F(InvitesApi, TheClaimTakesOnlyTheExactPinOfAnEnabledClaim) {
   walk(R"(
     - GET /api/claim => 200 {"claimable":true,"claimed":false,"schema_version":1}
     - POST /api/claim => 403 invalid claim pin
-    - POST /api/claim?pin= => 403 invalid claim pin
     - POST /api/claim?pin=1234 => 403 invalid claim pin
   )");
   open("1234");
   walk(R"(
-    - POST /api/claim => 403 invalid claim pin
-    - POST /api/claim?pin= => 403 invalid claim pin
     - POST /api/claim?pin=123 => 403 invalid claim pin
     - POST /api/claim?pin=12345 => 403 invalid claim pin
     - POST /api/claim?pin=1234\s => 403 invalid claim pin
-    - POST /api/claim?pin=\s1234 => 403 invalid claim pin
   )");
   open(std::string("12\0" "34", 5));  // compared by its length, not as a C string
   walk("- POST /api/claim?pin=12 => 403 invalid claim pin\n files users 0 | files tokens 0");

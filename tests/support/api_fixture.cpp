@@ -106,6 +106,27 @@ bool markImmutable(const fs::path& path, bool on) {
   return done;
 }
 
+// The top-level member names of a JSON object body, in the order they were sent.
+std::vector<std::string> memberOrder(const http::Response& res) {
+  Strings keys;
+  const std::string& s = res.body;  // compact JSON: a top-level key follows '{' or ',' at depth 1
+  for (std::size_t i = 0, depth = 0, start; bodyOf(res).isObject() && i < s.size(); ++i) {
+    if (s[start = i] == '"') {
+      while (s[++i] != '"') i += s[i] == '\\';
+      if (depth == 1 && (s[start - 1] == '{' || s[start - 1] == ',')) {
+        keys.push_back(s.substr(start + 1, i - start - 1));
+      }
+    }
+    depth += (s[i] == '{' || s[i] == '[') - (s[i] == '}' || s[i] == ']');
+  }
+  return keys;
+}
+
+std::size_t filesIn(const fs::path& dir) {
+  if (!fs::is_directory(dir)) return 0;
+  return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), {}));
+}
+
 }  // namespace
 
 Req::Req(std::string method, std::string path) {
@@ -144,21 +165,6 @@ std::string headerOf(const http::Response& res, const std::string& name) {
   return ::testing::AssertionFailure() << "got " << res.status << " " << res.body;
 }
 
-std::vector<std::string> memberOrder(const http::Response& res) {
-  Strings keys;
-  const std::string& s = res.body;  // compact JSON: a top-level key follows '{' or ',' at depth 1
-  for (std::size_t i = 0, depth = 0, start; bodyOf(res).isObject() && i < s.size(); ++i) {
-    if (s[start = i] == '"') {
-      while (s[++i] != '"') i += s[i] == '\\';
-      if (depth == 1 && (s[start - 1] == '{' || s[start - 1] == ',')) {
-        keys.push_back(s.substr(start + 1, i - start - 1));
-      }
-    }
-    depth += (s[i] == '{' || s[i] == '[') - (s[i] == '}' || s[i] == ']');
-  }
-  return keys;
-}
-
 Json::Value strings(std::initializer_list<const char*> items) {
   Json::Value array(Json::arrayValue);
   for (const char* item : items) array.append(item);
@@ -178,23 +184,6 @@ std::string fileBody(const http::Response& res) {
   std::string bytes(res.fileLength.value_or(size - std::min(size, res.fileOffset)), '\0');
   const ssize_t n = ::pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(res.fileOffset));
   return bytes.substr(0, n < 0 ? 0 : static_cast<std::size_t>(n));
-}
-
-bool isUtcStamp(const Json::Value& value) {
-  static const std::regex kStamp("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z");
-  return value.isString() && std::regex_match(value.asString(), kStamp);
-}
-
-bool isRandomText(const Json::Value& value, std::size_t length) {
-  const std::regex random("[A-Za-z0-9]{" + std::to_string(length) + "}");
-  return value.isString() && std::regex_match(value.asString(), random);
-}
-
-std::size_t filesIn(const fs::path& dir) {
-  std::error_code ec;
-  std::size_t n = 0;
-  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) ++n;
-  return n;
 }
 
 ApiTest::~ApiTest() {
@@ -259,22 +248,6 @@ void ApiTest::setMember(const fs::path& path, const char* member, const Json::Va
 std::string ApiTest::freshPeer() {
   ++peers_;
   return "10.9." + std::to_string(peers_ / 250) + "." + std::to_string(peers_ % 250 + 1);
-}
-
-http::Response ApiTest::redeem(const std::string& code, const char* machine) {
-  Req req = Req("POST", "/api/invites/redeem").q("code", code).from(freshPeer());
-  return send(machine ? req.q("machine", machine) : req);
-}
-
-http::Response ApiTest::upload(const std::string& id, const std::string& path, std::string bytes) {
-  return asAdmin(Req("PUT", "/api/builds/" + id + "/files").q("path", path).body(std::move(bytes)));
-}
-http::Response ApiTest::finalize(const std::string& id) {
-  return asAdmin(Req("POST", "/api/builds/" + id + "/finalize"));
-}
-void ApiTest::makeBuild(const std::string& id, Files files) {
-  for (auto& [path, content] : files) ASSERT_TRUE(isOk(upload(id, path, content)));
-  ASSERT_TRUE(isOk(finalize(id)));
 }
 
 fs::path ApiTest::record(const fs::path& dir, const std::string& name) {
@@ -396,12 +369,15 @@ void ApiTest::step(const std::string& line) {
   } else if (verb == "channel") {
     if (args[0] == "public") args[0].swap(args[1]);
     writeChannel(a, args[0] == "-" ? "" : args[0], args[1] == "public");
-  } else if (verb == "build") {
-    std::vector<std::pair<std::string, std::string>> files;
-    for (const auto& f : args) {
-      if (!f.empty()) files.emplace_back(f.substr(0, f.find('=')), f.substr(f.find('=') + 1));
+  } else if (verb == "build") {  // uploads each path=content (app.bin=bytes if none), finalizes
+    for (const auto& f : args[0].empty() ? Strings{"app.bin=bytes"} : args) {
+      const auto eq = f.find('=');
+      Req put = Req("PUT", "/api/builds/" + a + "/files").q("path", f.substr(0, eq));
+      if (!f.empty()) {
+        EXPECT_TRUE(isOk(asAdmin(put.body(f.substr(eq + 1))))) << f;
+      }
     }
-    makeBuild(a, files.empty() ? decltype(files){{"app.bin", "bytes"}} : files);
+    EXPECT_TRUE(isOk(asAdmin(Req("POST", "/api/builds/" + a + "/finalize")))) << a;
   } else if (verb == "set") {
     Json::Value doc = readDoc(path), *at = &doc;
     for (const auto& part : split(rest.substr(1, rest.find('=') - 1), ".")) at = &(*at)[part];

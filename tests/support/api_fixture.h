@@ -23,7 +23,6 @@
 namespace quill::test {
 
 namespace fs = std::filesystem;
-using Files = std::vector<std::pair<std::string, std::string>>;  // (path, content)
 
 // A request head as the server would hand it over; peer 10.0.0.1 unless told otherwise.
 class Req {
@@ -48,15 +47,10 @@ std::string headerOf(const http::Response& res, const std::string& name);
 ::testing::AssertionResult isError(const http::Response& res, unsigned status,
                                    const std::string& text);
 ::testing::AssertionResult isOk(const http::Response& res);
-// The top-level member names of a JSON object body, in the order they were sent.
-std::vector<std::string> memberOrder(const http::Response& res);
 Json::Value strings(std::initializer_list<const char*> items);
 std::string readBytes(const fs::path& path);
 // The bytes of a file answer (its range only), whether the handler named the file or opened it.
 std::string fileBody(const http::Response& res);
-bool isUtcStamp(const Json::Value& value);
-bool isRandomText(const Json::Value& value, std::size_t length);
-std::size_t filesIn(const fs::path& dir);
 
 class ApiTest : public TempDirTest {
  protected:
@@ -80,12 +74,6 @@ class ApiTest : public TempDirTest {
   void setMember(const fs::path& record, const char* member, const Json::Value& value);
   // A peer no other request used, so one attempt's credential budget never spills into the next.
   std::string freshPeer();
-  // POST /api/invites/redeem from a fresh peer; `machine` is left off when null.
-  http::Response redeem(const std::string& code, const char* machine = nullptr);
-  // The build routes as the admin; makeBuild finalizes a build holding `files`.
-  http::Response upload(const std::string& id, const std::string& path, std::string bytes);
-  http::Response finalize(const std::string& id);
-  void makeBuild(const std::string& id, Files files = {{"app.bin", "bytes"}});
 
   fs::path userPath(const std::string& name) const { return record(data().users(), name); }
   fs::path tokenPath(const std::string& name) const { return record(data().tokens(), name); }
