@@ -25,10 +25,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto* raw = new MemoryProvider;
   EncryptedProvider store(kKey, StorageProviderPtr(raw));
   raw->put("k", input);
-  std::string body;
-  std::string error;
-  if (store.get("k", body, &error)) {
-    if (body.size() + kSealedOverhead != input.size()) std::abort();
+  const auto body = store.get("k");
+  const std::string& error = body.error();
+  if (body) {
+    if (body.value().size() + kSealedOverhead != input.size()) std::abort();
   } else if (error != "k: not an encrypted object (wrong store, or written without a key)" &&
              error != "k: decryption failed (wrong key, or the object is corrupt)") {
     std::abort();
