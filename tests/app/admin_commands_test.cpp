@@ -29,8 +29,13 @@ Words words(const std::string& line) {
   Words args;
   std::istringstream in(line);
   for (std::string word; in >> word;) {
-    for (std::size_t at; (at = word.find("\\s")) != std::string::npos;) word.replace(at, 2, " ");
-    args.push_back(word == "''" ? "" : word);
+    std::string spaced;  // appended, not replaced in place: GCC 12 at -O3 misjudges replace()
+    for (std::size_t i = 0; i < word.size(); ++i) {
+      const bool escape = word.compare(i, 2, "\\s") == 0;
+      spaced += escape ? ' ' : word[i];
+      i += escape ? 1 : 0;
+    }
+    args.push_back(spaced == "''" ? "" : spaced);
   }
   return args;
 }
