@@ -61,11 +61,4 @@ class Result {
   Failure failure_{std::string()};
 };
 
-// Writes `reason` into `*error` when the caller asked for it; returns false for use in
-// `return fail(error, ...)`.
-inline bool fail(std::string* error, std::string reason) {
-  if (error) *error = std::move(reason);
-  return false;
-}
-
 }  // namespace quill::base

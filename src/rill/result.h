@@ -5,7 +5,6 @@
 
 namespace quill::rill {
 
-using base::fail;
 using base::Failure;
 using base::Result;
 

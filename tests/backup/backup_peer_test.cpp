@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <fstream>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -389,6 +390,13 @@ TEST_F(BackupApiTest, TheScheduleFiresOncePerDayAtItsMinute) {
   checkSchedule(ctx(), now);  // done for today
   EXPECT_FALSE(backups.running.load());
   walk(R"(file backup-state.json .snapshot="$first")");
+  // A schedule beside settings that no longer load is due all the same, and says why it failed.
+  backups.lastScheduledDate.clear();
+  std::ofstream(backupConfigPath(data().root())) << R"({"daily_at":")" << minute.time << R"("})";
+  testing::internal::CaptureStderr();
+  checkSchedule(ctx(), now);
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with("scheduled backup failed: "));
+  EXPECT_TRUE(backups.lastScheduledDate == minute.date && !backups.running.load());
   EXPECT_FALSE(isScheduleDue("07:30", {"07:31", "2026-01-02"}, "2026-01-01"));
   EXPECT_FALSE(isScheduleDue("", {"", "2026-01-02"}, ""));
 }
